@@ -1,0 +1,77 @@
+/*
+ * jxdr.h - the message envelope (source name "jxdr").
+ *
+ * One JXDR is one request or reply: header, JSON tree and a 256 KiB arena
+ * from which decoded records and result buffers are carved.  Everything
+ * carved from the arena dies with the envelope in jxdr_destroy().
+ */
+#ifndef JXDR_H
+#define JXDR_H
+
+#include <jansson.h>
+#include "zel_basic_types.h"
+
+#define JXDR_ENCODE      1
+#define JXDR_DECODE      2
+#define JXDR_TYPE_CALL   1
+#define JXDR_TYPE_REPLY  2
+#define JXDR_ARENA_SIZE  262144
+
+typedef struct JXDR_Header {
+    int ver;
+    int type;
+    int seq;
+    int st;
+    int fn;
+} JXDR_Header;
+
+typedef struct JXDR_Param {
+    char* p_org;   /* start of the block, null until first use */
+    char* p_cur;   /* next free byte */
+    int   l_all;   /* block size */
+    int   l_rem;   /* bytes left */
+} JXDR_Param;
+
+typedef struct JXDR {
+    int         x_op;
+    JXDR_Header x_hr;
+    json_t*     x_hd;
+    JXDR_Param  x_param;
+} JXDR;
+
+/*
+ * Every procedure codec: decode (x_op 2) fills rec from "param"; called with
+ * rec == null on a reply it allocates an empty result; encode (x_op 1) with
+ * rec set builds "param".  0 on success, -1 on mismatch.
+ */
+typedef int (*jxdrproc_t)(JXDR* xdrs, char*& record);
+
+/* Adapts a codec written for a typed record to the generic jxdrproc_t. */
+template <typename T, int (*F)(JXDR*, T*&)>
+int jxdr_typed_proc(JXDR* xdrs, char*& record)
+{
+    T* typed = (T*)record;
+    int rc = F(xdrs, typed);
+    record = (char*)typed;
+    return rc;
+}
+#define JXDR_PROC(T, f) (&jxdr_typed_proc<T, f>)
+
+int    _jxdr_inc_seq(void);
+int    jxdr_get_seq(void);
+int    jxdr_header(JXDR* xdrs);
+JXDR*  jxdr_create(char* buffer);
+JXDR*  jxdr_create_call(int fn);
+JXDR*  jxdr_create_reply(JXDR* jxdr);
+char*  jxdr_param_alloc(JXDR* xdrs, int size);
+bool_t jxdr_destroy(JXDR* xdrs);
+int    jxdr_proc_num(JXDR* xdrs);
+char*  jxdr_to_string(JXDR* xdrs);
+char*  jxdr_reply(JXDR* xdrs, jxdrproc_t fun, char* result);
+int    jxdr_call(void);
+
+/* Protocol debug log: writes only when KVXEALIB_DEBUG and KVXSVR_HOME are set. */
+int    dlog2(const char* filename, int line, const char* format, ...);
+int    dlog(const char* format);
+
+#endif /* JXDR_H */

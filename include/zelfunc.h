@@ -1,0 +1,115 @@
+/*
+ * zelfunc.h - process execution, pseudo-terminal and su/sudo runners,
+ * directories, paths, locks, shared memory, time stamps and trims of the
+ * utility library (source name "zelfunc").
+ *
+ * Fixed buffers: 4096 bytes for paths and command lines, 1024 for short
+ * texts, 128 for passwords and user names.  Every copy is bounded.
+ */
+#ifndef ZELFUNC_H
+#define ZELFUNC_H
+
+#include <stddef.h>
+#include <sys/types.h>
+#include "zel_basic_types.h"
+#include "kvx_records.h"
+
+/* ---- argument vectors and plain execution (zelfunc_exec) ---- */
+
+/* Appends one printf-formatted argument; 0, or -1 when the vector is full. */
+int   PushArgv(char** argv, unsigned maxsize, const char* format, ...)
+        __attribute__((format(printf, 3, 4)));
+int   CleanArgv(char** argv);
+int   CleanLastArgv(char** argv);
+
+/* system() with SIGCHLD at default; decoded exit status (see .cpp). Logs. */
+int   ExecuteCmd(const char* cmd);
+/* Same without the log line. */
+int   ExecuteCmdSilently(const char* cmd);
+/* fork/execvp with stdin fed from input and stdout captured after exit. */
+int   ExecuteProcess(char** argv, const char* input, size_t inputsize,
+                     char* output, size_t outputsize);
+int   check_process_running(const char* jobuuid, int* run);
+char* GetProcessModulePath(char* path, int len);
+int   isdigitstring(const char* s);
+
+/* ---- pseudo-terminal runner (zelfunc_pty) ---- */
+
+int   ExecuteCmdInteractively(char** argv, const char* pwd, int block, int mytimeout,
+                              char* output, int outputSize);
+int   ProcessSudoOutput(char* output, int outputSize);
+
+/* ---- privileged execution (zelfunc_su) ---- */
+
+int   SuperExecuteCmd(const char* user, const char* pwd, const char* cmd, int block,
+                      char* output, int outputSize);
+int   SuperExecuteCmdEx(const char* user, const char* pwd, const char* cmd, int block,
+                        int mytimeout, char* output, int outputSize);
+int   SudoExecuteCmdEx(const char* pwd, const char* cmd, int block, int mytimeout,
+                       char* output, int outputSize);
+int   CheckRootUser(const char* user, const char* pwd, int* uid);
+
+/* ---- directories and paths (zelfunc_paths) ---- */
+
+#define TARGET_WORK_DIR_ENV       "TARGET_WORK_DIR"
+#define TARGET_BOOTSTRAP_DIR_ENV  "TARGET_BOOTSTRAP_DIR"
+#define ZEL_ROOT_PATH_ENV         "ZEL_ROOT_PATH"
+
+char* GetTargetWorkDir(void);
+char* GetTargetBootstrapDir(void);
+char* GetEnvLdLibraryPath(void);
+char* GetEATarget(void);
+char* GetZelRootDir(void);
+
+char* path_join(const char* src1, const char* src2, char* dst, size_t len);
+/* Copies at most n-1 bytes and always terminates dst[n-1]. Returns dst. */
+char* exstrncpy(char* dst, const char* src, size_t n);
+int   CreateDirectory(const char* path);
+
+enum _EnumFileProperty {
+    FILE_REGULAR    = 1,
+    FILE_DIRECTORY  = 2,
+    FILE_LINK       = 4,
+    FILE_BLOCK      = 8,
+    FILE_CHARACTER  = 16,
+    FILE_SOCKET     = 32,
+    FILE_FIFO       = 64,
+    FILE_READABLE   = 65536,
+    FILE_WRITABLE   = 131072,
+    FILE_EXECUTABLE = 262144,
+    FILE_EMPTY      = 524288,
+    FILE_NON_EMPTY  = 1048576
+};
+int   CheckFileProperty(const char* file, unsigned iprop, int rpc);
+
+/* Single-instance lock: descriptor >= 0, -2 held elsewhere, -1 failure. */
+int   check_and_lock_file(const char* path, int quiet);
+
+/* ---- shared memory (zelfunc_shm) ---- */
+
+#define KVX_IPC_KEY ((int)0xac23e27e)
+int   GetIPCKey(void);
+void* AttachSHM(int size, int shmid);
+int   DetachSHM(void* addr);
+/* Writer side: creates the segment (IPC_CREAT|0666); shmid or -1. */
+int   CreateSHM(int size);
+int   DelSHM(int shmid);
+
+/* ---- time stamps and trims (zelfunc_paths) ---- */
+
+char* GetSysDate(void);
+char* GetLastDate(char sep, int days);
+char* GetSysTime(void);
+char* TrimRightSpaces(char* s);
+char* TrimLeftSpaces(char* s);
+char* TrimSpaces(char* s);
+char* rtrim(char* s);
+char* ltrim(char* s);
+char* trim(char* s);
+
+/* ---- job result file (zelfunc_jobres) ---- */
+
+int   create_job_result(const char* path, JOB_RESULT* rec);
+int   read_job_result(const char* path, JOB_RESULT* rec);
+
+#endif /* ZELFUNC_H */

@@ -1,0 +1,99 @@
+/*
+ * agent_harness.h - runs a staged copy of kvx_ea as the backup server does.
+ *
+ * Each harness makes a private tree:
+ *     <root>/boot/kvx_ea                 copy of the agent (TARGET_BOOTSTRAP_DIR)
+ *     <root>/work/                       --targetworkdir (logs/ appear here)
+ *     <root>/work/linux-kvx-client/      stubs; first on the agent's PATH
+ * and starts the agent under a disposable parent process, so the agent's
+ * cleanup (which deletes its own file and kills its parent) harms nothing.
+ * The test process is a child subreaper, so an agent whose parent was killed
+ * is re-parented to the test and its exit status can still be collected.
+ *
+ * The agent binary is $KVX_EA_BINARY if set, else KVX_BIN_DIR/kvx_ea.
+ */
+#ifndef AGENT_HARNESS_H
+#define AGENT_HARNESS_H
+
+#include <sys/types.h>
+#include <string>
+#include <vector>
+#include "exec_proto.h"
+#include "ea_proto.h"
+
+class AgentHarness {
+public:
+    AgentHarness();
+    ~AgentHarness();
+
+    std::string root, boot_dir, work_dir, client_dir;
+
+    /* ---- node set-up before start() ---- */
+    /* Stub program in client_dir that appends one line per call, the program
+     * name and its arguments joined by single blanks, to client_dir/<name>.calls,
+     * runs extra_sh (shell text, may be empty) and exits with exit_code.
+     * A stub never reads standard input unless extra_sh does. */
+    void add_stub(const std::string& name, int exit_code = 0, const std::string& extra_sh = "");
+    /* Lines recorded by a stub, oldest first (empty when never called). */
+    std::vector<std::string> stub_calls(const std::string& name) const;
+    /* Executable /bin/sh script at an absolute path. */
+    static void write_script(const std::string& path, const std::string& body);
+    /* Copies the simulated backup program to client_dir/kvxbackupvol. */
+    void install_simulator();
+    /* Extra or overriding environment variable for the agent. */
+    void set_env(const std::string& name, const std::string& value);
+    /* Runs the agent (not its parent) as this account; the tree is chowned. */
+    void run_as(uid_t uid, gid_t gid);
+
+    /* ---- the agent process ---- */
+    /* Starts the agent; args default to {"--targetworkdir", work_dir}. */
+    bool start(const std::vector<std::string>& args = {}, bool default_args = true);
+    /* Client endpoint bound to the agent's standard input and output. */
+    ExecProto* proto() { return m_proto; }
+    /* ExecProto::call guarded by a watchdog: after timeout_ms the agent is
+     * killed, which makes the call return -2. */
+    int call(int fn, jxdrproc_t f_args, char* args, jxdrproc_t f_resp, char* resp,
+             int timeout_ms = 30000);
+    /* Writes text followed by "\n" to the agent's standard input. */
+    void send_raw(const std::string& text);
+    /* Reads one raw record (up to and including "\n") within timeout_ms;
+     * false when nothing arrived. */
+    bool read_raw(std::string& out, int timeout_ms);
+    /* True when reply bytes arrive within timeout_ms. */
+    bool reply_pending(int timeout_ms);
+    void close_input();
+    /* Exit status of the agent (0-255, 128+signal when killed), or -1 when
+     * it has not ended within timeout_s. */
+    int  wait_exit(int timeout_s);
+    bool parent_alive();
+    void kill_parent(int sig = SIGKILL);
+    void signal_agent(int sig);
+    pid_t agent_pid() const { return m_agent; }
+    pid_t parent_pid() const { return m_parent; }
+
+    /* ---- what the node shows afterwards ---- */
+    std::string log() const;            /* work/logs/kvx-agent.log */
+    std::string agent_stderr() const;   /* the agent's standard error */
+    static bool exists(const std::string& path);
+    static std::string read_file(const std::string& path);
+    static void write_file(const std::string& path, const std::string& text);
+
+private:
+    void stop();
+    std::vector<std::string> m_env;
+    uid_t m_uid;
+    gid_t m_gid;
+    bool  m_as_user;
+    pid_t m_parent;
+    pid_t m_agent;
+    int   m_to_agent;      /* write end of the agent's stdin */
+    int   m_from_agent;    /* read end of the agent's stdout */
+    int   m_status_fd;     /* parent reports the agent's pid and exit status */
+    int   m_exit;          /* collected exit status, -1 until known */
+    FILE* m_in;
+    FILE* m_out;
+    STDIOChannel* m_channel;
+    ExecProto*    m_proto;
+};
+
+#endif /* AGENT_HARNESS_H */
