@@ -15,6 +15,7 @@
 #ifndef AGENT_HARNESS_H
 #define AGENT_HARNESS_H
 
+#include <signal.h>
 #include <sys/types.h>
 #include <string>
 #include <vector>

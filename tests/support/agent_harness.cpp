@@ -1,0 +1,498 @@
+/*
+ * agent_harness.cpp - stages and runs kvx_ea under a disposable parent.
+ *
+ * Process tree:  test (child subreaper) -> parent P (own session) -> agent A.
+ * P reports A's pid and, when A ends, A's wait status over a pipe.  When A's
+ * cleanup kills P, A is re-parented to the test, which then reaps A itself.
+ */
+#include "agent_harness.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <ftw.h>
+#include <grp.h>
+#include <poll.h>
+#include <signal.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/mount.h>
+#include <sys/prctl.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <condition_variable>
+#include <fstream>
+#include <mutex>
+#include <sstream>
+#include <thread>
+
+namespace {
+
+uid_t g_chown_uid;
+gid_t g_chown_gid;
+
+int chown_entry(const char* path, const struct stat*, int, struct FTW*)
+{
+    if (lchown(path, g_chown_uid, g_chown_gid) != 0)
+        return -1;
+    return 0;
+}
+
+int remove_entry(const char* path, const struct stat*, int, struct FTW*)
+{
+    remove(path);
+    return 0;
+}
+
+bool copy_file(const std::string& from, const std::string& to, mode_t mode)
+{
+    std::ifstream in(from, std::ios::binary);
+    if (!in)
+        return false;
+    std::ofstream out(to, std::ios::binary | std::ios::trunc);
+    out << in.rdbuf();
+    out.close();
+    return chmod(to.c_str(), mode) == 0;
+}
+
+/* Reads exactly n bytes within timeout_ms; false on time-out or end of file. */
+bool read_exact(int fd, void* buf, size_t n, int timeout_ms)
+{
+    char* p = (char*)buf;
+    size_t got = 0;
+    while (got < n) {
+        struct pollfd pfd = {fd, POLLIN, 0};
+        int rc = poll(&pfd, 1, timeout_ms);
+        if (rc < 0 && errno == EINTR)
+            continue;
+        if (rc <= 0)
+            return false;
+        ssize_t r = read(fd, p + got, n - got);
+        if (r < 0 && errno == EINTR)
+            continue;
+        if (r <= 0)
+            return false;
+        got += (size_t)r;
+    }
+    return true;
+}
+
+int decode_status(int st)
+{
+    if (WIFEXITED(st))
+        return WEXITSTATUS(st);
+    if (WIFSIGNALED(st))
+        return 128 + WTERMSIG(st);
+    return st;
+}
+
+std::string agent_binary()
+{
+    const char* env = getenv("KVX_EA_BINARY");
+    if (env && *env)
+        return env;
+    return std::string(KVX_BIN_DIR) + "/kvx_ea";
+}
+
+/* Mount points at or below dir, deepest first. */
+std::vector<std::string> mounts_below(const std::string& dir)
+{
+    std::vector<std::string> found;
+    std::ifstream in("/proc/self/mountinfo");
+    std::string line;
+    while (std::getline(in, line)) {
+        std::istringstream fields(line);
+        std::string id, parent, devno, rootp, point;
+        fields >> id >> parent >> devno >> rootp >> point;
+        if (point.compare(0, dir.size(), dir) == 0 &&
+            (point.size() == dir.size() || point[dir.size()] == '/'))
+            found.push_back(point);
+    }
+    std::sort(found.begin(), found.end(),
+              [](const std::string& a, const std::string& b) { return a.size() > b.size(); });
+    return found;
+}
+
+} /* namespace */
+
+AgentHarness::AgentHarness()
+    : m_uid(0), m_gid(0), m_as_user(false), m_parent(-1), m_agent(-1),
+      m_to_agent(-1), m_from_agent(-1), m_status_fd(-1), m_exit(-1),
+      m_in(nullptr), m_out(nullptr), m_channel(nullptr), m_proto(nullptr)
+{
+    signal(SIGPIPE, SIG_IGN);
+    prctl(PR_SET_CHILD_SUBREAPER, 1);
+
+    char tmpl[] = "/tmp/kvxtest.XXXXXX";
+    if (!mkdtemp(tmpl))
+        abort();
+    root = tmpl;
+    chmod(root.c_str(), 0755);
+    boot_dir = root + "/boot";
+    work_dir = root + "/work";
+    client_dir = work_dir + "/linux-kvx-client";
+    mkdir(boot_dir.c_str(), 0755);
+    mkdir(work_dir.c_str(), 0755);
+    mkdir(client_dir.c_str(), 0755);
+    copy_file(agent_binary(), boot_dir + "/kvx_ea", 0755);
+
+    m_env.push_back("PATH=/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin");
+    m_env.push_back("HOME=/root");
+    m_env.push_back("LANG=C");
+    const char* keep[] = {"ASAN_OPTIONS", "UBSAN_OPTIONS", "LSAN_OPTIONS"};
+    for (const char* name : keep) {
+        const char* v = getenv(name);
+        if (v)
+            m_env.push_back(std::string(name) + "=" + v);
+    }
+}
+
+AgentHarness::~AgentHarness()
+{
+    stop();
+    for (const std::string& point : mounts_below(root))
+        umount2(point.c_str(), MNT_DETACH);
+    nftw(root.c_str(), remove_entry, 16, FTW_DEPTH | FTW_PHYS);
+}
+
+void AgentHarness::add_stub(const std::string& name, int exit_code, const std::string& extra_sh)
+{
+    std::ostringstream s;
+    s << "d=$(cd \"$(dirname \"$0\")\" && pwd)\n"
+      << "n=$(basename \"$0\")\n"
+      << "line=\"$n\"\n"
+      << "for a in \"$@\"; do line=\"$line $a\"; done\n"
+      << "printf '%s\\n' \"$line\" >> \"$d/$n.calls\"\n"
+      << extra_sh << "\n"
+      << "exit " << exit_code << "\n";
+    write_script(client_dir + "/" + name, s.str());
+}
+
+std::vector<std::string> AgentHarness::stub_calls(const std::string& name) const
+{
+    std::vector<std::string> lines;
+    std::ifstream in(client_dir + "/" + name + ".calls");
+    std::string line;
+    while (std::getline(in, line))
+        lines.push_back(line);
+    return lines;
+}
+
+void AgentHarness::write_script(const std::string& path, const std::string& body)
+{
+    write_file(path, "#!/bin/sh\n" + body);
+    chmod(path.c_str(), 0755);
+}
+
+void AgentHarness::install_simulator()
+{
+    copy_file(std::string(KVX_BIN_DIR) + "/kvxbackupvol-sim", client_dir + "/kvxbackupvol", 0755);
+}
+
+void AgentHarness::set_env(const std::string& name, const std::string& value)
+{
+    std::string prefix = name + "=";
+    m_env.erase(std::remove_if(m_env.begin(), m_env.end(),
+                               [&](const std::string& e) { return e.compare(0, prefix.size(), prefix) == 0; }),
+                m_env.end());
+    m_env.push_back(prefix + value);
+}
+
+void AgentHarness::run_as(uid_t uid, gid_t gid)
+{
+    m_as_user = true;
+    m_uid = uid;
+    m_gid = gid;
+}
+
+bool AgentHarness::start(const std::vector<std::string>& args, bool default_args)
+{
+    if (!exists(boot_dir + "/kvx_ea"))
+        return false;
+    if (m_as_user) {
+        g_chown_uid = m_uid;
+        g_chown_gid = m_gid;
+        nftw(root.c_str(), chown_entry, 16, FTW_PHYS);
+    }
+
+    std::vector<std::string> argv_s;
+    argv_s.push_back(boot_dir + "/kvx_ea");
+    if (default_args && args.empty()) {
+        argv_s.push_back("--targetworkdir");
+        argv_s.push_back(work_dir);
+    } else {
+        argv_s.insert(argv_s.end(), args.begin(), args.end());
+    }
+    std::vector<char*> argv;
+    for (std::string& a : argv_s)
+        argv.push_back(&a[0]);
+    argv.push_back(nullptr);
+    std::vector<char*> envp;
+    for (std::string& e : m_env)
+        envp.push_back(&e[0]);
+    envp.push_back(nullptr);
+    std::string err_path = root + "/agent.stderr";
+
+    int in_pipe[2], out_pipe[2], st_pipe[2];
+    if (pipe2(in_pipe, O_CLOEXEC) || pipe2(out_pipe, O_CLOEXEC) || pipe2(st_pipe, O_CLOEXEC))
+        return false;
+
+    pid_t p = fork();
+    if (p < 0)
+        return false;
+    if (p == 0) {
+        /* The disposable parent: its own session, so stop() can end every
+         * process the agent left behind with one kill. */
+        setsid();
+        close(in_pipe[1]);
+        close(out_pipe[0]);
+        close(st_pipe[0]);
+        pid_t a = fork();
+        if (a == 0) {
+            dup2(in_pipe[0], 0);
+            dup2(out_pipe[1], 1);
+            int efd = open(err_path.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0666);
+            if (efd >= 0)
+                dup2(efd, 2);
+            signal(SIGPIPE, SIG_DFL);
+            if (m_as_user) {
+                if (setgroups(0, nullptr) || setgid(m_gid) || setuid(m_uid))
+                    _exit(126);
+            }
+            if (chdir(boot_dir.c_str()) != 0)
+                _exit(126);
+            execve(argv[0], argv.data(), envp.data());
+            _exit(127);
+        }
+        close(in_pipe[0]);
+        close(out_pipe[1]);
+        int msg[2] = {(int)a, 0};
+        if (write(st_pipe[1], &msg[0], sizeof(int)) != (ssize_t)sizeof(int))
+            _exit(1);
+        int st = 0;
+        while (a > 0 && waitpid(a, &st, 0) < 0 && errno == EINTR)
+            ;
+        msg[1] = st;
+        if (write(st_pipe[1], &msg[1], sizeof(int)) != (ssize_t)sizeof(int))
+            _exit(1);
+        _exit(0);
+    }
+
+    m_parent = p;
+    close(in_pipe[0]);
+    close(out_pipe[1]);
+    close(st_pipe[1]);
+    m_to_agent = in_pipe[1];
+    m_from_agent = out_pipe[0];
+    m_status_fd = st_pipe[0];
+    int apid = -1;
+    if (!read_exact(m_status_fd, &apid, sizeof(apid), 10000) || apid <= 0)
+        return false;
+    m_agent = apid;
+
+    m_out = fdopen(m_from_agent, "r");
+    m_in = fdopen(m_to_agent, "w");
+    /* Unbuffered, so that poll() on the descriptor sees everything unread. */
+    setvbuf(m_out, nullptr, _IONBF, 0);
+    m_channel = new STDIOChannel(m_out, m_in);
+    m_proto = new ExecProto(m_channel);
+    return true;
+}
+
+int AgentHarness::call(int fn, jxdrproc_t f_args, char* args, jxdrproc_t f_resp, char* resp,
+                       int timeout_ms)
+{
+    if (!m_proto)
+        return -100;
+    std::mutex mu;
+    std::condition_variable cv;
+    bool done = false;
+    pid_t victim = m_agent;
+    std::thread watchdog([&] {
+        std::unique_lock<std::mutex> lock(mu);
+        if (!cv.wait_for(lock, std::chrono::milliseconds(timeout_ms), [&] { return done; }))
+            kill(victim, SIGKILL);
+    });
+    int rc = m_proto->call(fn, f_args, args, f_resp, resp);
+    {
+        std::lock_guard<std::mutex> lock(mu);
+        done = true;
+    }
+    cv.notify_all();
+    watchdog.join();
+    return rc;
+}
+
+void AgentHarness::send_raw(const std::string& text)
+{
+    std::string line = text + "\n";
+    size_t off = 0;
+    while (m_to_agent >= 0 && off < line.size()) {
+        ssize_t w = write(m_to_agent, line.data() + off, line.size() - off);
+        if (w < 0 && errno == EINTR)
+            continue;
+        if (w <= 0)
+            break;
+        off += (size_t)w;
+    }
+}
+
+bool AgentHarness::read_raw(std::string& out, int timeout_ms)
+{
+    out.clear();
+    auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeout_ms);
+    while (m_from_agent >= 0) {
+        int left = (int)std::chrono::duration_cast<std::chrono::milliseconds>(
+                       deadline - std::chrono::steady_clock::now()).count();
+        if (left < 0)
+            return false;
+        char c;
+        if (!read_exact(m_from_agent, &c, 1, left))
+            return false;
+        out.push_back(c);
+        if (c == '\n')
+            return true;
+    }
+    return false;
+}
+
+bool AgentHarness::reply_pending(int timeout_ms)
+{
+    if (m_from_agent < 0)
+        return false;
+    struct pollfd pfd = {m_from_agent, POLLIN, 0};
+    int rc;
+    do {
+        rc = poll(&pfd, 1, timeout_ms);
+    } while (rc < 0 && errno == EINTR);
+    return rc > 0 && (pfd.revents & POLLIN);
+}
+
+void AgentHarness::close_input()
+{
+    if (m_in) {
+        fclose(m_in);
+        /* Later writes through the channel go nowhere instead of to a stale stream. */
+        m_in = fopen("/dev/null", "w");
+        if (m_channel)
+            m_channel->m_fout = m_in;
+        m_to_agent = -1;
+    }
+}
+
+int AgentHarness::wait_exit(int timeout_s)
+{
+    if (m_exit >= 0)
+        return m_exit;
+    if (m_agent <= 0)
+        return -1;
+    auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(timeout_s);
+    while (std::chrono::steady_clock::now() < deadline) {
+        int st = 0;
+        /* Parent still alive: it reports the agent's wait status. */
+        if (m_status_fd >= 0) {
+            struct pollfd pfd = {m_status_fd, POLLIN, 0};
+            if (poll(&pfd, 1, 0) > 0) {
+                if (read_exact(m_status_fd, &st, sizeof(st), 100)) {
+                    m_exit = decode_status(st);
+                    return m_exit;
+                }
+                close(m_status_fd);   /* parent gone without a report */
+                m_status_fd = -1;
+            }
+        }
+        /* Parent killed: the agent was re-parented to us. */
+        if (waitpid(m_agent, &st, WNOHANG) == m_agent) {
+            m_exit = decode_status(st);
+            return m_exit;
+        }
+        if (m_parent > 0 && waitpid(m_parent, &st, WNOHANG) == m_parent)
+            m_parent = -m_parent;   /* reaped; keep the number for the record */
+        usleep(20000);
+    }
+    return -1;
+}
+
+bool AgentHarness::parent_alive()
+{
+    if (m_parent <= 0)
+        return false;
+    int st;
+    if (waitpid(m_parent, &st, WNOHANG) == m_parent) {
+        m_parent = -m_parent;
+        return false;
+    }
+    return kill(m_parent, 0) == 0;
+}
+
+void AgentHarness::kill_parent(int sig)
+{
+    if (m_parent > 0)
+        kill(m_parent, sig);
+}
+
+void AgentHarness::signal_agent(int sig)
+{
+    if (m_agent > 0)
+        kill(m_agent, sig);
+}
+
+void AgentHarness::stop()
+{
+    if (m_agent > 0 && m_exit < 0) {
+        kill(m_agent, SIGKILL);
+        wait_exit(10);
+    }
+    pid_t group = m_parent > 0 ? m_parent : -m_parent;
+    if (group > 0)
+        kill(-group, SIGKILL);   /* whatever the agent left in its session */
+    if (m_parent > 0) {
+        kill(m_parent, SIGKILL);
+        waitpid(m_parent, nullptr, 0);
+    }
+    delete m_proto;
+    m_proto = nullptr;
+    delete m_channel;
+    m_channel = nullptr;
+    if (m_in)
+        fclose(m_in);
+    if (m_out)
+        fclose(m_out);
+    m_in = m_out = nullptr;
+    if (m_status_fd >= 0)
+        close(m_status_fd);
+    m_status_fd = -1;
+}
+
+std::string AgentHarness::log() const
+{
+    return read_file(work_dir + "/logs/kvx-agent.log");
+}
+
+std::string AgentHarness::agent_stderr() const
+{
+    return read_file(root + "/agent.stderr");
+}
+
+bool AgentHarness::exists(const std::string& path)
+{
+    struct stat st;
+    return lstat(path.c_str(), &st) == 0;
+}
+
+std::string AgentHarness::read_file(const std::string& path)
+{
+    std::ifstream in(path, std::ios::binary);
+    std::ostringstream s;
+    s << in.rdbuf();
+    return s.str();
+}
+
+void AgentHarness::write_file(const std::string& path, const std::string& text)
+{
+    std::ofstream out(path, std::ios::binary | std::ios::trunc);
+    out << text;
+}
