@@ -1,0 +1,246 @@
+/*
+ * ea_svc_inspect.cpp - procedures 7 and 8: virtual machine detection and
+ * the machine check (source name "ea_svc").
+ *
+ * Both reuse the command request record: procedure 7 reads the job UUID
+ * from its "str", procedure 8 the lock query or the machine check script.
+ */
+#include <errno.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "ea_svc.h"
+#include "svc_main.h"
+#include "zelutil.h"
+
+#define INSPECT_CMD_SIZE      1024
+#define INSPECT_PATH_SIZE     4096
+#define INSPECT_META_SIZE     128
+#define CHECK_LOCK_QUERY      "kvx_ea_check_set_lock.cmd"
+#define CHECK_LOCK_QUERY_LEN  25
+#define CHECK_REPORT_NAME     ".checkmachinetxt"
+#define CHECK_NODE_MARKER     "\"NodeUUID\" : \""
+
+/* Re-runs the agent as root in a one-shot mode; its exit status answers. */
+static int vmdetect_root_rerun(const char* user, const char* pwd, const char* mode)
+{
+    char cmd[INSPECT_CMD_SIZE];
+    snprintf(cmd, sizeof(cmd), "%s %s > /dev/null 2>&1", GetEATarget(), mode);
+    return SuperExecuteCmd(user, pwd, cmd, 1, NULL, 0);
+}
+
+/*
+ * detect_vm_info_svc - procedure 7.
+ * Fills res: vpt_type (1 virtual), is_local (1 when the job of the UUID runs
+ * here), socks, is_oracle_uek.  Not root: the agent program is re-run as
+ * root through su/sudo and its exit status (bit 7 = UEK) is taken as it is.
+ * Always returns 0.
+ */
+int detect_vm_info_svc(ExecCmdargs* args, VMDetectInfores* res)
+{
+    if (res == NULL)
+        return 0;
+    /* A request whose "param" did not decode is taken as one without a job
+     * UUID and without an account: no job can be local, detection still runs. */
+    const char* uuid = (args != NULL && args->cmd != NULL) ? args->cmd : "";
+    const char* user = (args != NULL && args->user != NULL) ? args->user : "";
+    const char* pwd  = (args != NULL && args->pwd != NULL) ? args->pwd : "";
+
+    ZELLogFunction(3, "ea_svc", __LINE__, "%s: UUID=%s.\n", __FUNCTION__, uuid);
+    int run = 0;
+    int rc = 0;
+    if (uuid[0] != '\0')
+        rc = check_process_running(uuid, &run);
+    res->is_local = run;
+    ZELLogFunction(3, "ea_svc", __LINE__, "%s: check_process_running return: %d.\n",
+                   __FUNCTION__, rc);
+
+    if (geteuid() != 0) {
+        int st = vmdetect_root_rerun(user, pwd, "EA_CMD_DETECT_VM");
+        res->vpt_type = st & ~0x80;
+        res->is_oracle_uek = (st & 0x80) ? 1 : 0;
+        res->socks = vmdetect_root_rerun(user, pwd, "EA_CMD_GET_SOCKS");
+    } else {
+        res->vpt_type = detect_vm_info();
+        res->is_oracle_uek = is_oracle_uek();
+        res->socks = get_pv_sockets();
+    }
+    ZELLogFunction(3, "ea_svc", __LINE__, "%s: result, local: %d, vm: %d, socks: %d, oracle-uek: %d.\n",
+                   __FUNCTION__, res->is_local, res->vpt_type, res->socks, res->is_oracle_uek);
+    return 0;
+}
+
+/* Lock query: >= 0 lock held and no volume backup, -2 one is running. */
+static int check_lock_query(ExecCmdres* res)
+{
+    res->cmd_len = 0;
+    if (ea_lock_status >= 0) {
+        int pid = query_process_pid(backup_program_flag);
+        if (pid > 1) {
+            res->cmd_ret = -2;
+            ZELLogFunction(3, "ea_svc", __LINE__, "%s: kvxbackupvol already running, pid=%d.\n",
+                           "check_machine", pid);
+            return 0;
+        }
+    }
+    res->cmd_ret = ea_lock_status;
+    return 0;
+}
+
+/*
+ * The instance id of an EC2 node into id (INSPECT_META_SIZE bytes): 1 when
+ * the metadata service answers with "i-" and hexadecimal digits, else 0.
+ */
+static int check_ec2_instance_id(char* id)
+{
+    char hex[INSPECT_META_SIZE];
+    int len = INSPECT_META_SIZE - 1;
+
+    memset(id, 0, INSPECT_META_SIZE);
+    if (get_meta_value_by_key("instance-id", id, &len) != 0)
+        return 0;
+    id[INSPECT_META_SIZE - 1] = '\0';
+    if (sscanf(id, "i-%127[0-9a-fA-F]", hex) != 1) {
+        ZELLogFunction(3, "ea_svc", __LINE__, "%s: it is not AWS VM but we get instance-id=%s.\n",
+                       "check_machine", id);
+        return 0;
+    }
+    return 1;
+}
+
+/*
+ * Puts the report into res->cmd (EA_EXEC_RES_SIZE bytes), the node UUID
+ * prefixed with "<instance id>--" on an EC2 node, as one line.
+ * 0, or -1 when the spliced text would not fit.
+ */
+static int check_reply_text(const char* report, ExecCmdres* res)
+{
+    char id[INSPECT_META_SIZE];
+    int size = (int)strlen(report);
+    const char* marker = strstr(report, CHECK_NODE_MARKER);
+
+    if (marker != NULL && check_ec2_instance_id(id)) {
+        ZELLogFunction(3, "ea_svc", __LINE__,
+                       "%s: The target node is a EC2 VM and its instance id is %s.\n",
+                       "check_machine", id);
+        int idlen = (int)strlen(id);
+        /* The two hyphens and the terminator must fit in the reply buffer too. */
+        if (idlen + size + 2 >= EA_EXEC_RES_SIZE) {
+            ZELLogFunction(0, "ea_svc", __LINE__, "%s: The output of checkmachine is to large (%d)!\n",
+                           "check_machine", idlen + size);
+            res->cmd_ret = -1;
+            return -1;
+        }
+        int head = (int)(marker - report) + (int)strlen(CHECK_NODE_MARKER);
+        snprintf(res->cmd, EA_EXEC_RES_SIZE, "%.*s%s--%s", head, report, id, report + head);
+    } else {
+        exstrncpy(res->cmd, report, EA_EXEC_RES_SIZE);
+    }
+    for (char* p = res->cmd; *p != '\0'; p++) {
+        if (*p == '\n' || *p == '\t')
+            *p = ' ';
+    }
+    res->cmd_len = (int)strlen(res->cmd);
+    return 0;
+}
+
+/* Collects the report file the script wrote; the answer of check_machine. */
+static int check_collect_report(const char* path, ExecCmdres* res)
+{
+    struct stat st;
+    if (stat(path, &st) != 0) {
+        if (errno == ENOENT)
+            return 0;
+        ZELLogFunction(0, "ea_svc", __LINE__, "%s: Failed to get content from %s (%d)\n",
+                       "check_machine", path, errno);
+        res->cmd_ret = -1;
+        return -1;
+    }
+    if (res->cmd == NULL) {
+        ZELLogFunction(0, "ea_svc", __LINE__, "%s: Failed to allocate memory.\n", "check_machine");
+        res->cmd_ret = -1;
+        return -1;
+    }
+    if (st.st_size >= EA_EXEC_RES_SIZE) {
+        ZELLogFunction(0, "ea_svc", __LINE__, "%s: The output of checkmachine is to large (%d)!\n",
+                       "check_machine", (int)st.st_size);
+        res->cmd_ret = -1;
+        return -1;
+    }
+
+    char* report = NULL;
+    int len = 0;
+    int rc = read_checkmachine_file(path, &report, &len);
+    if (rc < 1 || report == NULL) {
+        ZELLogFunction(3, "ea_svc", __LINE__, "%s: Failed to read activity log from file: %s, len=%d.\n",
+                       "check_machine", path, rc);
+        free(report);
+        return 0;
+    }
+    /* The reader's buffer holds len bytes; end the text at what was read. */
+    int end = (len < 1) ? 0 : (rc < len - 1 ? rc : len - 1);
+    report[end] = '\0';
+    int answer = check_reply_text(report, res);
+    free(report);
+    return answer;
+}
+
+/*
+ * check_machine - procedure 8.
+ * The lock query answers the product lock state in cmd_ret (see above).
+ * Otherwise the account is checked and the "checkmachine" script is run as
+ * root, its report (".checkmachinetxt" in the bootstrap directory) returned
+ * in cmd as one line with cmd_len; cmd_ret is the script's status.
+ * Returns 0, -1, or a negative status of the script run.
+ */
+int check_machine(ExecCmdargs* args, ExecCmdres* res)
+{
+    if (res == NULL)
+        return -1;
+    /* A request whose "param" did not decode names no command: answered as
+     * an invalid one that failed (ret -1), without touching the node. */
+    if (args == NULL || args->cmd == NULL) {
+        ZELLogFunction(0, "ea_svc", __LINE__, "%s: invalid checkmachine command (%s)\n",
+                       __FUNCTION__, "");
+        res->cmd_ret = -1;
+        res->cmd_len = 0;
+        return -1;
+    }
+    ZELLogFunction(3, "ea_svc", __LINE__, "%s: cmd=%s, msg_mode=%d, block_mode=%d, user=%s, pwd=%d.\n",
+                   __FUNCTION__, args->cmd, args->need_get_return_msg_flag, args->block_flag,
+                   args->user ? args->user : "", args->pwd ? (int)strlen(args->pwd) : 0);
+
+    if (strlen(args->cmd) == CHECK_LOCK_QUERY_LEN && strcmp(args->cmd, CHECK_LOCK_QUERY) == 0)
+        return check_lock_query(res);
+
+    int account = check_root_account(args->user, args->pwd);
+    res->cmd_ret = account;
+    if (account != 0 && account != 1) {
+        res->cmd_len = 0;
+        return -1;
+    }
+    if (strstr(args->cmd, "checkmachine") == NULL) {
+        ZELLogFunction(0, "ea_svc", __LINE__, "%s: invalid checkmachine command (%s)\n",
+                       __FUNCTION__, args->cmd);
+        return 0;
+    }
+
+    char path[INSPECT_PATH_SIZE];
+    char command[INSPECT_CMD_SIZE];
+    memset(path, 0, sizeof(path));
+    path_join(GetTargetBootstrapDir(), CHECK_REPORT_NAME, path, sizeof(path));
+    snprintf(command, sizeof(command),
+             "touch %s >/dev/null 2>&1; chmod 666 %s >/dev/null 2>&1; %s >%s 2>/dev/null",
+             path, path, args->cmd, path);
+    res->cmd_len = 0;
+    if (account == 1)
+        res->cmd_ret = SuperExecuteCmd(args->user, args->pwd, command, 1, NULL, 0);
+    else
+        res->cmd_ret = ExecuteCmd(command);
+    if (res->cmd_ret < 0)
+        return res->cmd_ret;
+    return check_collect_report(path, res);
+}
