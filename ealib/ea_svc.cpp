@@ -1,0 +1,160 @@
+/*
+ * ea_svc.cpp - the background child record, the SIGCHLD handler that reaps
+ * children, the ping procedure and the account check (source name "ea_svc").
+ *
+ * The command execution service starts at most one tracked background
+ * program (the backup program or the bare-metal recovery program); this file
+ * keeps its pid and exit status for the job status service and for the
+ * service loop's shut-down decision, together with the account that the
+ * agent caches for its own elevated commands.
+ */
+#include <errno.h>
+#include <signal.h>
+#include <string.h>
+#include <time.h>
+#include <unistd.h>
+#include <sys/types.h>
+#include <sys/wait.h>
+
+#include "ea_svc.h"
+#include "svc_main.h"
+#include "zelfunc.h"
+#include "zellog.h"
+
+#define SRC "ea_svc"
+
+st_no_block_process gst_nblk_p;
+int  g_cached_nonRootUserFlag = 0;
+char g_cached_rootUser[128];
+char g_cached_rootPwd[128];
+int  g_cached_prog_type_flag = 0;
+const char* backup_program_flag = "kvxbackupvol";
+const char* restore_program_flag = "kvxbmr";
+
+/* Case-insensitive substring test; a null haystack contains nothing. */
+static int cmd_names(const char* cmd, const char* prog)
+{
+    return cmd != NULL && strcasestr(cmd, prog) != NULL;
+}
+
+/*
+ * Records the background child just forked for cmd.  Only the backup and the
+ * recovery program are tracked (pid kept); any other command leaves the
+ * record empty.  Also notes which kind of product program ran last:
+ * 1 the backup program, 2 anything else.
+ */
+void set_global_process_st(const char* cmd, int pid)
+{
+    memset(&gst_nblk_p, 0, sizeof(gst_nblk_p));
+    if (cmd_names(cmd, backup_program_flag) || cmd_names(cmd, restore_program_flag))
+        gst_nblk_p.pid = pid;
+    g_cached_prog_type_flag = cmd_names(cmd, backup_program_flag) ? 1 : 2;
+}
+
+/* Exit code for a normal exit, signal number for a killed child, else raw. */
+static int decode_wait_status(int status)
+{
+    if ((status & 0x7f) == 0)
+        return (status & 0xff00) >> 8;
+    if (WIFSIGNALED(status))
+        return status & 0x7f;
+    return status;
+}
+
+/*
+ * SIGCHLD handler: reaps one child.  The tracked child's decoded status is
+ * recorded (finished_flag 1); a failed backup program has its driver
+ * unloaded right here.  A foreign child only counts while nothing is
+ * tracked: its raw status then lands in ret_status.
+ */
+void signal_child(int sig)
+{
+    int saved_errno = errno;   /* the interrupted code may still look at errno */
+    int status = 0;
+    pid_t pid = wait(&status);
+
+    ZELLogFunction(3, SRC, 38, "%s: child pid=%d exist %d.\n", __func__, (int)pid, status);
+    if (pid == gst_nblk_p.pid) {
+        int ret = decode_wait_status(status);
+        gst_nblk_p.finished_flag = 1;
+        gst_nblk_p.ret_status = ret;
+        if (ret != 0 && g_cached_prog_type_flag == 1)
+            ExecuteCmdWrapper("driverinstall -u", 0);
+    } else if (gst_nblk_p.pid == 0) {
+        gst_nblk_p.ret_status = status;
+    }
+    errno = saved_errno;
+}
+
+/*
+ * 1 while the tracked child runs, 0 when there is none or it was reaped.
+ * Reports a reaped child's exit in the log once.
+ */
+int query_global_process_exist(void)
+{
+    if (gst_nblk_p.finished_flag == 1) {
+        ZELLogFunction(3, SRC, 75, "%s: Child process pid=[%d] has exited, status: %d.\n",
+                       __func__, (int)gst_nblk_p.pid, gst_nblk_p.ret_status);
+        gst_nblk_p.finished_flag = 2;
+    }
+    if (gst_nblk_p.pid <= 0 || gst_nblk_p.finished_flag != 0)
+        return 0;
+    return kill(gst_nblk_p.pid, 0) == 0 ? 1 : 0;
+}
+
+/* The tracked child's decoded exit status (or a foreign child's raw one). */
+int query_global_process_return_status(void)
+{
+    return gst_nblk_p.ret_status;
+}
+
+/*
+ * Procedure 1: echoes the request text and stamps the agent's clock.
+ * res->msg is the 1024-byte buffer of the result codec; the echo is cut to
+ * 1023 bytes.  Returns 0, or -1 when there is no result buffer.
+ */
+int ping_svc(PINGargs* args, PINGres* res)
+{
+    if (res == NULL || res->msg == NULL)
+        return -1;
+    /* A request without a string "str" decodes to no record: echo "". */
+    const char* text = (args != NULL && args->msg != NULL) ? args->msg : "";
+    exstrncpy(res->msg, text, EA_PING_MSG_SIZE);
+    res->msg_len = (int)strlen(res->msg) + 1;
+    res->stamp = (int32_t)time(NULL);
+    return 0;
+}
+
+/*
+ * How commands for the account user/pwd must run: 0 the agent is root,
+ * 1 the account reaches root (use SuperExecuteCmd), 7002 the account is not
+ * root, 7003/7013 credentials rejected (su / sudo way), 7012 no sudo, -1
+ * any other failure, a negative uid when geteuid fails.  Runs su or sudo
+ * on every call; nothing is cached.
+ */
+int check_root_account(const char* user, const char* pwd)
+{
+    int uid = (int)geteuid();
+    if (uid == 0)
+        return 0;
+    if (uid < 0) {
+        ZELLogFunction(0, SRC, 135, "%s: failed to geteuid %d.\n", __func__, uid);
+        return uid;
+    }
+
+    int rootUid = -1;
+    int rc = CheckRootUser(user, pwd, &rootUid);
+    if (rc == 0) {
+        if (rootUid == 0)
+            return 1;
+        return rootUid > 0 ? 7002 : -1;
+    }
+
+    ZELLogFunction(0, SRC, 122, "%s: failed to CheckRootUser %d.\n", __func__, rc);
+    int named = user != NULL && user[0] != '\0';
+    if (rc == 125 || rc == 1)
+        return named ? 7003 : 7013;
+    if (rc == 127)
+        return named ? -1 : 7012;
+    return -1;
+}

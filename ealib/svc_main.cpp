@@ -1,0 +1,315 @@
+/*
+ * svc_main.cpp - the service loop (source name "svc_main").
+ *
+ * Prepares the environment every command run on the node inherits, opens
+ * the log, takes the product lock, installs the signal handlers and serves
+ * one request at a time until end of input, a stop signal or five idle
+ * minutes.  The procedure table below is the only place that knows the
+ * procedures: adding one is adding a row.
+ */
+#include <errno.h>
+#include <signal.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <unistd.h>
+#include <sys/prctl.h>
+#include <sys/stat.h>
+
+#include "svc_main.h"
+#include "ea_svc.h"
+#include "zelfunc.h"
+#include "zellog.h"
+
+#ifndef SA_INTERRUPT
+#define SA_INTERRUPT 0   /* Linux: absence of SA_RESTART already interrupts */
+#endif
+
+#define SRC              "svc_main"
+#define EA_LOG_FILE      "kvx-agent.log"
+#define EA_LOG_LINES     20000
+#define EA_IDLE_SECONDS  300
+#define EA_STD_PATH      ":/bin:/sbin:/usr/bin:/usr/sbin:/usr/local/bin:/usr/local/sbin"
+#define EA_LOCK_ETC      "/etc/.kvx"
+#define EA_LEGACY_DIR    "/var/lib/norvane_kvx"
+#define EA_CACHE_DIR     "/var/lib/kvx_cache"
+#define EA_LOCK_CACHE    EA_CACHE_DIR "/backup.bat"
+
+volatile sig_atomic_t _kill_self = 0;
+int ea_lock_status = -1;
+
+/* ---- procedure table ---- */
+
+static const ea_proc_entry ea_procs[] = {
+    { EA_PROC_PING, "EA_PROC_PING",
+      JXDR_PROC(PINGargs, jxdr_PINGargs), JXDR_PROC(PINGres, jxdr_PINGres),
+      EA_HANDLER(PINGargs, PINGres, ping_svc) },
+    { EA_PROC_JOBSTATUS, "EA_PROC_JOBSTATUS",
+      JXDR_PROC(JOBSTATUSargs, jxdr_JOBSTATUSargs), JXDR_PROC(JOB_STATUS, jxdr_JOBSTATUSres),
+      EA_HANDLER(JOBSTATUSargs, JOB_STATUS, get_job_status_svc) },
+    { EA_PROC_EXEC_CMD, "EA_PROC_EXEC_CMD",
+      JXDR_PROC(ExecCmdargs, jxdr_ExecCmdargs), JXDR_PROC(ExecCmdres, jxdr_ExecCmdres),
+      EA_HANDLER(ExecCmdargs, ExecCmdres, exec_cmd_svc) },
+    { EA_PROC_MOUNT, "EA_PROC_MOUNT",
+      JXDR_PROC(Mountargs, jxdr_Mountargs), JXDR_PROC(Mountres, jxdr_Mountres),
+      EA_HANDLER(Mountargs, Mountres, mount_svc) },
+    { EA_PROC_AGENTLOG, "EA_PROC_AGENTLOG",
+      jxdr_Noargs, JXDR_PROC(AGENTLOGres, jxdr_AGENTLOGres),
+      EA_HANDLER(char, AGENTLOGres, get_agent_activity_log_svc) },
+    { EA_PROC_JOBRESULT, "EA_PROC_JOBRESULT",
+      jxdr_Noargs, JXDR_PROC(JOB_RESULT, jxdr_JOBRESULTres),
+      EA_HANDLER(char, JOB_RESULT, get_job_result_svc) },
+    { EA_PROC_VMDETECT, "EA_PROC_VMDETECT",
+      JXDR_PROC(ExecCmdargs, jxdr_ExecCmdargs), JXDR_PROC(VMDetectInfo_t, jxdr_VMDetectres),
+      EA_HANDLER(ExecCmdargs, VMDetectInfo_t, detect_vm_info_svc) },
+    { EA_PROC_CHECK_MACHINE, "EA_PROC_CHECK_MACHINE",
+      JXDR_PROC(ExecCmdargs, jxdr_ExecCmdargs), JXDR_PROC(ExecCmdres, jxdr_ExecCmdres),
+      EA_HANDLER(ExecCmdargs, ExecCmdres, check_machine) },
+};
+
+const ea_proc_entry* ea_proc_lookup(int fn)
+{
+    for (size_t i = 0; i < sizeof(ea_procs) / sizeof(ea_procs[0]); i++)
+        if (ea_procs[i].fn == fn)
+            return &ea_procs[i];
+    return NULL;
+}
+
+/* ---- environment for the commands run on the node ---- */
+
+/* One product variable: its value and the log lines of its two outcomes. */
+struct env_row {
+    const char* name;
+    int         fail_line;
+    const char* fail_text;
+    int         ok_line;
+};
+
+static const env_row env_ld  = { "LD_LIBRARY_PATH", 224, "Failed to set env: LD_LIBRARY_PATH!\n", 229 };
+static const env_row env_path = { "PATH", 242, "Failed to set env: PATH!\n", 247 };
+static const env_row env_homes[] = {
+    { "ZEL_ENCRYPTION_LIBRARY_PATH", 253, "Failed to set env: ZEL_ENCRYPTION_LIBRARY_PATH_ENV!\n", 258 },
+    { "QMPKIHOME", 264, "Failed to set env: QMPKIHOME_ENV!\n", 269 },
+    { "KVX_CLN_HOME", 275, "Failed to set env: KVXCLN_BASE_DIR_ENV!\n", 280 },
+};
+static const env_row env_lang = { "LANG", 287, "Failed to set env: LANG!\n", 292 };
+
+/* Sets one variable; a failure is only logged.  Success logs "name=value". */
+static void export_env(const env_row* row, const char* value)
+{
+    if (setenv(row->name, value, 1) != 0) {
+        ZELLogFunction(0, SRC, row->fail_line, "%s", row->fail_text);
+        return;
+    }
+    const char* now = getenv(row->name);
+    if (now != NULL)
+        ZELLogFunction(5, SRC, row->ok_line, "%s=%s\n", row->name, now);
+}
+
+/*
+ * Puts the client package directory first in the library path and PATH and
+ * points the product homes at it.  A root agent keeps the inherited values
+ * behind it; any other agent drops them.
+ */
+static void export_child_env(const char* old_ld, const char* old_path)
+{
+    char value[4096];
+    const char* client = GetEnvLdLibraryPath();
+    int root = geteuid() == 0;
+
+    if (old_ld != NULL && root)
+        snprintf(value, sizeof(value), "%s:%s", client, old_ld);
+    else
+        snprintf(value, sizeof(value), "%s", client);
+    export_env(&env_ld, value);
+
+    if (old_path != NULL && root)
+        snprintf(value, sizeof(value), "%s:%s", client, old_path);
+    else
+        snprintf(value, sizeof(value), "%s%s", client, EA_STD_PATH);
+    export_env(&env_path, value);
+
+    for (size_t i = 0; i < sizeof(env_homes) / sizeof(env_homes[0]); i++)
+        export_env(&env_homes[i], client);
+    export_env(&env_lang, "C");
+}
+
+/* Opens the agent log under the work directory and trims it. */
+static void open_agent_log(void)
+{
+    char path[4096];
+    int rc = setenv(ZEL_LOG_BASE_DIR_ENV, GetTargetWorkDir(), 1);
+
+    ZELInitLogger(EA_LOG_FILE, 3);
+    snprintf(path, sizeof(path), "%s/%s", ZELGetLogPath(), EA_LOG_FILE);
+    ZELLimitLogLines(path, EA_LOG_LINES);
+
+    if (rc != 0)
+        ZELLogFunction(0, SRC, 192, "Failed to set env: ZEL_LOG_BASE_DIR_ENV!\n");
+    else
+        ZELLogFunction(5, SRC, 195, "%s=%s\n", ZEL_LOG_BASE_DIR_ENV, getenv(ZEL_LOG_BASE_DIR_ENV));
+    ZELLogFunction(3, SRC, 198, "ea[%d] started.\n", (int)getpid());
+}
+
+/*
+ * Takes the node's product lock, held until the process exits.  A node with
+ * the legacy cache directory has it renamed first.
+ */
+static void take_product_lock(void)
+{
+    if (access(EA_LOCK_ETC, R_OK) == 0) {
+        ea_lock_status = check_and_lock_file(EA_LOCK_ETC, 0);
+        return;
+    }
+    if (access(EA_LEGACY_DIR, R_OK) == 0 && rename(EA_LEGACY_DIR, EA_CACHE_DIR) != 0)
+        ZELLogFunction(3, SRC, 206, "Failed to rename %s to %s (%d).\n",
+                       EA_LEGACY_DIR, EA_CACHE_DIR, errno);
+    ea_lock_status = check_and_lock_file(EA_LOCK_CACHE, 0);
+}
+
+/* ---- signals ---- */
+
+static void signal_hup(int sig)   { _kill_self = 1; }
+static void signal_alarm(int sig) { _kill_self = 2; }
+static void signal_pipe(int sig)  { _kill_self = 3; }
+
+/* Installs handler without restart semantics: a blocked read returns EINTR. */
+static int install_handler(int sig, void (*handler)(int))
+{
+    struct sigaction sa;
+    memset(&sa, 0, sizeof(sa));
+    sa.sa_handler = handler;
+    sigemptyset(&sa.sa_mask);
+    sa.sa_flags = SA_INTERRUPT;
+    return sigaction(sig, &sa, NULL);
+}
+
+/* 0, or -1 after logging which handler could not be installed. */
+static int install_signals(void)
+{
+    if (install_handler(SIGCHLD, signal_child) < 0) {
+        ZELLogFunction(0, SRC, 305, "Sigaction(SIGCHLD) failed.\n");
+        return -1;
+    }
+    /* The remote shell that started us dying must stop us too. */
+    prctl(PR_SET_PDEATHSIG, SIGHUP);
+    if (install_handler(SIGHUP, signal_hup) < 0) {
+        ZELLogFunction(0, SRC, 321, "Sigaction(SIGHUP) failed.\n");
+        return -1;
+    }
+    if (install_handler(SIGALRM, signal_alarm) < 0) {
+        ZELLogFunction(0, SRC, 335, "Sigaction(SIGALRM) failed.\n");
+        return -1;
+    }
+    if (install_handler(SIGPIPE, signal_pipe) < 0) {
+        ZELLogFunction(0, SRC, 349, "Sigaction(SIGPIPE) failed.\n");
+        return -1;
+    }
+    return 0;
+}
+
+/* ---- serving ---- */
+
+/*
+ * Answers one request: decode, handle, encode, send.  The request envelope
+ * is released here on every path.
+ */
+static void serve_request(ExecProto* proto, JXDR* request)
+{
+    int fn = jxdr_proc_num(request);
+    const ea_proc_entry* proc = ea_proc_lookup(fn);
+
+    if (proc == NULL) {
+        ZELLogFunction(0, SRC, 429, "Unkown function call:%d\n", fn);
+        jxdr_destroy(request);   /* not answered, but not kept either */
+        return;
+    }
+
+    char* args = NULL;
+    proc->f_args(request, args);   /* a mismatch leaves args null */
+    JXDR* reply = jxdr_create_reply(request);
+    char* res = NULL;
+    if (reply != NULL)
+        proc->f_res(reply, res);
+    if (res != NULL) {
+        proc->handler(args, res);
+        proc->f_res(reply, res);
+        proto->send(reply);
+    }
+    jxdr_destroy(request);
+    jxdr_destroy(reply);
+}
+
+/* Logs why the loop stops after a stop signal set the flag. */
+static void log_stop_signal(int flag)
+{
+    if (flag == 1)
+        ZELLogFunction(3, SRC, 364, "receive signal: SIGHUP.\n");
+    else if (flag == 2)
+        ZELLogFunction(3, SRC, 365, "receive signal: SIGALRM.\n");
+    else if (flag == 3)
+        ZELLogFunction(3, SRC, 366, "receive signal: SIGPIPE.\n");
+    ZELLogFunction(3, SRC, 367, "cleanup flag is set to %d. stop ExecAgent.\n", flag);
+}
+
+/* Serves until end of input or a stop flag. */
+static void serve(ExecProto* proto)
+{
+    for (;;) {
+        JXDR* request = NULL;
+        alarm(EA_IDLE_SECONDS);
+        int rc = proto->receive(request);
+
+        int flag = _kill_self;
+        if (flag != 0) {
+            log_stop_signal(flag);
+            jxdr_destroy(request);   /* received in the same pass: dropped */
+            return;
+        }
+        if (rc == 0 && request != NULL) {
+            alarm(0);
+            serve_request(proto, request);
+            continue;
+        }
+        if (rc == -2) {
+            ZELLogFunction(3, SRC, 374, "incomming connection is closed. stop ExecAgent.\n");
+            return;
+        }
+        ZELLogFunction(0, SRC, 378, "failed to receive data, rc=%d. try again.\n", rc);
+        alarm(0);
+    }
+}
+
+/*
+ * The agent's life after start-up.  Returns 0 after a normal stop and -1
+ * when a signal handler cannot be installed; ends the process with status 1
+ * instead when the target has to be cleaned.
+ */
+int svc_main(ExecProto* proto)
+{
+    char old_ld_buf[4096], old_path_buf[4096];
+    const char* old_ld = getenv("LD_LIBRARY_PATH");
+    const char* old_path = getenv("PATH");
+    if (old_ld != NULL)
+        old_ld = exstrncpy(old_ld_buf, old_ld, sizeof(old_ld_buf));
+    if (old_path != NULL)
+        old_path = exstrncpy(old_path_buf, old_path, sizeof(old_path_buf));
+    umask(0);
+
+    open_agent_log();
+    take_product_lock();
+    export_child_env(old_ld, old_path);
+    if (install_signals() != 0)
+        return -1;
+
+    serve(proto);
+
+    signal(SIGHUP, SIG_IGN);
+    signal(SIGALRM, SIG_IGN);
+    int running = query_global_process_exist();
+    ZELLogFunction(3, SRC, 454, "process still running flag: %d\n", running);
+    if (_kill_self != 0 || (running != 0 && ea_lock_status >= 0))
+        cleanup_target();
+    ZELLogFunction(3, SRC, 460, "ea[%d] finished.\n", (int)getpid());
+    return 0;
+}

@@ -1,0 +1,162 @@
+/*
+ * svc_main_cleanup.cpp - returning the node to the state the agent found
+ * (source name "svc_main").
+ *
+ * When the agent loses its server, or stops while a product program it
+ * started may still run, it cancels that program, unloads the product's
+ * driver, stops the product's agent, removes what the server copied to the
+ * node, kills the remote shell that started it and exits with status 1.
+ */
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <unistd.h>
+
+#include "svc_main.h"
+#include "ea_svc.h"
+#include "zelfunc.h"
+#include "zellog.h"
+
+#define SRC               "svc_main"
+#define CANCEL_ROUNDS     12
+#define CANCEL_ROUND_SECS 5
+
+int _cleaning_flag = 0;
+
+/*
+ * Runs cmd as root through the cached account when the agent is not root
+ * and one was cached, else as the agent itself (logged unless silent).
+ * Returns the command's decoded exit status, 0 on success.
+ */
+int ExecuteCmdWrapper(const char* cmd, int silent)
+{
+    if (g_cached_nonRootUserFlag)
+        return SuperExecuteCmd(g_cached_rootUser, g_cached_rootPwd, cmd, 1, NULL, 0);
+    return silent ? ExecuteCmdSilently(cmd) : ExecuteCmd(cmd);
+}
+
+/*
+ * Pid of the first process whose "ps" line contains name; 0 when none runs,
+ * -1 when ps could not be started.
+ */
+int query_process_pid(const char* name)
+{
+    char buf[4096];
+    snprintf(buf, sizeof(buf), "ps -e -o pid,comm | grep \"%s\"", name);
+    FILE* fp = popen(buf, "r");
+    if (fp == NULL) {
+        ZELLogFunction(0, SRC, 47, "%s: open pipe(%s) failed.\n", __func__, buf);
+        return -1;
+    }
+    memset(buf, 0, sizeof(buf));
+    size_t n = fread(buf, 1, sizeof(buf), fp);
+    pclose(fp);
+    if (n == 0) {
+        ZELLogFunction(3, SRC, 61, "%s: process(%s) is exited.\n", __func__, name);
+        return 0;
+    }
+    buf[sizeof(buf) - 1] = '\0';
+    return atoi(buf);
+}
+
+/* sleep() that a SIGCHLD cannot cut short. */
+static void sleep_fully(unsigned secs)
+{
+    while (secs > 0)
+        secs = sleep(secs);
+}
+
+/* Polls up to 12 times, 5 s apart, for prog to be gone; 1 when it is. */
+static int wait_program_gone(const char* prog)
+{
+    for (int round = 0; round < CANCEL_ROUNDS; round++) {
+        if (query_process_pid(prog) == 0)
+            return 1;
+        sleep_fully(CANCEL_ROUND_SECS);
+    }
+    return 0;
+}
+
+/*
+ * Cancels the product program this agent started; a program that ignores
+ * the cancel is killed and its session location unmounted.
+ */
+static void cancel_product_program(void)
+{
+    char cmd[4096];
+    int backup = g_cached_prog_type_flag == 1;
+    const char* prog = backup ? backup_program_flag : restore_program_flag;
+
+    ZELLogFunction(3, SRC, 80, "try to cancel program: %s.\n", prog);
+    ExecuteCmdWrapper(backup ? "kvxmonitor --canceljob" : "kvxbmr --cancel", 0);
+    int gone = wait_program_gone(prog);
+    ZELLogFunction(3, SRC, 100, "cancel the program(%s) %s.\n", prog,
+                   gone ? "successfully" : "failed");
+    if (gone)
+        return;
+
+    int pid = query_process_pid(prog);
+    if (pid <= 1)
+        return;
+    snprintf(cmd, sizeof(cmd), "kill -9 %d", pid);
+    ExecuteCmdWrapper(cmd, 1);
+    ZELLogFunction(3, SRC, 108, "force stop program: %s, pid: %d.\n", prog, pid);
+    snprintf(cmd, sizeof(cmd), "umount -f %s", GetZelRootDir());
+    if (ExecuteCmdWrapper(cmd, 0) != 0) {
+        snprintf(cmd, sizeof(cmd), "umount -l %s", GetZelRootDir());
+        ExecuteCmdWrapper(cmd, 0);
+    }
+}
+
+/* Removes the packages, lists and scripts the server copied, and ourselves. */
+static void remove_staged_files(void)
+{
+    char cmd[4096];
+    const char* work = GetTargetWorkDir();
+    const char* boot = GetTargetBootstrapDir();
+
+    snprintf(cmd, sizeof(cmd),
+             "rm -rf %s/%s %s/%s %s/%s %s/%s %s/%s %s/%s %s/%s %s/%s %s",
+             work, "linux-kvx-client",
+             work, "LinuxImage-backup-client-x86.tar.gz",
+             work, "LinuxImage-backup-client-x64.tar.gz",
+             work, "LinuxImage-restore-client-x86.tar.gz",
+             work, "LinuxImage-restore-client-x64.tar.gz",
+             work, "drv_target.lst",
+             work, "*.js",
+             boot, "checkmachine",
+             GetEATarget());
+    ExecuteCmdWrapper(cmd, 0);
+}
+
+/*
+ * Cleans the target and exits with status 1.  Returns only when a cleaning
+ * is already under way in this process.
+ */
+void cleanup_target(void)
+{
+    char cmd[4096];
+
+    if (_cleaning_flag) {
+        ZELLogFunction(3, SRC, 69, "An cleaning function is already running.\n");
+        return;
+    }
+    _cleaning_flag = 1;
+    ZELLogFunction(3, SRC, 74, "cleanup_target started, non root user flag: %d.\n",
+                   g_cached_nonRootUserFlag);
+
+    if (g_cached_prog_type_flag != 0)
+        cancel_product_program();
+    ExecuteCmdWrapper("driverinstall -u", 0);
+    ExecuteCmdWrapper("killall kvxagent", 1);
+    remove_staged_files();
+
+    pid_t ppid = getppid();
+    if (ppid != 0 && ppid != 1) {
+        snprintf(cmd, sizeof(cmd), "kill -9 %d", (int)ppid);
+        ExecuteCmdWrapper(cmd, 1);
+    }
+    ZELLogFunction(3, SRC, 144, "cleanup_target finished.\n");
+    ZELLogFunction(3, SRC, 145, "ea[%d] finished.\n", (int)getpid());
+    exit(1);
+}
