@@ -1,0 +1,380 @@
+/*
+ * zelfunc_exec.cpp - argument vectors and running programs without a
+ * terminal: through the shell (system) or fork/execvp with pipes.
+ */
+#include <ctype.h>
+#include <errno.h>
+#include <fcntl.h>
+#include <signal.h>
+#include <stdarg.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/types.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include "zelfunc.h"
+#include "zellog.h"
+
+#define ARGV_ITEM_MAX 2048
+
+/* ---- argument vectors ---- */
+
+/*
+ * Appends one printf-formatted argument (cut at 2047 characters, which is
+ * logged) as a heap copy owned by the vector.  The last of the maxsize slots
+ * stays null.  0 when pushed or nothing to push; -1 when the vector is full.
+ */
+int PushArgv(char** argv, unsigned maxsize, const char* format, ...)
+{
+    char buf[ARGV_ITEM_MAX];
+    unsigned index = 0;
+    va_list ap;
+    int n;
+
+    if (argv == NULL || format == NULL || format[0] == '\0')
+        return 0;
+    if (maxsize == 0)   /* no slot at all: nothing may be written */
+        return -1;
+    while (index + 1 < maxsize && argv[index] != NULL)
+        index++;
+    if (index + 1 >= maxsize) {
+        argv[index] = NULL;
+        return -1;
+    }
+
+    va_start(ap, format);
+    n = vsnprintf(buf, sizeof(buf), format, ap);
+    va_end(ap);
+    if (n > ARGV_ITEM_MAX - 2)
+        ZELLogFunction(0, "zelfunc", __LINE__,
+                       "%s: buffer is not big enough, string is truncated.\n", "PushArgv");
+    argv[index] = strdup(buf);
+    return argv[index] != NULL ? 0 : -1;
+}
+
+/* Frees every argument up to the first null slot and nulls it; 0. */
+int CleanArgv(char** argv)
+{
+    if (argv == NULL)
+        return 0;
+    for (int i = 0; argv[i] != NULL; i++) {
+        free(argv[i]);
+        argv[i] = NULL;
+    }
+    return 0;
+}
+
+/* Frees and nulls the last argument (so it can be replaced); 0. */
+int CleanLastArgv(char** argv)
+{
+    int last = -1;
+
+    if (argv == NULL)
+        return 0;
+    while (argv[last + 1] != NULL)
+        last++;
+    if (last >= 0) {
+        free(argv[last]);
+        argv[last] = NULL;
+    }
+    return 0;
+}
+
+/* ---- shell commands ---- */
+
+/*
+ * Maps a system() result: errno for -1, the exit code of a normal exit, the
+ * signal number of a killed child, the raw value otherwise.
+ */
+static int decode_system_status(int r, int err)
+{
+    if (r == -1)
+        return err;
+    if ((r & 0x7f) == 0)
+        return (r & 0xff00) >> 8;
+    if (WIFSIGNALED(r))
+        return r & 0x7f;
+    return r;
+}
+
+/*
+ * system(cmd) with SIGCHLD at its default disposition for the duration (a
+ * caller's SIGCHLD handler must not reap the shell).  Raw result; *err gets
+ * errno of a failed call.
+ */
+static int run_system(const char* cmd, int* err)
+{
+    struct sigaction dfl, old;
+    int r;
+
+    memset(&dfl, 0, sizeof(dfl));
+    dfl.sa_handler = SIG_DFL;
+    sigemptyset(&dfl.sa_mask);
+    sigaction(SIGCHLD, &dfl, &old);
+    r = system(cmd);
+    *err = errno;
+    sigaction(SIGCHLD, &old, NULL);
+    return r;
+}
+
+/*
+ * Runs cmd through the shell and logs the command line with its result at
+ * level 3.  -1 for a null cmd, else the decoded status (exit code, signal
+ * number or errno: test for zero only).
+ */
+int ExecuteCmd(const char* cmd)
+{
+    int err = 0;
+    int r;
+
+    if (cmd == NULL)
+        return -1;
+    r = decode_system_status(run_system(cmd, &err), err);
+    ZELLogFunction(3, "zelfunc", __LINE__, "Execute command [%s] result: %d.\n", cmd, r);
+    return r;
+}
+
+/* As ExecuteCmd() without the log line (probes and maintenance commands). */
+int ExecuteCmdSilently(const char* cmd)
+{
+    int err = 0;
+    int r;
+
+    if (cmd == NULL)
+        return -1;
+    r = run_system(cmd, &err);
+    if (r == 0)
+        return 0;
+    return decode_system_status(r, err);
+}
+
+/*
+ * Looks for the job's script among all processes (the backup program itself
+ * excluded).  *run gets 1 when found, else 0.  Always 0.
+ */
+int check_process_running(const char* jobuuid, int* run)
+{
+    char cmd[ZEL_PATH_MAX];
+    const char* job = jobuuid != NULL ? jobuuid : "";
+    int found;
+
+    snprintf(cmd, sizeof(cmd),
+             "ps laxww | grep \"jobscript.*%s\" | grep -v %s | grep -v grep > /dev/null 2>&1",
+             job, "kvxbackupvol");
+    found = ExecuteCmdSilently(cmd) == 0;
+    if (run != NULL)   /* a null result pointer is not written */
+        *run = found;
+    if (found)
+        ZELLogFunction(4, "zelfunc", __LINE__, "%s: job(%s) is running.\n",
+                       "check_process_running", job);
+    else
+        ZELLogFunction(4, "zelfunc", __LINE__, "%s: job(%s) isn't running.\n",
+                       "check_process_running", job);
+    return 0;
+}
+
+/*
+ * Directory of the running executable (no trailing slash).  Copies it into
+ * path (len bytes) and returns a static 4096-byte buffer holding it; null
+ * when the link cannot be read or the directory does not fit.
+ */
+char* GetProcessModulePath(char* path, int len)
+{
+    static char resolved[ZEL_PATH_MAX];
+    char source[64];
+    ssize_t n;
+    char* slash;
+    size_t dirlen;
+
+    snprintf(source, sizeof(source), "%s/%d/exe", "/proc", (int)getpid());
+    n = readlink(source, resolved, sizeof(resolved) - 1);
+    if (n < 0) {
+        int err = errno;
+        ZELLogFunction(3, "zelfunc", __LINE__,
+                       "Failed to locate process path: readlink() failed [%d][%s]\n",
+                       err, strerror(err));
+        return NULL;
+    }
+    resolved[n] = '\0';
+    ZELLogFunction(5, "zelfunc", __LINE__, "sourcePath   = [%s]\n", source);
+    ZELLogFunction(5, "zelfunc", __LINE__, "resolvedPath = [%s]\n", resolved);
+
+    slash = strrchr(resolved, '/');
+    if (slash == NULL) {
+        ZELLogFunction(3, "zelfunc", __LINE__,
+                       "Incorrect resolved path from readlink() : [%s]\n", resolved);
+        return NULL;
+    }
+    *slash = '\0';
+    ZELLogFunction(5, "zelfunc", __LINE__, "resolvedPath = [%s]\n", resolved);
+
+    dirlen = strlen(resolved);
+    if (path == NULL || len <= 0 || dirlen >= (size_t)len) {
+        ZELLogFunction(3, "zelfunc", __LINE__,
+                       "Got Path Len is larger than input path buf len! failed !\n");
+        return NULL;
+    }
+    memcpy(path, resolved, dirlen);
+    path[dirlen] = '\0';   /* terminated here: callers need not zero path */
+    return resolved;
+}
+
+/* 1 when s is non-empty and all decimal digits, else 0. */
+int isdigitstring(const char* s)
+{
+    if (s == NULL || *s == '\0')
+        return 0;
+    for (; *s != '\0'; s++) {
+        if (!isdigit((unsigned char)*s))
+            return 0;
+    }
+    return 1;
+}
+
+/* ---- fork/execvp with pipes ---- */
+
+static void close_fd(int* fd)
+{
+    if (*fd >= 0) {
+        close(*fd);
+        *fd = -1;
+    }
+}
+
+/*
+ * Child side of ExecuteProcess(): wires the pipes to descriptors 0 and 1,
+ * starts a new session and executes argv.  Never returns.
+ */
+static void exec_child(char** argv, int pfdin[2], int pfdout[2])
+{
+    close(pfdin[1]);
+    close(pfdout[0]);
+    if (dup2(pfdin[0], 0) < 0) {
+        ZELLogFunction(0, "zelfunc", __LINE__, "ExecuteProcess: failed to dup stdin: %d.\n", errno);
+        _exit(errno);
+    }
+    if (dup2(pfdout[1], 1) < 0) {
+        ZELLogFunction(0, "zelfunc", __LINE__, "ExecuteProcess: failed to dup stdout: %d.\n", errno);
+        _exit(errno);
+    }
+    /* a pipe end that already was descriptor 0 or 1 stays open */
+    if (pfdin[0] > 1)
+        close(pfdin[0]);
+    if (pfdout[1] > 1)
+        close(pfdout[1]);
+    if (setsid() < 0) {
+        ZELLogFunction(0, "zelfunc", __LINE__, "ExecuteProcess: failed to setsid: %d.\n", errno);
+        _exit(-1);
+    }
+    execvp(argv[0], argv);
+    ZELLogFunction(0, "zelfunc", __LINE__, "ExecuteProcess: failed to exec command(%d): %s.\n",
+                   errno, argv[0]);
+    /* _exit: the child never runs on into the caller's code or atexit hooks */
+    _exit(127);
+}
+
+/* One write of the input; a child that has already gone must not kill us. */
+static void feed_input(int fd, const char* input, size_t inputsize)
+{
+    struct sigaction ign, old;
+    ssize_t w;
+
+    memset(&ign, 0, sizeof(ign));
+    ign.sa_handler = SIG_IGN;
+    sigemptyset(&ign.sa_mask);
+    sigaction(SIGPIPE, &ign, &old);
+    w = write(fd, input, inputsize);
+    (void)w;   /* a short write is not retried */
+    sigaction(SIGPIPE, &old, NULL);
+}
+
+/*
+ * Reads what the exited child left in the pipe, once, into output
+ * (outputsize - 1 bytes at most, always terminated).
+ */
+static void collect_output(int fd, char* output, size_t outputsize)
+{
+    ssize_t n;
+
+    /* non-blocking: a grandchild holding the pipe open must not hang us */
+    fcntl(fd, F_SETFL, fcntl(fd, F_GETFL) | O_NONBLOCK);
+    n = read(fd, output, outputsize - 1);
+    output[n > 0 ? n : 0] = '\0';
+    ZELLogFunction(5, "zelfunc", __LINE__, "ExecuteProcess: read output (%s).\n", output);
+}
+
+/*
+ * Runs argv[0] (searched in PATH) in a new session, feeds input to its
+ * standard input, waits for it, then captures at most outputsize - 1 bytes
+ * of its standard output into output (terminated).  Standard error is
+ * inherited.  0 without running anything for a null vector; otherwise the
+ * child's exit code (127: could not execute), -1 when it was killed by a
+ * signal, errno when a pipe, fork or wait failed.
+ */
+int ExecuteProcess(char** argv, const char* input, size_t inputsize,
+                   char* output, size_t outputsize)
+{
+    int pfdin[2] = { -1, -1 };
+    int pfdout[2] = { -1, -1 };
+    struct sigaction dfl, old;
+    pid_t pid;
+    int status = 0;
+    int err, rc;
+
+    if (argv == NULL || argv[0] == NULL)
+        return 0;
+    if (pipe(pfdin) < 0) {
+        err = errno;
+        ZELLogFunction(0, "zelfunc", __LINE__, "ExecuteProcess: failed to create pipe1: %d.\n", err);
+        return err;
+    }
+    if (pipe(pfdout) < 0) {
+        err = errno;
+        ZELLogFunction(0, "zelfunc", __LINE__, "ExecuteProcess: failed to create pipe2: %d.\n", err);
+        close_fd(&pfdin[0]);   /* the first pipe is released too */
+        close_fd(&pfdin[1]);
+        return err;
+    }
+
+    memset(&dfl, 0, sizeof(dfl));
+    dfl.sa_handler = SIG_DFL;
+    sigemptyset(&dfl.sa_mask);
+    sigaction(SIGCHLD, &dfl, &old);
+
+    pid = fork();
+    if (pid < 0) {
+        err = errno;
+        ZELLogFunction(0, "zelfunc", __LINE__, "ExecuteProcess: failed to fork: %d.\n", err);
+        close_fd(&pfdin[0]);
+        close_fd(&pfdin[1]);
+        close_fd(&pfdout[0]);
+        close_fd(&pfdout[1]);
+        sigaction(SIGCHLD, &old, NULL);
+        return err;
+    }
+    if (pid == 0)
+        exec_child(argv, pfdin, pfdout);
+
+    close_fd(&pfdin[0]);
+    close_fd(&pfdout[1]);
+    if (input != NULL && inputsize > 0)
+        feed_input(pfdin[1], input, inputsize);
+    close_fd(&pfdin[1]);
+
+    if (waitpid(pid, &status, 0) < 0) {
+        err = errno;
+        ZELLogFunction(0, "zelfunc", __LINE__, "ExecuteProcess: failed to wait subprocess (%d).\n", err);
+        close_fd(&pfdout[0]);
+        sigaction(SIGCHLD, &old, NULL);
+        return err;
+    }
+    sigaction(SIGCHLD, &old, NULL);
+    rc = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+
+    if (output != NULL && outputsize > 0)
+        collect_output(pfdout[0], output, outputsize);
+    close_fd(&pfdout[0]);
+    return rc;
+}

@@ -1,0 +1,327 @@
+/*
+ * zelfunc_paths.cpp - the agent's directories, path joining, directory
+ * creation, file property tests and the single-instance lock file.
+ */
+#include <ctype.h>
+#include <errno.h>
+#include <fcntl.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/stat.h>
+#include <sys/time.h>
+#include <sys/types.h>
+#include <time.h>
+#include <unistd.h>
+
+#include "zelfunc.h"
+#include "zellog.h"
+#include "zelsvciobackend.h"
+
+#define DEFAULT_DIR       "/tmp"
+#define DEFAULT_ZEL_ROOT  "/ZEL_ROOT/"
+
+/*
+ * Copies at most n-1 bytes of src and always terminates dst[n-1] (and the
+ * copy).  A null src gives an empty string.  Returns dst.
+ */
+char* exstrncpy(char* dst, const char* src, size_t n)
+{
+    if (dst == NULL || n == 0)
+        return dst;
+    if (src == NULL) {
+        dst[0] = '\0';
+        return dst;
+    }
+    size_t len = strnlen(src, n - 1);
+    memcpy(dst, src, len);
+    dst[len] = '\0';
+    dst[n - 1] = '\0';
+    return dst;
+}
+
+/*
+ * dst = src1, a "/" unless src1 already ends in one, then src2 (if any).
+ * Null (dst untouched) for an empty src1, a null dst or len 0.  Every
+ * append is bounded by len: the result may be cut, never overflows.
+ */
+char* path_join(const char* src1, const char* src2, char* dst, size_t len)
+{
+    size_t used;
+
+    if (src1 == NULL || src1[0] == '\0' || dst == NULL || len == 0)
+        return NULL;
+    exstrncpy(dst, src1, len);
+    used = strlen(dst);
+    if (used == 0 || dst[used - 1] != '/')
+        strncat(dst, "/", len - 1 - used);
+    if (src2 != NULL)
+        strncat(dst, src2, len - 1 - strlen(dst));
+    return dst;
+}
+
+/*
+ * Fills a cached directory once: the variable's value plus "/" when it is
+ * set and non-empty, else "/tmp" plus "/" with the variable exported as
+ * "/tmp" so that child processes agree.
+ */
+static char* cached_env_dir(char* cache, size_t size, const char* var)
+{
+    const char* value;
+
+    if (cache[0] != '\0')
+        return cache;
+    value = getenv(var);
+    if (value == NULL || value[0] == '\0') {
+        setenv(var, DEFAULT_DIR, 1);
+        value = DEFAULT_DIR;
+    }
+    path_join(value, "/", cache, size);
+    return cache;
+}
+
+/* Work directory, e.g. "/opt/t//" (static, computed once). */
+char* GetTargetWorkDir(void)
+{
+    static char dir[ZEL_PATH_MAX];
+    return cached_env_dir(dir, sizeof(dir), TARGET_WORK_DIR_ENV);
+}
+
+/* Directory the agent was started from, e.g. "/tmp//" (static, once). */
+char* GetTargetBootstrapDir(void)
+{
+    static char dir[ZEL_PATH_MAX];
+    return cached_env_dir(dir, sizeof(dir), TARGET_BOOTSTRAP_DIR_ENV);
+}
+
+/* The client package directory "<work dir>linux-kvx-client" (static, once). */
+char* GetEnvLdLibraryPath(void)
+{
+    static char dir[ZEL_PATH_MAX];
+
+    if (dir[0] == '\0')
+        path_join(GetTargetWorkDir(), "linux-kvx-client", dir, sizeof(dir));
+    return dir;
+}
+
+/* The agent's own executable "<bootstrap dir>kvx_ea" (static, once). */
+char* GetEATarget(void)
+{
+    static char path[ZEL_PATH_MAX];
+
+    if (path[0] == '\0')
+        path_join(GetTargetBootstrapDir(), "kvx_ea", path, sizeof(path));
+    return path;
+}
+
+/*
+ * ZEL_ROOT_PATH when set and non-empty, else "/ZEL_ROOT/".  Read again at
+ * every call; the returned static buffer is overwritten by the next call.
+ */
+char* GetZelRootDir(void)
+{
+    static char dir[ZEL_PATH_MAX];
+    const char* value = getenv(ZEL_ROOT_PATH_ENV);
+
+    exstrncpy(dir, (value != NULL && value[0] != '\0') ? value : DEFAULT_ZEL_ROOT, sizeof(dir));
+    return dir;
+}
+
+/*
+ * 0 when path is a directory or was made (mode 0755, one level: parents
+ * must exist); -1 otherwise, logged at level 3.
+ */
+int CreateDirectory(const char* path)
+{
+    struct stat st;
+
+    if (path == NULL)
+        return -1;
+    if (stat(path, &st) != 0) {
+        if (errno != ENOENT) {
+            ZELLogFunction(3, "zelfunc", __LINE__, "Stat [%s] error: [%s]\n", path, strerror(errno));
+            return -1;
+        }
+        if (mkdir(path, 0755) != 0) {
+            ZELLogFunction(3, "zelfunc", __LINE__, "Mkdir [%s] error: [%s]\n", path, strerror(errno));
+            return -1;
+        }
+        return 0;
+    }
+    if (!S_ISDIR(st.st_mode)) {
+        ZELLogFunction(3, "zelfunc", __LINE__, "The path [%s] doesn't refer to a directory.\n", path);
+        return -1;
+    }
+    return 0;
+}
+
+/* The _EnumFileProperty flags that hold for a stat result. */
+static unsigned file_properties(const struct stat* st)
+{
+    unsigned p = 0;
+
+    if (S_ISREG(st->st_mode))  p |= FILE_REGULAR;
+    if (S_ISDIR(st->st_mode))  p |= FILE_DIRECTORY;
+    if (S_ISLNK(st->st_mode))  p |= FILE_LINK;   /* never after stat(); kept */
+    if (S_ISBLK(st->st_mode))  p |= FILE_BLOCK;
+    if (S_ISCHR(st->st_mode))  p |= FILE_CHARACTER;
+    if (S_ISSOCK(st->st_mode)) p |= FILE_SOCKET;
+    if (S_ISFIFO(st->st_mode)) p |= FILE_FIFO;
+    if (st->st_mode & S_IRUSR) p |= FILE_READABLE;
+    if (st->st_mode & S_IWUSR) p |= FILE_WRITABLE;
+    if (st->st_mode & S_IXUSR) p |= FILE_EXECUTABLE;
+    if (S_ISREG(st->st_mode))
+        p |= st->st_size == 0 ? FILE_EMPTY : FILE_NON_EMPTY;
+    else
+        p |= FILE_EMPTY | FILE_NON_EMPTY;   /* size tests only bind regular files */
+    return p;
+}
+
+/*
+ * 1 when file exists and every flag of iprop holds (owner mode bits, not
+ * the caller's access), else 0.  rpc routes the stat through the I/O
+ * redirection layer when that is enabled.
+ */
+int CheckFileProperty(const char* file, unsigned iprop, int rpc)
+{
+    struct stat st;
+    int rc;
+
+    if (file == NULL || file[0] == '\0')
+        return 0;
+    if (rpc && zelsvc_enabled())
+        rc = _zswrap_stat(__LINE__, __FILE__, __func__, file, &st);
+    else
+        rc = stat(file, &st);
+    if (rc != 0)
+        return 0;
+    return (file_properties(&st) & iprop) == iprop ? 1 : 0;
+}
+
+/*
+ * Single-instance lock: opens (creating, mode 0666) path and places a
+ * non-blocking write lock on the whole file.  Returns the descriptor, which
+ * the caller keeps open for the life of the process; -2 when another
+ * process holds a lock on it (logged unless quiet), -1 on failure.
+ */
+int check_and_lock_file(const char* path, int quiet)
+{
+    struct flock fl;
+    int tries = 1;
+    int fd;
+
+    if (path == NULL)
+        return -1;
+    /* close-on-exec: the lock belongs to this process, not its programs */
+    fd = open(path, O_RDWR | O_CREAT | O_CLOEXEC, 0666);
+    if (fd < 0) {
+        ZELLogFunction(3, "zelfunc", __LINE__,
+                       "%s: Failed to open [%s] even after trying [%d] times, error code: [%d]\n",
+                       "check_and_lock_file", path, tries, errno);
+        return -1;
+    }
+
+    memset(&fl, 0, sizeof(fl));
+    fl.l_type = F_WRLCK;
+    fl.l_whence = SEEK_SET;
+    fl.l_start = 0;
+    fl.l_len = 0;
+    if (fcntl(fd, F_GETLK, &fl) == 0 && (fl.l_type == F_RDLCK || fl.l_type == F_WRLCK)) {
+        if (!quiet)
+            ZELLogFunction(3, "zelfunc", __LINE__, "%s: File (%s) is locked(write) by pid: [%ld].\n",
+                           "check_and_lock_file", path, (long)fl.l_pid);
+        close(fd);
+        return -2;
+    }
+
+    memset(&fl, 0, sizeof(fl));
+    fl.l_type = F_WRLCK;
+    fl.l_whence = SEEK_SET;
+    if (fcntl(fd, F_SETLK, &fl) != 0) {
+        ZELLogFunction(3, "zelfunc", __LINE__, "%s: Failed to lock file [%s] error code: [%d]\n",
+                       "check_and_lock_file", path, 0);
+        close(fd);
+        return -1;
+    }
+    return fd;
+}
+
+/* ---- date and time stamps ---- */
+
+/*
+ * The local date `days` days ago as "YYYY<sep>MM<sep>DD", or "YYYYMMDD"
+ * when sep is 0.  Static 32-byte buffer, overwritten by the next call.
+ */
+char* GetLastDate(char sep, int days)
+{
+    static char date[32];
+    time_t when = time(NULL) - (time_t)days * 86400;
+    struct tm tmv;
+
+    localtime_r(&when, &tmv);
+    if (sep != 0)
+        snprintf(date, sizeof(date), "%04d%c%02d%c%02d",
+                 tmv.tm_year + 1900, sep, tmv.tm_mon + 1, sep, tmv.tm_mday);
+    else
+        snprintf(date, sizeof(date), "%04d%02d%02d",
+                 tmv.tm_year + 1900, tmv.tm_mon + 1, tmv.tm_mday);
+    return date;
+}
+
+/* Today as "YYYY-MM-DD" (GetLastDate's static buffer). */
+char* GetSysDate(void)
+{
+    return GetLastDate('-', 0);
+}
+
+/* Local time of day "HH-MM-SS:mmm" in a static 32-byte buffer. */
+char* GetSysTime(void)
+{
+    static char stamp[32];
+    struct timeval tv;
+    struct tm tmv;
+    time_t now;
+
+    gettimeofday(&tv, NULL);
+    now = tv.tv_sec;
+    localtime_r(&now, &tmv);
+    snprintf(stamp, sizeof(stamp), "%02d-%02d-%02d:%03d",
+             tmv.tm_hour, tmv.tm_min, tmv.tm_sec, (int)(tv.tv_usec / 1000));
+    return stamp;
+}
+
+/* ---- white-space trims (in place; null accepted; return s) ---- */
+
+char* TrimRightSpaces(char* s)
+{
+    size_t n;
+
+    if (s == NULL)
+        return s;
+    n = strlen(s);
+    while (n > 0 && isspace((unsigned char)s[n - 1]))
+        s[--n] = '\0';
+    return s;
+}
+
+char* TrimLeftSpaces(char* s)
+{
+    size_t skip = 0;
+
+    if (s == NULL)
+        return s;
+    while (s[skip] != '\0' && isspace((unsigned char)s[skip]))
+        skip++;
+    if (skip > 0)
+        memmove(s, s + skip, strlen(s + skip) + 1);
+    return s;
+}
+
+char* TrimSpaces(char* s)
+{
+    return TrimLeftSpaces(TrimRightSpaces(s));
+}
+
+char* rtrim(char* s) { return TrimRightSpaces(s); }
+char* ltrim(char* s) { return TrimLeftSpaces(s); }
+char* trim(char* s)  { return TrimSpaces(s); }
