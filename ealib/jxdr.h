@@ -64,6 +64,13 @@ JXDR*  jxdr_create(char* buffer);
 JXDR*  jxdr_create_call(int fn);
 JXDR*  jxdr_create_reply(JXDR* jxdr);
 char*  jxdr_param_alloc(JXDR* xdrs, int size);
+/* Arena copy of src (strlen + 1 bytes); null for a null src or a full arena. */
+char*  jxdr_param_strdup(JXDR* xdrs, const char* src);
+/* Copies min(max, strlen(src), cap - 1) bytes of src into dst and
+ * terminates; returns the count copied (0 for cap < 1 or a null src). */
+int    jxdr_copy_text(char* dst, int cap, const char* src, int max);
+/* Makes param (reference taken over) the message's "param"; 0 or -1. */
+int    jxdr_set_param(JXDR* xdrs, json_t* param);
 bool_t jxdr_destroy(JXDR* xdrs);
 int    jxdr_proc_num(JXDR* xdrs);
 char*  jxdr_to_string(JXDR* xdrs);
