@@ -1,0 +1,226 @@
+/*
+ * agentactivitylog.cpp - the activity log file that the backup programs
+ * append to and the agent drains, and the machine check report reader.
+ *
+ * Readers and writers serialise on a whole-file lockf() lock taken without
+ * waiting, retried once a second for KVX_LOCK_ATTEMPTS attempts, so a reader
+ * never sees a half-written line.  A reader consumes the file: it empties and
+ * removes it once read, so each event is delivered once.
+ */
+#include <errno.h>
+#include <fcntl.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "agentactivitylog.h"
+#include "zelcommon.h"
+#include "zellog.h"
+
+#define LOG_SRC "agentactivitylog"
+
+#define KVX_LOCK_ATTEMPTS      6
+#define KVX_ACTIVITY_LINE_MAX  1123     /* 1122 characters and the terminator */
+#define KVX_CHECKMACHINE_LIMIT 204799   /* largest accepted buffer (size + 1) */
+
+/* Internal result of drain_locked_file: the file exceeds a refusing limit. */
+#define DRAIN_TOO_BIG (-1000)
+
+/* Takes the whole-file lock, KVX_LOCK_ATTEMPTS tries one second apart. */
+static int lock_with_retries(int fd)
+{
+    for (int attempt = 0; attempt < KVX_LOCK_ATTEMPTS; attempt++) {
+        if (lockf(fd, F_TLOCK, 0) == 0)
+            return 0;
+        sleep(1);
+    }
+    return -1;
+}
+
+/* Reads up to want bytes, retrying interrupted reads; the count or -1. */
+static int read_all(int fd, char* buf, int want)
+{
+    int got = 0;
+
+    while (got < want) {
+        ssize_t n = read(fd, buf + got, want - got);
+        if (n > 0)
+            got += (int)n;
+        else if (n == 0)
+            break;
+        else if (errno != EINTR)
+            return -1;
+    }
+    return got;
+}
+
+/*
+ * The one reader behind read_activity_log_file and read_checkmachine_file.
+ * Locks path, reads it into a fresh heap buffer of file size + 1 bytes and
+ * removes the file.  A file that needs more than limit bytes (file size + 1
+ * above limit) is cut to limit
+ * (its tail is lost with the file) when refuse is 0; when refuse is set it is
+ * left alone and DRAIN_TOO_BIG returned with the needed size in *size.
+ * Results: bytes read; 0 no file; -1 bad arguments or open failure; -2 lock
+ * not obtained; -3 read error (file kept, *text still set for the caller to
+ * free); -errno when fstat or malloc fails.
+ */
+static int drain_locked_file(const char* path, char** text, int* size, int limit, int refuse)
+{
+    struct stat st;
+    int fd, err, got;
+
+    if (path == NULL || text == NULL || size == NULL)
+        return -1;
+    fd = open(path, O_RDWR);
+    if (fd < 0)
+        return errno == ENOENT ? 0 : -1;
+    if (lock_with_retries(fd) != 0) {
+        close(fd);
+        return -2;
+    }
+    if (fstat(fd, &st) != 0) {
+        err = errno;
+        close(fd);
+        return -err;
+    }
+    if (st.st_size >= (off_t)limit) {
+        if (refuse) {
+            /* Saturate: the caller only logs the figure. */
+            *size = st.st_size >= 0x7fffffff ? 0x7fffffff : (int)st.st_size + 1;
+            close(fd);
+            return DRAIN_TOO_BIG;
+        }
+        *size = limit;
+    } else {
+        *size = (int)st.st_size + 1;
+    }
+    /* Zeroed, so a file that shrank under us leaves no stale bytes. */
+    *text = (char*)calloc(1, *size);
+    if (*text == NULL) {
+        err = errno;
+        close(fd);
+        return -err;
+    }
+    got = read_all(fd, *text, *size);
+    if (got < 0) {
+        close(fd);
+        return -3;
+    }
+    (*text)[*size - 1] = '\0';
+    if (ftruncate(fd, 0) != 0) {
+        /* Unlinked anyway; an unemptied file cannot be read again. */
+    }
+    unlink(path);
+    close(fd);
+    return got;
+}
+
+/*
+ * Drains the activity log at path.  On success *text is a heap buffer the
+ * caller frees and *size its size: text length + 1, at most
+ * KVX_ACTIVITY_LOG_MAX (a longer file yields its first 32767 bytes and loses
+ * the rest).  Results: bytes read (> 0); 0 no file or empty file; -1 null
+ * argument or open failure; -2 still locked after 6 attempts (file kept);
+ * -3 read error; -errno when fstat or malloc fails.  The caller frees *text
+ * whenever it was set, also on -3.
+ */
+int read_activity_log_file(const char* path, char** text, int* size)
+{
+    return drain_locked_file(path, text, size, KVX_ACTIVITY_LOG_MAX, 0);
+}
+
+/*
+ * Drains the machine check report: the same results as
+ * read_activity_log_file, except that a report needing more than 204799
+ * bytes (size + 1) is refused with -2 and left in place instead of cut.
+ * *len_out is the report size + 1; *buf_out is freed by the caller.
+ */
+int read_checkmachine_file(const char* filename, char** buf_out, int* len_out)
+{
+    int rc = drain_locked_file(filename, buf_out, len_out, KVX_CHECKMACHINE_LIMIT, 1);
+    if (rc == DRAIN_TOO_BIG) {
+        ZELLogFunction(0, LOG_SRC, __LINE__, "%s: checkmachine output is too big(%d.)\n",
+                       __func__, *len_out);
+        return -2;
+    }
+    return rc;
+}
+
+/*
+ * Appends text and "\n" to path under the whole-file lock (the file is
+ * created with mode 0666).  Each failed lock closes the file, waits a second
+ * and reopens it.  Results: 0 written; -1 open failure; busy_rc when the lock
+ * was not obtained in KVX_LOCK_ATTEMPTS attempts (the line is dropped).
+ */
+static int append_locked(const char* path, const char* text, int busy_rc)
+{
+    for (int attempt = 0; attempt < KVX_LOCK_ATTEMPTS; attempt++) {
+        int fd = open(path, O_RDWR | O_CREAT | O_APPEND, 0666);
+        if (fd < 0)
+            return -1;
+        if (lockf(fd, F_TLOCK, 0) == 0) {
+            writen(fd, (void*)text, (int)strlen(text), 0);
+            writen(fd, (void*)"\n", 1, 0);
+            close(fd);
+            return 0;
+        }
+        close(fd);
+        sleep(1);
+    }
+    return busy_rc;
+}
+
+/*
+ * Appends line and a newline to the activity log.  0; -1 open failure or
+ * null argument; -ENOENT when the file stayed locked for 6 attempts.
+ */
+int write_activity_log_file(const char* path, const char* line)
+{
+    if (path == NULL || line == NULL)
+        return -1;
+    return append_locked(path, line, -ENOENT);
+}
+
+/*
+ * Appends one event "<type> <errorCode> <message>" (cut to 1122 characters)
+ * to the activity log.  0; -1 open failure or null path; -2 when the file
+ * stayed locked for 6 attempts.
+ */
+int write_activity_log_file2(const char* path, int type, int errorCode, const char* message)
+{
+    char line[KVX_ACTIVITY_LINE_MAX];
+
+    if (path == NULL)
+        return -1;
+    snprintf(line, sizeof(line), "%d %d %s", type, errorCode, message ? message : "");
+    return append_locked(path, line, -2);
+}
+
+/*
+ * Moves the events of the activity log from into the activity log to.
+ * -1 for a null argument; otherwise the result of the drain of from, or of
+ * the append to to when there was text to move.
+ */
+int update_activity_log_file(const char* from, const char* to)
+{
+    char* text = NULL;
+    int size = 0;
+    int rc;
+
+    if (from == NULL || to == NULL) {
+        ZELLogFunction(0, LOG_SRC, 190, "%s: Invalid parameters.\n", __func__);
+        return -1;
+    }
+    rc = read_activity_log_file(from, &text, &size);
+    if (rc > 0) {
+        rc = write_activity_log_file(to, text);
+        if (rc != 0)
+            ZELLogFunction(0, LOG_SRC, 200, "%s: Failed to write activity log (%d)\n",
+                           __func__, rc);
+    }
+    free(text);
+    return rc;
+}

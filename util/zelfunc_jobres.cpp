@@ -1,0 +1,88 @@
+/*
+ * zelfunc_jobres.cpp - the job result file "logs/linuxkvxjobres": one
+ * 105-byte JOB_RESULT record, written by a backup program when its job ends
+ * and consumed (read, emptied, removed) by the agent.
+ */
+#include <errno.h>
+#include <fcntl.h>
+#include <string.h>
+#include <unistd.h>
+
+#include "zelcommon.h"
+#include "zelfunc.h"
+#include "zellog.h"
+
+#define LOG_SRC "zelfunc"
+
+/*
+ * Appends rec (KVX_JOB_RESULT_SIZE bytes) to path, creating it with mode
+ * 0666.  The file is opened for appending, so an unread older result stays
+ * in front and is the one that gets delivered.  0; -1 when the open fails
+ * or the write is short.
+ */
+int create_job_result(const char* path, JOB_RESULT* rec)
+{
+    int fd, n;
+
+    if (path == NULL || rec == NULL)
+        return -1;
+    fd = open(path, O_RDWR | O_CREAT | O_APPEND, 0666);
+    if (fd < 0) {
+        int err = errno;
+        ZELLogFunction(0, LOG_SRC, 2328, "%s: open(%s) failed: %s[%d].\n",
+                       __func__, path, strerror(err), err);
+        return -1;
+    }
+    n = writen(fd, rec, KVX_JOB_RESULT_SIZE, 0);
+    close(fd);
+    if (n != KVX_JOB_RESULT_SIZE) {
+        ZELLogFunction(0, LOG_SRC, 2337, "%s: writen(%s) return:%d, not equal expected:%d.\n",
+                       __func__, path, n, KVX_JOB_RESULT_SIZE);
+        return -1;
+    }
+    return 0;
+}
+
+/*
+ * Reads the first record of the job result file into rec and removes the
+ * file, whatever was read.  0 when the file does not exist (rec untouched)
+ * or a whole record was read; -1 when the open fails or the file is shorter
+ * than one record (rec untouched).
+ */
+int read_job_result(const char* path, JOB_RESULT* rec)
+{
+    JOB_RESULT tmp;
+    int fd, n;
+
+    if (path == NULL || rec == NULL)
+        return -1;
+    if (access(path, F_OK) != 0) {
+        ZELLogFunction(0, LOG_SRC, 2345, "%s: file(%s) is not exist.\n", __func__, path);
+        return 0;
+    }
+    fd = open(path, O_RDWR);
+    if (fd < 0) {
+        int err = errno;
+        ZELLogFunction(0, LOG_SRC, 2352, "%s: open(%s) failed: %s[%d].\n",
+                       __func__, path, strerror(err), err);
+        return -1;
+    }
+    /* Read aside: a short file must not leave a partial record behind. */
+    memset(&tmp, 0, sizeof(tmp));
+    n = readn(fd, &tmp, KVX_JOB_RESULT_SIZE, 0);
+    if (ftruncate(fd, 0) != 0) {
+        /* Removed below in any case. */
+    }
+    close(fd);
+    unlink(path);
+    if (n != KVX_JOB_RESULT_SIZE) {
+        ZELLogFunction(0, LOG_SRC, 2362, "%s: readn(%s) return:%d, not equal expected:%d.\n",
+                       __func__, path, n, KVX_JOB_RESULT_SIZE);
+        return -1;
+    }
+    /* The texts travel as strings: keep them terminated whatever the writer did. */
+    tmp.sessionNo[sizeof(tmp.sessionNo) - 1] = '\0';
+    tmp.sessionGuid[sizeof(tmp.sessionGuid) - 1] = '\0';
+    memcpy(rec, &tmp, sizeof(tmp));
+    return 0;
+}
