@@ -1,0 +1,113 @@
+/*
+ * test_runtime_support.h - helpers of the runtime tests: reading the agent
+ * log, writing raw requests and reading raw replies, recording stubs.
+ */
+#ifndef TEST_RUNTIME_SUPPORT_H
+#define TEST_RUNTIME_SUPPORT_H
+
+#include <stdio.h>
+#include <unistd.h>
+#include <jansson.h>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "agent_harness.h"
+
+/*
+ * Number of log lines written from source src at line lineno whose message
+ * contains text.  The header of a line ends in "%4d:%-20s ".
+ */
+static inline int log_count(const std::string& log, const char* src, int lineno,
+                            const std::string& text)
+{
+    char tag[64];
+    snprintf(tag, sizeof(tag), "%4d:%-20s ", lineno, src);
+    std::istringstream in(log);
+    std::string line;
+    int n = 0;
+    while (std::getline(in, line)) {
+        size_t at = line.find(tag);
+        if (at != std::string::npos && line.find(text, at + 25) != std::string::npos)
+            n++;
+    }
+    return n;
+}
+
+/* One request line; param_json "" leaves "param" out. */
+static inline std::string request_line(int seq, int fn, const std::string& param_json)
+{
+    std::string line = "{\"ver\": 1, \"type\": 1, \"seq\": " + std::to_string(seq) +
+                       ", \"fn\": " + std::to_string(fn) + ", \"status\": 0";
+    if (!param_json.empty())
+        line += ", \"param\": " + param_json;
+    return line + "}";
+}
+
+/* "param" of procedure 3; block starts cmd in the background. */
+static inline std::string exec_param(const std::string& cmd, bool block)
+{
+    json_t* p = json_pack("{s:s,s:b,s:b,s:i,s:s,s:s,s:i}", "str", cmd.c_str(), "msg_mode", 0,
+                          "block_mode", block ? 1 : 0, "jobid", 0, "user", "", "passwd", "",
+                          "sudoflag", 0);
+    char* text = json_dumps(p, 0);
+    std::string s = text ? text : "{}";
+    free(text);
+    json_decref(p);
+    return s;
+}
+
+/* Next reply envelope (the empty record after each reply skipped); null if none. */
+static inline json_t* read_reply(AgentHarness& h, int timeout_ms)
+{
+    std::string rec;
+    while (h.read_raw(rec, timeout_ms)) {
+        if (rec == "\n")
+            continue;
+        json_error_t err;
+        return json_loads(rec.substr(0, rec.find('\0')).c_str(), 0, &err);
+    }
+    return NULL;
+}
+
+/* Sends procedure 3 and waits for its reply; true when one came. */
+static inline bool run_cmd(AgentHarness& h, int seq, const std::string& cmd, bool block = false)
+{
+    h.send_raw(request_line(seq, 3, exec_param(cmd, block)));
+    json_t* r = read_reply(h, 30000);
+    json_decref(r);
+    return r != NULL;
+}
+
+/* Polls the agent log for a line (10 s at most). */
+static inline bool wait_log(const AgentHarness& h, const char* src, int lineno,
+                            const std::string& text, int timeout_ms = 10000)
+{
+    for (int waited = 0; waited <= timeout_ms; waited += 20) {
+        if (log_count(h.log(), src, lineno, text) > 0)
+            return true;
+        usleep(20000);
+    }
+    return false;
+}
+
+/* Stub that also appends its call line to journal (kept outside client_dir,
+ * which the cleanup removes). */
+static inline void add_journal_stub(AgentHarness& h, const std::string& journal,
+                                    const std::string& name, int exit_code = 0,
+                                    const std::string& extra_sh = "")
+{
+    h.add_stub(name, exit_code, "printf '%s\\n' \"$line\" >> " + journal + "\n" + extra_sh);
+}
+
+static inline std::vector<std::string> read_lines(const std::string& path)
+{
+    std::vector<std::string> lines;
+    std::istringstream in(AgentHarness::read_file(path));
+    std::string line;
+    while (std::getline(in, line))
+        lines.push_back(line);
+    return lines;
+}
+
+#endif /* TEST_RUNTIME_SUPPORT_H */
