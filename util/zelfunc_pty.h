@@ -1,0 +1,88 @@
+/*
+ * zelfunc_pty.h - pieces shared by the pseudo-terminal runner
+ * (zelfunc_pty.cpp) and the su path (zelfunc_su.cpp).  Private to the
+ * utility library; the public entry points are declared in zelfunc.h.
+ */
+#ifndef ZELFUNC_PTY_H
+#define ZELFUNC_PTY_H
+
+#include <signal.h>
+#include <sys/time.h>
+#include <sys/types.h>
+
+#define ZELFUNC_SRC "zelfunc"
+
+/* The 30-second budget of one terminal session's select() calls. */
+#define PTY_SELECT_SECONDS 30
+
+/* Terminal chunks: prompt reads take 255 bytes, echo reads 256 (+1 spare). */
+#define PTY_CHUNK 256
+
+/* One child on a pseudo-terminal, from forkpty() to pty_finish(). */
+typedef struct PtyRun {
+    pid_t            pid;
+    int              masterFd;        /* -1 when not open */
+    struct sigaction oldChld;         /* SIGCHLD disposition to restore */
+    int              sigSaved;        /* 1 while oldChld waits to be restored */
+    char             secret[128];     /* password sent, masked in every log line */
+} PtyRun;
+
+/* Outcome of pty_wait_child(); each runner maps it to its own result code. */
+enum {
+    PTY_WAIT_EXITED = 0,     /* reaped; *status holds the wait status */
+    PTY_WAIT_CHANGE_PWD,     /* timed out and the terminal asks for a new password */
+    PTY_WAIT_TIMEOUT,        /* timed out */
+    PTY_WAIT_POLL_ERROR,     /* non-blocking waitpid() failed */
+    PTY_WAIT_BLOCK_ERROR     /* blocking waitpid() failed */
+};
+
+/*
+ * Saves the SIGCHLD disposition into run->oldChld, sets it to default (the
+ * agent's own handler must not reap our child) and marks the run empty.
+ * pwd (may be null) is remembered, without a newline, for masking.
+ */
+void pty_run_begin(PtyRun* run, const char* pwd);
+
+/* Closes the master descriptor if open and restores SIGCHLD.  Idempotent. */
+void pty_finish(PtyRun* run);
+
+/* In a forked child whose exec failed: never returns into the caller. */
+void pty_child_exit(int err) __attribute__((noreturn));
+
+/*
+ * select() on one descriptor for reading (forWrite 0) or writing, with *tv
+ * passed through unchanged between calls (the kernel counts it down).
+ * Interruptions are logged and retried; with announce set, fn's "select...."
+ * line is logged before every wait.  Returns 1 ready, 0 time-out, -1 error
+ * (logged as "failed to excecute select").
+ */
+int  pty_select(const char* fn, int fd, int forWrite, struct timeval* tv, int announce);
+
+/*
+ * Logs fmt, which takes exactly two "%s" (fn, then text), with every
+ * occurrence of secret in text replaced by '*'.  text may be null.
+ */
+void pty_log_text(int level, int line, const char* fmt, const char* fn,
+                  const char* text, const char* secret);
+
+/*
+ * Wait phase after the prompt phase.  mytimeout <= 0 waits without bound;
+ * otherwise polls once a second for mytimeout rounds, a child reaped in the
+ * last round counting as a time-out.  After a time-out a newline is written
+ * to the terminal and its answer checked for a password-change dialogue
+ * ("1" then goes into output when given).  Returns a PTY_WAIT_* value.
+ */
+int  pty_wait_child(const char* fn, PtyRun* run, int mytimeout, int* status,
+                    char* output, int outputSize);
+
+/*
+ * One read of at most outputSize - 1 bytes of terminal text into output;
+ * on a read error lastChunk (bounded) is used instead.  The text is then
+ * cleaned as ProcessSudoOutput() does.  Nothing happens without a buffer.
+ */
+void pty_capture_output(PtyRun* run, char* output, int outputSize, const char* lastChunk);
+
+/* ProcessSudoOutput() with secret masked in its two log lines. */
+int  pty_clean_output(char* output, int outputSize, const char* secret);
+
+#endif /* ZELFUNC_PTY_H */

@@ -1,0 +1,290 @@
+/*
+ * zelfunc_su.cpp - running a command as root through su or sudo on a
+ * pseudo-terminal, and checking whether given credentials reach root
+ * (source name "zelfunc").
+ *
+ * With an account name the command runs as "su <user> -mc <command>" and su's
+ * password prompt is answered; without one the agent's own login user runs
+ * it through sudo, answering sudo's prompt if one appears.
+ */
+#include <errno.h>
+#include <pty.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include "zelfunc.h"
+#include "zellog.h"
+#include "zelfunc_pty.h"
+
+#define STD_PATH "/sbin:/bin:/usr/bin:/usr/sbin:/usr/local/sbin:/usr/local/bin"
+#define SUDO_ARGV_MAX 10
+
+static const char* const kSuFn = "SuperExecuteCmdEx";
+static const char* const kSudoFn = "SudoExecuteCmdEx";
+
+/* ---------------------------------------------------------------------- */
+/* su path                                                                 */
+/* ---------------------------------------------------------------------- */
+
+/*
+ * Builds the text su runs: the library path and PATH exports when the agent
+ * has them, then cmd ("id" when null), the whole cut to size - 1 bytes.
+ */
+static void build_su_command(const char* cmd, char* out, size_t size)
+{
+    const char* ld = getenv("LD_LIBRARY_PATH");
+    const char* path = getenv("PATH");
+    size_t len = 0;
+
+    out[0] = '\0';
+    if (ld != NULL) {
+        snprintf(out, size, "export LD_LIBRARY_PATH=\"%s\"; ", ld);
+        if (path != NULL) {
+            len = strlen(out);
+            snprintf(out + len, size - len, "export PATH=\"%s:" STD_PATH "\"; ", path);
+        }
+    }
+    /* a command longer than the space left is cut to fit */
+    len = strlen(out);
+    snprintf(out + len, size - len, "%s", cmd != NULL ? cmd : "id");
+}
+
+/*
+ * Takes su's first output as its prompt and answers it with password.
+ * Returns 0, or -2 select error, -5 nothing printed in time, -3 read
+ * failure, -4 short write.  buf (PTY_CHUNK + 1 bytes) keeps the last chunk read.
+ */
+static int su_answer_prompt(PtyRun* run, const char* password, char* buf)
+{
+    struct timeval tv = { PTY_SELECT_SECONDS, 0 };
+    ssize_t n;
+    int ready;
+
+    ready = pty_select(kSuFn, run->masterFd, 0, &tv, 1);
+    if (ready < 0)
+        return -2;
+    if (ready == 0) {
+        ZELLogFunction(0, ZELFUNC_SRC, __LINE__, "%s: no data from tty output.\n", kSuFn);
+        return -5;
+    }
+
+    errno = 0;
+    n = read(run->masterFd, buf, PTY_CHUNK - 1);
+    if (n <= 0) {
+        ZELLogFunction(0, ZELFUNC_SRC, __LINE__, "%s: failed to read tty output(%d).\n", kSuFn, errno);
+        return -3;
+    }
+    buf[n] = '\0';
+    pty_log_text(3, __LINE__, "%stty output is: %s\n", "", buf, run->secret);
+
+    if (write(run->masterFd, password, strlen(password)) != (ssize_t)strlen(password)) {
+        ZELLogFunction(0, ZELFUNC_SRC, __LINE__, "%s: failed to write password(%d).\n", kSuFn, errno);
+        return -4;
+    }
+    /* the echo is read and dropped; a failed read leaves the prompt in buf */
+    n = read(run->masterFd, buf, PTY_CHUNK);
+    if (n >= 0)
+        buf[n] = '\0';
+    return 0;
+}
+
+/* Wait phase and output capture of a blocking su run; the result to return. */
+static int su_finish_blocking(PtyRun* run, int mytimeout, char* output, int outputSize,
+                              const char* lastChunk)
+{
+    int status = 0;
+
+    switch (pty_wait_child(kSuFn, run, mytimeout, &status, output, outputSize)) {
+    case PTY_WAIT_EXITED:      break;
+    case PTY_WAIT_CHANGE_PWD:  return 1;
+    case PTY_WAIT_TIMEOUT:     return -9;
+    default:                   return -6;
+    }
+    if (WIFSIGNALED(status)) {
+        ZELLogFunction(0, ZELFUNC_SRC, __LINE__, "%s:child exits abnormally(%d).\n", kSuFn, WTERMSIG(status));
+        return -7;
+    }
+    pty_capture_output(run, output, outputSize, lastChunk);
+    return WEXITSTATUS(status);
+}
+
+/*
+ * Runs cmd (null: "id") as user through "su <user> -mc", answering su's
+ * first output with pwd and a newline (an empty pwd sends a bare newline).
+ * block and mytimeout as for ExecuteCmdInteractively(); output (may be
+ * null) gets the cleaned terminal text, at most outputSize - 1 bytes.
+ * Returns the exit code, 1 when a time-out meets a password-change
+ * dialogue, or -1 null user or pwd / forkpty, -2 select, -3 read, -4 write,
+ * -5 no prompt within 30 s, -6 wait, -7 killed by a signal, -9 time-out.
+ * The master descriptor is closed and SIGCHLD restored on every return.
+ */
+int SuperExecuteCmdEx(const char* user, const char* pwd, const char* cmd, int block,
+                      int mytimeout, char* output, int outputSize)
+{
+    char cmdline[4096];
+    char password[128];
+    char buf[PTY_CHUNK + 1] = "";
+    char* argv[5];
+    PtyRun run;
+    int rc;
+
+    if (user == NULL || pwd == NULL)
+        return -1;
+
+    pty_run_begin(&run, pwd);
+    build_su_command(cmd, cmdline, sizeof(cmdline));
+    ZELLogFunction(3, ZELFUNC_SRC, __LINE__, "%s: execute command (%s)\n", kSuFn, cmdline);
+    snprintf(password, sizeof(password), "%s\n", pwd);
+
+    argv[0] = (char*)"su";
+    argv[1] = (char*)user;
+    argv[2] = (char*)"-mc";
+    argv[3] = cmdline;
+    argv[4] = NULL;
+
+    run.pid = forkpty(&run.masterFd, NULL, NULL, NULL);
+    if (run.pid < 0) {
+        ZELLogFunction(0, ZELFUNC_SRC, __LINE__, "%s: failed to fork pty(%d).\n", kSuFn, errno);
+        run.masterFd = -1;
+        pty_finish(&run);
+        return -1;
+    }
+    if (run.pid == 0) {
+        execvp("su", argv);
+        int err = errno;
+        ZELLogFunction(0, ZELFUNC_SRC, __LINE__, "%s: failed to execute cmd: %s(%d).\n", kSuFn, cmdline, err);
+        pty_child_exit(err);
+    }
+
+    rc = su_answer_prompt(&run, password, buf);
+    if (rc == 0 && block == 1)
+        rc = su_finish_blocking(&run, mytimeout, output, outputSize, buf);
+    /* closed on every path, the non-blocking and successful ones included */
+    pty_finish(&run);
+    return rc;
+}
+
+/* ---------------------------------------------------------------------- */
+/* sudo path                                                               */
+/* ---------------------------------------------------------------------- */
+
+/* Fills argv (capacity SUDO_ARGV_MAX) with the sudo call for cmd (null: -v). */
+static void build_sudo_argv(char** argv, const char* cmd)
+{
+    struct stat st;
+    const char* ld;
+    const char* path;
+
+    PushArgv(argv, SUDO_ARGV_MAX, "sudo");
+    if (cmd == NULL) {
+        PushArgv(argv, SUDO_ARGV_MAX, "-v");
+        ZELLogFunction(3, ZELFUNC_SRC, __LINE__, "%s: execute command (%s)\n", kSudoFn, "sudo -v");
+        return;
+    }
+
+    PushArgv(argv, SUDO_ARGV_MAX, "-E");
+    if (stat(GetEnvLdLibraryPath(), &st) != 0) {
+        PushArgv(argv, SUDO_ARGV_MAX, "PATH=%s", STD_PATH);
+    } else {
+        ld = getenv("LD_LIBRARY_PATH");
+        path = getenv("PATH");
+        if (ld != NULL)
+            PushArgv(argv, SUDO_ARGV_MAX, "LD_LIBRARY_PATH=%s", ld);
+        if (path != NULL)
+            PushArgv(argv, SUDO_ARGV_MAX, "PATH=%s:%s", path, STD_PATH);
+    }
+    PushArgv(argv, SUDO_ARGV_MAX, "sh");
+    PushArgv(argv, SUDO_ARGV_MAX, "-c");
+    PushArgv(argv, SUDO_ARGV_MAX, "%s", cmd);
+
+    ZELLogFunction(3, ZELFUNC_SRC, __LINE__, "%s: arg[1] %s, arg[2] %s, arg[3] %s, arg[4]=%s.\n", kSudoFn,
+                   argv[1] ? argv[1] : "", argv[2] ? argv[2] : "", argv[3] ? argv[3] : "",
+                   argv[4] ? argv[4] : "");
+    ZELLogFunction(3, ZELFUNC_SRC, __LINE__, "%s: execute command (%s)\n", kSudoFn, cmd);
+}
+
+/*
+ * Runs cmd as root through "sudo -E [LD_LIBRARY_PATH=..] PATH=.. sh -c cmd"
+ * on a pseudo-terminal (null cmd: "sudo -v"), answering sudo's prompt with
+ * pwd.  Returns 127 when sudo is not installed, else what
+ * ExecuteCmdInteractively() returns.
+ */
+int SudoExecuteCmdEx(const char* pwd, const char* cmd, int block, int mytimeout,
+                     char* output, int outputSize)
+{
+    char* argv[SUDO_ARGV_MAX];
+    int rc;
+
+    if (ExecuteCmd("which sudo >/dev/null 2>&1") != 0)
+        return 127;
+
+    memset(argv, 0, sizeof(argv));
+    build_sudo_argv(argv, cmd);
+    rc = ExecuteCmdInteractively(argv, pwd, block, mytimeout, output, outputSize);
+    CleanArgv(argv);
+    return rc;
+}
+
+/*
+ * Runs cmd as root: through su when user is non-empty, else through sudo;
+ * the wait is unbounded.  Returns the command's exit code or a negative
+ * code of the path taken (see SuperExecuteCmdEx, SudoExecuteCmdEx).
+ */
+int SuperExecuteCmd(const char* user, const char* pwd, const char* cmd, int block,
+                    char* output, int outputSize)
+{
+    if (user != NULL && user[0] != '\0')
+        return SuperExecuteCmdEx(user, pwd, cmd, block, -1, output, outputSize);
+    return SudoExecuteCmdEx(pwd, cmd, block, -1, output, outputSize);
+}
+
+/* ---------------------------------------------------------------------- */
+/* root check                                                              */
+/* ---------------------------------------------------------------------- */
+
+/*
+ * Checks what the credentials reach.  Empty user: "sudo -v" within 15 s;
+ * success (or any failure without a password: key-authenticated logins are
+ * taken as root-capable) sets *uid to 0.  Named user: "id -u" through su
+ * within 15 s sets *uid to the number printed.  Returns 0 when *uid was
+ * set, 127 without sudo, -2 when su's answer is not a number, else the
+ * failing run's result.
+ */
+int CheckRootUser(const char* user, const char* pwd, int* uid)
+{
+    static const char* const fn = "CheckRootUser";
+    char buf[128];
+    int rc;
+
+    memset(buf, 0, sizeof(buf));
+    if (user == NULL || user[0] == '\0') {
+        rc = SudoExecuteCmdEx(pwd, NULL, 1, 15, NULL, 0);
+        if (rc == 127)
+            return rc;
+        if (rc != 0) {
+            if (pwd != NULL && pwd[0] != '\0') {
+                ZELLogFunction(0, ZELFUNC_SRC, __LINE__, "%s: sudo -v failed (%d).\n", fn, rc);
+                return rc;
+            }
+            ZELLogFunction(0, ZELFUNC_SRC, __LINE__, "%s: sudo -v failed but treat it succeed on redhat 7 or above.\n", fn);
+        }
+        if (uid != NULL)
+            *uid = 0;
+        return 0;
+    }
+
+    rc = SuperExecuteCmdEx(user, pwd, "id -u", 1, 15, buf, sizeof(buf));
+    if (rc != 0)
+        return rc;
+    if (!isdigitstring(buf)) {
+        pty_log_text(0, __LINE__, "%s: error for returned messages: %s.\n", fn, buf, pwd);
+        return -2;
+    }
+    if (uid != NULL)
+        *uid = atoi(buf);
+    return 0;
+}
