@@ -1,2 +1,9 @@
 # Agent runtime: child tracking, start-up, service loop, signals and cleanup.
 kvx_add_test(test_childtrack SOURCES test_childtrack.cpp)
+kvx_add_test(test_runtime SOURCES test_runtime.cpp)
+
+# Preload shim that reports the agent's start-up variables at exit; kept free
+# of sanitizers so that it can be preloaded into any build of the agent.
+add_library(kvxt_envdump SHARED test_runtime_envdump.cpp)
+target_compile_options(kvxt_envdump PRIVATE -fno-sanitize=all)
+target_link_options(kvxt_envdump PRIVATE -fno-sanitize=all)

@@ -7,6 +7,7 @@
 
 #include <stdio.h>
 #include <unistd.h>
+#include <sys/wait.h>
 #include <jansson.h>
 #include <sstream>
 #include <string>
@@ -98,6 +99,23 @@ static inline void add_journal_stub(AgentHarness& h, const std::string& journal,
                                     const std::string& extra_sh = "")
 {
     h.add_stub(name, exit_code, "printf '%s\\n' \"$line\" >> " + journal + "\n" + extra_sh);
+}
+
+/*
+ * Waits for the agent's disposable parent to end and returns its raw wait
+ * status, -1 on time-out.  Call before wait_exit(), which would reap it
+ * without telling how it ended.
+ */
+static inline int reap_parent(AgentHarness& h, int timeout_s)
+{
+    pid_t parent = h.parent_pid();
+    for (int waited = 0; parent > 0 && waited < timeout_s * 50; waited++) {
+        int st = 0;
+        if (waitpid(parent, &st, WNOHANG) == parent)
+            return st;
+        usleep(20000);
+    }
+    return -1;
 }
 
 static inline std::vector<std::string> read_lines(const std::string& path)
