@@ -7,3 +7,8 @@ kvx_add_test(test_runtime SOURCES test_runtime.cpp)
 add_library(kvxt_envdump SHARED test_runtime_envdump.cpp)
 target_compile_options(kvxt_envdump PRIVATE -fno-sanitize=all)
 target_link_options(kvxt_envdump PRIVATE -fno-sanitize=all)
+
+kvx_add_test(test_runtime_startup SOURCES test_runtime_startup.cpp)
+target_compile_definitions(test_runtime_startup PRIVATE
+  KVXT_ENVDUMP_LIB="$<TARGET_FILE:kvxt_envdump>")
+add_dependencies(test_runtime_startup kvxt_envdump)
