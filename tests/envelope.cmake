@@ -1,0 +1,3 @@
+# Envelope, line channel, endpoint and procedure codecs.
+kvx_add_test(test_envelope SOURCES test_envelope.cpp test_envelope_channel.cpp)
+kvx_add_test(test_codecs SOURCES test_codecs.cpp test_codecs_results.cpp)

@@ -1,0 +1,288 @@
+/*
+ * Procedure codecs: wire keys, encode -> text -> decode round trips, decode
+ * failures that leave the record alone, 64-bit values and bounded copies.
+ */
+#include <gtest/gtest.h>
+#include <string.h>
+#include <string>
+#include <vector>
+#include "ea_proto.h"
+
+namespace {
+
+/* Envelopes made by a test; all destroyed at the end of the test. */
+class Codec : public ::testing::Test {
+protected:
+    std::vector<JXDR*> live;
+
+    void TearDown() override
+    {
+        for (JXDR* x : live)
+            jxdr_destroy(x);
+    }
+    JXDR* keep(JXDR* x)
+    {
+        live.push_back(x);
+        return x;
+    }
+    JXDR* call_env() { return keep(jxdr_create_call(1)); }
+    JXDR* reply_env()
+    {
+        JXDR* c = keep(jxdr_create_call(1));
+        return keep(jxdr_create_reply(c));
+    }
+    /* The text of an encoded envelope parsed back, as a reader would. */
+    JXDR* over_wire(JXDR* enc)
+    {
+        char* text = jxdr_to_string(enc);
+        EXPECT_NE(text, nullptr);
+        JXDR* dec = jxdr_create(text);
+        free(text);
+        EXPECT_NE(dec, nullptr);
+        return keep(dec);
+    }
+    /* An envelope to decode whose "param" is the given JSON text. */
+    JXDR* with_param(const std::string& param)
+    {
+        std::string text = "{\"ver\": 1, \"type\": 2, \"seq\": 1, \"fn\": 1, \"status\": 0, "
+                           "\"param\": " + param + "}";
+        JXDR* x = jxdr_create((char*)text.c_str());
+        EXPECT_NE(x, nullptr) << text;
+        return keep(x);
+    }
+    static bool in_arena(JXDR* x, const void* p)
+    {
+        const char* c = (const char*)p;
+        return c >= x->x_param.p_org && c < x->x_param.p_org + JXDR_ARENA_SIZE;
+    }
+};
+
+std::string param_text(JXDR* x)
+{
+    json_t* p = json_object_get(x->x_hd, "param");
+    char* s = json_dumps(p, JSON_COMPACT | JSON_SORT_KEYS);
+    std::string out = s ? s : "";
+    free(s);
+    return out;
+}
+
+const UINT64 BIG = 0x123456789ULL;      /* above 2^32 */
+
+} // namespace
+
+TEST_F(Codec, EncodesWireKeys)
+{
+    PINGargs pa = {3, (char*)"hi", false};
+    PINGres pr = {1700000000, 3, (char*)"hi"};
+    ExecCmdargs ea = {3, (char*)"ls", 1, 0, 7, (char*)"bob", (char*)"pw", 1};
+    ExecCmdres er = {0, 2, (char*)"x\n"};
+    Mountargs ma = {(char*)"h:/e", (char*)"u", (char*)"p", (char*)"/mnt"};
+    Mountres mr = {0, 4, (char*)"/mnt"};
+    JOBSTATUSargs ja = {12};
+    VMDetectInfo_t vr = {1, 0, 2, 1};
+    VMDetectArg va = {(char*)"abc"};
+    AGENTLOGres ar = {4, (char*)"abc"};
+
+    struct Row { const char* name; JXDR* env; std::string expected; } rows[] = {
+        {"ping args", call_env(), "{\"str\":\"hi\"}"},
+        {"ping res", reply_env(), "{\"sp\":1700000000,\"str\":\"hi\"}"},
+        {"exec args", call_env(), "{\"block_mode\":false,\"jobid\":7,\"msg_mode\":true,"
+                                  "\"passwd\":\"pw\",\"str\":\"ls\",\"sudoflag\":1,\"user\":\"bob\"}"},
+        {"exec res", reply_env(), "{\"ret\":0,\"retmsg_len\":2,\"str\":\"x\\n\"}"},
+        {"mount args", call_env(), "{\"location\":\"h:/e\",\"point\":\"/mnt\",\"pwd\":\"p\",\"user\":\"u\"}"},
+        {"mount res", reply_env(), "{\"len\":4,\"ret\":0,\"str\":\"/mnt\"}"},
+        {"jobstatus args", call_env(), "{\"id\":12}"},
+        {"vmdetect res", reply_env(), "{\"isuek\":1,\"local\":0,\"socks\":2,\"type\":1}"},
+        {"vmdetect args", call_env(), "{\"uuid\":\"abc\"}"},
+        {"agentlog res", reply_env(), "{\"ActivityLogs\":\"abc\",\"size\":4}"},
+    };
+    PINGargs* ppa = &pa; PINGres* ppr = &pr; ExecCmdargs* pea = &ea; ExecCmdres* per = &er;
+    Mountargs* pma = &ma; Mountres* pmr = &mr; JOBSTATUSargs* pja = &ja;
+    VMDetectInfo_t* pvr = &vr; VMDetectArg* pva = &va; AGENTLOGres* par = &ar;
+    ASSERT_EQ(jxdr_PINGargs(rows[0].env, ppa), 0);
+    ASSERT_EQ(jxdr_PINGres(rows[1].env, ppr), 0);
+    ASSERT_EQ(jxdr_ExecCmdargs(rows[2].env, pea), 0);
+    ASSERT_EQ(jxdr_ExecCmdres(rows[3].env, per), 0);
+    ASSERT_EQ(jxdr_Mountargs(rows[4].env, pma), 0);
+    ASSERT_EQ(jxdr_Mountres(rows[5].env, pmr), 0);
+    ASSERT_EQ(jxdr_JOBSTATUSargs(rows[6].env, pja), 0);
+    ASSERT_EQ(jxdr_VMDetectres(rows[7].env, pvr), 0);
+    ASSERT_EQ(jxdr_VMDetectargs(rows[8].env, pva), 0);
+    ASSERT_EQ(jxdr_AGENTLOGres(rows[9].env, par), 0);
+    for (const Row& r : rows) {
+        SCOPED_TRACE(r.name);
+        EXPECT_EQ(param_text(r.env), r.expected);
+    }
+}
+
+TEST_F(Codec, EncodesAbsentStringsAsEmpty)
+{
+    ExecCmdargs ea = {0, nullptr, 0, 1, 0, nullptr, nullptr, 0};
+    ExecCmdargs* pea = &ea;
+    JXDR* c = call_env();
+    ASSERT_EQ(jxdr_ExecCmdargs(c, pea), 0);
+    EXPECT_EQ(param_text(c), "{\"block_mode\":true,\"jobid\":0,\"msg_mode\":false,"
+                             "\"passwd\":\"\",\"str\":\"\",\"sudoflag\":0,\"user\":\"\"}");
+}
+
+/* Decoding a "param" that does not match returns -1 and leaves the caller's
+ * record (or record pointer) exactly as it was. */
+struct MismatchRow {
+    const char* name;
+    jxdrproc_t codec;
+    size_t rec_size;      /* 0: argument codec, rec is a pointer to check */
+    const char* param;
+};
+
+class CodecMismatch : public Codec, public ::testing::WithParamInterface<MismatchRow> {};
+
+TEST_P(CodecMismatch, RejectsWithoutTouchingRecord)
+{
+    const MismatchRow& row = GetParam();
+    JXDR* x = with_param(row.param);
+    std::vector<char> rec(row.rec_size ? row.rec_size : 1, 0);
+    std::vector<char> before = rec;
+    char* sentinel = (char*)0x1;
+    char* r = row.rec_size ? rec.data() : sentinel;
+
+    EXPECT_EQ(row.codec(x, r), -1);
+    EXPECT_EQ(r, row.rec_size ? rec.data() : sentinel);
+    EXPECT_EQ(rec, before);
+}
+
+#define P(T, f) JXDR_PROC(T, f)
+INSTANTIATE_TEST_SUITE_P(Codecs, CodecMismatch, ::testing::Values(
+    MismatchRow{"PingArgsNoStr", P(PINGargs, jxdr_PINGargs), 0, "{}"},
+    MismatchRow{"PingArgsIntStr", P(PINGargs, jxdr_PINGargs), 0, "{\"str\": 5}"},
+    MismatchRow{"PingArgsNoParam", P(PINGargs, jxdr_PINGargs), 0, "null"},
+    MismatchRow{"PingResNoSp", P(PINGres, jxdr_PINGres), sizeof(PINGres), "{\"str\": \"a\"}"},
+    MismatchRow{"JobStatusArgsStringId", P(JOBSTATUSargs, jxdr_JOBSTATUSargs), 0, "{\"id\": \"1\"}"},
+    MismatchRow{"JobStatusResEmpty", P(JOB_STATUS, jxdr_JOBSTATUSres), sizeof(JOB_STATUS), "{}"},
+    MismatchRow{"ExecArgsIntMsgMode", P(ExecCmdargs, jxdr_ExecCmdargs), 0,
+                "{\"str\":\"ls\",\"msg_mode\":1,\"block_mode\":false,\"jobid\":0,"
+                "\"user\":\"\",\"passwd\":\"\",\"sudoflag\":0}"},
+    MismatchRow{"ExecArgsNoPasswd", P(ExecCmdargs, jxdr_ExecCmdargs), 0,
+                "{\"str\":\"ls\",\"msg_mode\":true,\"block_mode\":false,\"jobid\":0,"
+                "\"user\":\"\",\"sudoflag\":0}"},
+    MismatchRow{"ExecArgsNotObject", P(ExecCmdargs, jxdr_ExecCmdargs), 0, "[1, 2]"},
+    MismatchRow{"ExecResNoRet", P(ExecCmdres, jxdr_ExecCmdres), sizeof(ExecCmdres),
+                "{\"str\":\"a\",\"retmsg_len\":1}"},
+    MismatchRow{"MountArgsNullPoint", P(Mountargs, jxdr_Mountargs), 0,
+                "{\"location\":\"a\",\"user\":\"\",\"pwd\":\"\",\"point\":null}"},
+    MismatchRow{"MountResNoLen", P(Mountres, jxdr_Mountres), sizeof(Mountres),
+                "{\"str\":\"a\",\"ret\":0}"},
+    MismatchRow{"AgentLogNoText", P(AGENTLOGres, jxdr_AGENTLOGres), sizeof(AGENTLOGres),
+                "{\"size\": 3}"},
+    MismatchRow{"JobResultNoGuid", P(JOB_RESULT, jxdr_JOBRESULTres), sizeof(JOB_RESULT),
+                "{\"proc_data_r\":1,\"throughput_r\":1,\"proc_data_w\":1,\"throughput_w\":1,"
+                "\"rec_count\":1,\"protect_data\":1,\"session\":\"s\"}"},
+    MismatchRow{"VMDetectResNoIsuek", P(VMDetectInfo_t, jxdr_VMDetectres), sizeof(VMDetectInfo_t),
+                "{\"type\":1,\"local\":1,\"socks\":1}"},
+    MismatchRow{"VMDetectArgsNoUuid", P(VMDetectArg, jxdr_VMDetectargs), 0, "{}"}),
+    [](const ::testing::TestParamInfo<MismatchRow>& i) { return std::string(i.param.name); });
+#undef P
+
+TEST_F(Codec, NoargsLeavesRecordNull)
+{
+    char* rec = nullptr;
+    EXPECT_EQ(jxdr_Noargs(with_param("{\"x\": 1}"), rec), 0);
+    EXPECT_EQ(rec, nullptr);
+}
+
+TEST_F(Codec, ArgumentCodecsRoundTripIntoArena)
+{
+    PINGargs pa = {0, (char*)"h\xc3\xa9llo", false};
+    PINGargs* ppa = &pa;
+    JXDR* c = call_env();
+    ASSERT_EQ(jxdr_PINGargs(c, ppa), 0);
+    JXDR* d = over_wire(c);
+    PINGargs* got = nullptr;
+    ASSERT_EQ(jxdr_PINGargs(d, got), 0);
+    EXPECT_STREQ(got->msg, "h\xc3\xa9llo");
+    EXPECT_EQ(got->msg_len, 7);
+    EXPECT_FALSE(got->discard_msg);
+    EXPECT_TRUE(in_arena(d, got) && in_arena(d, got->msg));
+
+    ExecCmdargs ea = {0, (char*)"echo hi", 1, 0, 42, (char*)"", (char*)"secret", 1};
+    ExecCmdargs* pea = &ea;
+    c = call_env();
+    ASSERT_EQ(jxdr_ExecCmdargs(c, pea), 0);
+    d = over_wire(c);
+    ExecCmdargs* e = nullptr;
+    ASSERT_EQ(jxdr_ExecCmdargs(d, e), 0);
+    EXPECT_STREQ(e->cmd, "echo hi");
+    EXPECT_EQ(e->cmd_len, 8);
+    EXPECT_EQ(e->need_get_return_msg_flag, 1);
+    EXPECT_EQ(e->block_flag, 0);
+    EXPECT_EQ(e->jobid, 42);
+    EXPECT_STREQ(e->user, "");
+    EXPECT_STREQ(e->pwd, "secret");
+    EXPECT_EQ(e->sudo_flag, 1);
+    EXPECT_TRUE(in_arena(d, e) && in_arena(d, e->cmd) && in_arena(d, e->pwd));
+
+    Mountargs ma = {(char*)"//srv/share", (char*)"CORP\\bob", (char*)"p w", (char*)""};
+    Mountargs* pma = &ma;
+    c = call_env();
+    ASSERT_EQ(jxdr_Mountargs(c, pma), 0);
+    d = over_wire(c);
+    Mountargs* m = nullptr;
+    ASSERT_EQ(jxdr_Mountargs(d, m), 0);
+    EXPECT_STREQ(m->session_location, "//srv/share");
+    EXPECT_STREQ(m->user, "CORP\\bob");
+    EXPECT_STREQ(m->pwd, "p w");
+    EXPECT_STREQ(m->mount_point, "");
+
+    JOBSTATUSargs ja = {-5};
+    JOBSTATUSargs* pja = &ja;
+    c = call_env();
+    ASSERT_EQ(jxdr_JOBSTATUSargs(c, pja), 0);
+    JOBSTATUSargs* j = nullptr;
+    ASSERT_EQ(jxdr_JOBSTATUSargs(over_wire(c), j), 0);
+    EXPECT_EQ(j->jobid, -5);
+
+    VMDetectArg va = {(char*)"0f1e-uuid"};
+    VMDetectArg* pva = &va;
+    c = call_env();
+    ASSERT_EQ(jxdr_VMDetectargs(c, pva), 0);
+    VMDetectArg* v = nullptr;
+    ASSERT_EQ(jxdr_VMDetectargs(over_wire(c), v), 0);
+    EXPECT_STREQ(v->uuid, "0f1e-uuid");
+}
+
+TEST_F(Codec, AllocationModeCarvesZeroedBuffers)
+{
+    JXDR* r = reply_env();
+    PINGres* p = nullptr;
+    ExecCmdres* e = nullptr;
+    Mountres* m = nullptr;
+    AGENTLOGres* a = nullptr;
+    JOB_RESULT* jr = nullptr;
+    VMDetectInfo_t* v = nullptr;
+    ASSERT_EQ(jxdr_PINGres(r, p), 0);
+    ASSERT_EQ(jxdr_Mountres(r, m), 0);
+    ASSERT_EQ(jxdr_AGENTLOGres(r, a), 0);
+    ASSERT_EQ(jxdr_JOBRESULTres(r, jr), 0);
+    ASSERT_EQ(jxdr_VMDetectres(r, v), 0);
+    ASSERT_EQ(jxdr_ExecCmdres(r, e), 0);
+    struct { const char* name; const char* buf; size_t size; } bufs[] = {
+        {"ping msg", p->msg, EA_PING_MSG_SIZE},
+        {"mount point", m->mount_point, EA_MOUNT_POINT_SIZE},
+        {"activity log", a->pLog, EA_ACT_LOG_SIZE},
+        {"exec text", e->cmd, EA_EXEC_RES_SIZE},
+    };
+    for (auto& b : bufs) {
+        SCOPED_TRACE(b.name);
+        ASSERT_NE(b.buf, nullptr);
+        EXPECT_TRUE(in_arena(r, b.buf) && in_arena(r, b.buf + b.size - 1));
+        std::vector<char> zero(b.size, 0);
+        EXPECT_EQ(memcmp(b.buf, zero.data(), b.size), 0);
+    }
+    EXPECT_TRUE(in_arena(r, jr) && in_arena(r, v));
+
+    /* the job status record and its 32 KiB log do not fit after the above */
+    JOB_STATUS* js = nullptr;
+    JXDR* r2 = reply_env();
+    ASSERT_EQ(jxdr_JOBSTATUSres(r2, js), 0);
+    ASSERT_NE(js->act_log, nullptr);
+    EXPECT_TRUE(in_arena(r2, js->act_log + EA_ACT_LOG_SIZE - 1));
+}
