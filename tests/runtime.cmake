@@ -1,6 +1,7 @@
 # Agent runtime: child tracking, start-up, service loop, signals and cleanup.
 kvx_add_test(test_childtrack SOURCES test_childtrack.cpp)
 kvx_add_test(test_runtime SOURCES test_runtime.cpp)
+kvx_add_test(test_runtime_cleanup SOURCES test_runtime_cleanup.cpp)
 
 # Preload shim that reports the agent's start-up variables at exit; kept free
 # of sanitizers so that it can be preloaded into any build of the agent.

@@ -18,7 +18,8 @@ namespace {
 
 class Loop : public ::testing::Test {
 protected:
-    AgentHarness h;
+    HarnessPtr hp{new AgentHarness};
+    AgentHarness& h = *hp;
 
     void SetUp() override { ASSERT_TRUE(h.start()); }
 

@@ -22,7 +22,8 @@ const char* const kEnvRoot = "/env-root";
 
 /* Harness whose agent reports its start-up variables at exit. */
 struct DumpedAgent {
-    AgentHarness h;
+    HarnessPtr hp{new AgentHarness};
+    AgentHarness& h = *hp;
     std::string dump, env_work;
 
     DumpedAgent()

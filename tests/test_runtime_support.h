@@ -9,11 +9,26 @@
 #include <unistd.h>
 #include <sys/wait.h>
 #include <jansson.h>
+#include <memory>
 #include <sstream>
 #include <string>
 #include <vector>
 
 #include "agent_harness.h"
+
+/*
+ * Deletes a harness only when its agent was started: the destructor of one
+ * that never started would signal process group -1, that is every process
+ * of the machine.  An unstarted harness is left (with its temp dir).
+ */
+struct HarnessDeleter {
+    void operator()(AgentHarness* h) const
+    {
+        if (h->parent_pid() != -1)
+            delete h;
+    }
+};
+typedef std::unique_ptr<AgentHarness, HarnessDeleter> HarnessPtr;
 
 /*
  * Number of log lines written from source src at line lineno whose message
@@ -116,6 +131,47 @@ static inline int reap_parent(AgentHarness& h, int timeout_s)
         usleep(20000);
     }
     return -1;
+}
+
+/* ---- a node prepared for the target cleanup ---- */
+
+/* Stubs of the programs the cleanup runs, each also writing to journal; the
+ * rm stub then really removes. */
+static inline void add_cleanup_stubs(AgentHarness& h, const std::string& journal)
+{
+    const char* plain[] = {"driverinstall", "kvxmonitor", "killall", "umount"};
+    for (const char* name : plain)
+        add_journal_stub(h, journal, name);
+    add_journal_stub(h, journal, "rm", 0, "exec /bin/rm \"$@\"");
+}
+
+/* Copies the server leaves on the node; all of them go in the cleanup. */
+static inline std::vector<std::string> stage_product_files(AgentHarness& h)
+{
+    std::vector<std::string> files;
+    const char* work_files[] = {
+        "LinuxImage-backup-client-x86.tar.gz", "LinuxImage-backup-client-x64.tar.gz",
+        "LinuxImage-restore-client-x86.tar.gz", "LinuxImage-restore-client-x64.tar.gz",
+        "drv_target.lst", "a.js", "b.js",
+    };
+    for (const char* f : work_files)
+        files.push_back(h.work_dir + "/" + f);
+    files.push_back(h.boot_dir + "/checkmachine");
+    for (const std::string& f : files)
+        AgentHarness::write_file(f, "staged");
+    files.push_back(h.boot_dir + "/kvx_ea");
+    files.push_back(h.client_dir);
+    return files;
+}
+
+/* The removal command as the rm stub records it (the shell expanded *.js). */
+static inline std::string expected_rm_line(const AgentHarness& h)
+{
+    std::string w = h.work_dir + "///", b = h.boot_dir + "//";
+    return "rm -rf " + w + "linux-kvx-client " + w + "LinuxImage-backup-client-x86.tar.gz " + w +
+           "LinuxImage-backup-client-x64.tar.gz " + w + "LinuxImage-restore-client-x86.tar.gz " + w +
+           "LinuxImage-restore-client-x64.tar.gz " + w + "drv_target.lst " + w + "a.js " + w +
+           "b.js " + b + "/checkmachine " + b + "kvx_ea";
 }
 
 static inline std::vector<std::string> read_lines(const std::string& path)
