@@ -2,6 +2,7 @@
 kvx_add_test(test_childtrack SOURCES test_childtrack.cpp)
 kvx_add_test(test_runtime SOURCES test_runtime.cpp)
 kvx_add_test(test_runtime_cleanup SOURCES test_runtime_cleanup.cpp)
+kvx_add_test(test_runtime_env SOURCES test_runtime_env.cpp)
 
 # Preload shim that reports the agent's start-up variables at exit; kept free
 # of sanitizers so that it can be preloaded into any build of the agent.
