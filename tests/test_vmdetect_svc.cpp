@@ -1,0 +1,113 @@
+/*
+ * Procedure 7 end to end, as a root agent: the answer matches what this
+ * machine shows in /proc/cpuinfo and uname, and a job whose script runs
+ * here is reported local.  The job query is a ps-wide one: LOCKS machine.
+ */
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/utsname.h>
+#include <sys/wait.h>
+
+#include <fstream>
+#include <set>
+
+#include "test_exec_cmd_client.h"
+
+namespace {
+
+struct VmAnswer {
+    int rc = -100;
+    VMDetectInfo_t info = {-1, -1, -1, -1};
+};
+
+VmAnswer vmdetect_call(AgentHarness& h, const std::string& uuid)
+{
+    std::string cmd = uuid, empty;
+    ExecCmdargs args = {};
+    args.cmd = &cmd[0];
+    args.cmd_len = (int)cmd.size() + 1;
+    args.user = &empty[0];
+    args.pwd = &empty[0];
+    VmAnswer a;
+    VMDetectInfo_t* rec = &a.info;
+    a.rc = h.call(EA_PROC_VMDETECT, JXDR_PROC(ExecCmdargs, jxdr_ExecCmdargs), (char*)&args,
+                  JXDR_PROC(VMDetectInfo_t, jxdr_VMDetectres), (char*)rec);
+    return a;
+}
+
+/* What the probes must find on this machine, read independently. */
+struct MachineFacts {
+    int vm = 0;
+    int socks = 0;
+    int uek = 0;
+};
+
+MachineFacts read_machine_facts()
+{
+    MachineFacts f;
+    std::ifstream in("/proc/cpuinfo");
+    std::string line;
+    std::set<std::string> ids, procs;
+    while (std::getline(in, line)) {
+        if (line.compare(0, 5, "flags") == 0 && line.find("hypervisor") != std::string::npos)
+            f.vm = 1;
+        if (line.compare(0, 11, "physical id") == 0)
+            ids.insert(line);
+        if (line.compare(0, 9, "processor") == 0)
+            procs.insert(line);
+    }
+    f.socks = (int)(ids.empty() ? procs.size() : ids.size());
+    struct utsname u;
+    uname(&u);
+    std::string rel = u.release;
+    for (char& c : rel)
+        c = (char)tolower((unsigned char)c);
+    f.uek = rel.find("uek") != std::string::npos;
+    return f;
+}
+
+/* A stand-in job script: its command line carries "jobscript-<uuid>". */
+pid_t start_job_script(const std::string& uuid)
+{
+    pid_t pid = fork();
+    if (pid == 0) {
+        std::string name = "jobscript-" + uuid;
+        execl("/bin/sh", "sh", "-c", "sleep 30; :", name.c_str(), (char*)nullptr);
+        _exit(127);
+    }
+    return pid;
+}
+
+TEST(VmDetectService, RootAgentReportsThisMachine)
+{
+    if (access("/proc/xen", R_OK) == 0)
+        GTEST_SKIP() << "Xen node: the expected answer depends on its capabilities";
+    MachineFacts want = read_machine_facts();
+    const std::string uuid = "5d0c7a2e-0b7e-4b51-9f3a-" + std::to_string(getpid());
+
+    AgentBox box;
+    AgentHarness& h = *box;
+    ASSERT_TRUE(h.start());
+    for (bool job_running : {false, true}) {
+        SCOPED_TRACE(job_running ? "job script running" : "no job script");
+        pid_t job = job_running ? start_job_script(uuid) : -1;
+        if (job_running)
+            usleep(300000);
+        VmAnswer a = vmdetect_call(h, uuid);
+        if (job > 0) {
+            kill(job, SIGKILL);
+            waitpid(job, nullptr, 0);
+        }
+        ASSERT_EQ(0, a.rc);
+        EXPECT_EQ(job_running ? 1 : 0, a.info.is_local);
+        EXPECT_EQ(want.vm, a.info.vpt_type);
+        EXPECT_EQ(want.socks, a.info.socks);
+        EXPECT_EQ(want.uek, a.info.is_oracle_uek);
+    }
+    std::string log = h.log();
+    EXPECT_NE(std::string::npos, log.find("detect_vm_info_svc: UUID=" + uuid + "."));
+    EXPECT_NE(std::string::npos,
+              log.find("detect_vm_info_svc: result, local: 1, vm: " + std::to_string(want.vm)));
+}
+
+} /* namespace */
