@@ -34,7 +34,47 @@ private:
 
 } /* namespace KVXHttpC */
 
+/*
+ * One GET of uri from ip:port (dotted IPv4, no names).  0 with the body
+ * copied into out (if given): at most *outlen bytes, unterminated when the
+ * body fills them, and *outlen lowered to the body length when it is larger.
+ * Negative on failure: -1 no client or socket/connect failure, -3 invalid
+ * address, -6 request not sent whole, -2 bad status line or status not 200,
+ * -4 receive failure, early close or more than 10 receive time-outs.
+ */
 int http_get(const char* ip, int port, const char* uri, char* out, int* outlen);
+
+/*
+ * Value of one instance metadata key ("instance-id", ...) from
+ * 169.254.169.254:80/latest/meta-data/<key>, with value and *pvaluelen as
+ * out and *outlen of http_get.  0, -1 for a null key, else http_get's result.
+ */
 int get_meta_value_by_key(const char* key, char* value, int* pvaluelen);
+
+/* ---- response parsing (no I/O; safe on arbitrary bytes) ----
+ * The response text is buf up to its first NUL byte or len bytes, whichever
+ * comes first, as the client keeps its buffer NUL-terminated. */
+
+/* Length of the head including the blank line "\r\n\r\n", or 0 if not seen yet. */
+int http_head_length(const char* buf, int len);
+
+/*
+ * Reads the status line as "%s %d %s" (protocol, code, reason) would: the
+ * number of fields read (-1 when there is no text at all), the code in *code
+ * when at least two were read.
+ */
+int http_status_fields(const char* buf, int len, int* code);
+
+/* Body length from the last line holding "Content-Length: "; 0 if none. */
+int http_content_length(const char* buf, int len);
+
+/*
+ * Is the response in buf (*len bytes) complete?  Once the head has arrived
+ * (*head_len still 0 on entry) checks the status line and takes the body
+ * length into *head_len and *con_len.  1 when head and body are there, with
+ * *len cut to head plus body (extra bytes dropped); 0 not yet; -7 bad status
+ * line or a status other than 200.  Logs as the HTTP client does.
+ */
+int http_content_ready(const char* buf, int* len, int* head_len, int* con_len);
 
 #endif /* HTTPCLIENT_H */

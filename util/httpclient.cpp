@@ -1,0 +1,261 @@
+/*
+ * httpclient.cpp - one HTTP/1.0 GET over a plain IPv4 TCP connection, and
+ * the cloud instance metadata lookup built on it.  No names, no TLS, no
+ * redirects, no chunks: send one request, read until the announced body is
+ * there, close.  Responses live in an 8192-byte buffer, so this is only for
+ * short values.
+ */
+#include <arpa/inet.h>
+#include <errno.h>
+#include <netinet/in.h>
+#include <stdio.h>
+#include <string.h>
+#include <sys/socket.h>
+#include <sys/time.h>
+#include <unistd.h>
+
+#include <memory>
+#include <new>
+
+#include "httpclient.h"
+#include "zellog.h"
+
+#define HTTP_TIMEOUT_SEC  5
+#define HTTP_RETRY_MAX    10
+#define META_SERVER       "169.254.169.254"
+#define META_PORT         80
+#define META_PATH         "/latest/meta-data/"
+
+namespace KVXHttpC {
+
+HttpC::HttpC()
+    : m_ip(""), m_uri(""), m_port(0), m_socketFd(-1),
+      m_headLen(0), m_conLen(0), m_len(0)
+{
+    m_buf[0] = '\0';
+}
+
+HttpC::~HttpC()
+{
+    HttpClose();   /* a client dropped while open does not leak its socket */
+}
+
+/*
+ * Connects to ip:port with 5-second send (and connect) and receive
+ * time-outs.  The descriptor (>= 0); -1 on a socket, option or connect
+ * failure; -3 when ip is not a dotted IPv4 address (or is 255.255.255.255).
+ * On failure no socket is left open.
+ */
+int HttpC::HttpOpen(std::string ip, int port)
+{
+    struct timeval tv = { HTTP_TIMEOUT_SEC, 0 };
+    struct sockaddr_in sa;
+    in_addr_t addr;
+    int err;
+
+    m_ip = ip;
+    m_port = port;
+    ZELLogFunction(4, "httpclient", __LINE__, "Connection ip=%s, port=%d\n", m_ip.c_str(), m_port);
+
+    m_socketFd = socket(AF_INET, SOCK_STREAM, 0);
+    if (m_socketFd < 0) {
+        err = errno;
+        ZELLogFunction(0, "httpclient", __LINE__, "Fail to create socket:%s(%d)\n", strerror(err), err);
+        return -1;
+    }
+    if (setsockopt(m_socketFd, SOL_SOCKET, SO_SNDTIMEO, &tv, sizeof(tv)) != 0) {
+        err = errno;
+        ZELLogFunction(0, "httpclient", __LINE__,
+                       "Fail to set the time out for connection:%s(%d)\n", strerror(err), err);
+        HttpClose();
+        return -1;
+    }
+    if (setsockopt(m_socketFd, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof(tv)) != 0) {
+        err = errno;
+        ZELLogFunction(0, "httpclient", __LINE__,
+                       "Fail to set the time out for receive message:%s(%d)\n", strerror(err), err);
+        HttpClose();
+        return -1;
+    }
+
+    addr = inet_addr(m_ip.c_str());
+    if (addr == INADDR_NONE) {
+        HttpClose();
+        return -3;
+    }
+    memset(&sa, 0, sizeof(sa));
+    sa.sin_family = AF_INET;
+    sa.sin_port = htons((uint16_t)port);
+    sa.sin_addr.s_addr = addr;
+    if (connect(m_socketFd, (struct sockaddr*)&sa, sizeof(sa)) != 0) {
+        err = errno;
+        ZELLogFunction(0, "httpclient", __LINE__, "Fail to create connection:%s(%d)\n", strerror(err), err);
+        HttpClose();
+        return -1;
+    }
+    return m_socketFd;
+}
+
+/* Closes the socket if open; the result of close, or 0 if nothing was open. */
+int HttpC::HttpClose()
+{
+    int rc = 0;
+
+    /* descriptor 0 is a socket too when standard input was closed */
+    if (m_socketFd >= 0) {
+        rc = close(m_socketFd);
+        m_socketFd = -1;
+    }
+    return rc;
+}
+
+/* Body length from the head read so far (last "Content-Length: " line). */
+int HttpC::HttpGetConLen()
+{
+    m_conLen = http_content_length(m_buf, m_len);
+    return m_conLen;
+}
+
+/* 1 complete response in m_buf, 0 not yet, -7 bad status line or code. */
+int HttpC::HttpContentIsReady()
+{
+    return http_content_ready(m_buf, &m_len, &m_headLen, &m_conLen);
+}
+
+/*
+ * Receives until the response is complete.  0; -2 bad status line or code;
+ * -4 receive error, peer closed (or buffer full) first, or more than 10
+ * receive time-outs.
+ */
+int HttpC::HttpReadResponse()
+{
+    int retries = 0;
+    int err, rc;
+    ssize_t n;
+
+    m_conLen = 0;
+    m_headLen = 0;
+    m_len = 0;
+    m_buf[0] = '\0';
+
+    for (;;) {
+        n = recv(m_socketFd, m_buf + m_len, sizeof(m_buf) - 1 - (size_t)m_len, 0);
+        if (n < 0) {
+            err = errno;
+            if ((err == EAGAIN || err == EWOULDBLOCK) && retries < HTTP_RETRY_MAX) {
+                retries++;
+                ZELLogFunction(0, "httpclient", __LINE__, "Try again.\n");
+                continue;
+            }
+            ZELLogFunction(0, "httpclient", __LINE__, "Fail to try to read header:(%d) %s\n", err, strerror(err));
+            ZELLogFunction(0, "httpclient", __LINE__, "HTTP response is (%s)\n", m_buf);
+            return -4;
+        }
+        if (n == 0) {
+            /* nothing more can arrive: stop instead of receiving forever */
+            ZELLogFunction(0, "httpclient", __LINE__, "Fail to try to read header:(%d) %s\n",
+                           0, "connection closed");
+            ZELLogFunction(0, "httpclient", __LINE__, "HTTP response is (%s)\n", m_buf);
+            return -4;
+        }
+        m_len += (int)n;
+        m_buf[m_len] = '\0';
+
+        rc = HttpContentIsReady();
+        if (rc == 1) {
+            m_buf[m_len] = '\0';
+            ZELLogFunction(5, "httpclient", __LINE__, "HTTP response is (%s)\n", m_buf);
+            ZELLogFunction(5, "httpclient", __LINE__,
+                           "HTTP response header length is %d, content lenth is %d, total length is %d\n",
+                           m_headLen, m_conLen, m_len);
+            return 0;
+        }
+        if (rc < 0) {
+            ZELLogFunction(0, "httpclient", __LINE__, "Fail to parse header: %d\n", rc);
+            ZELLogFunction(3, "httpclient", __LINE__, "HTTP response is (%s)\n", m_buf);
+            return -2;
+        }
+    }
+}
+
+/*
+ * Sends "GET uri" and reads the response.  0 with the body in outContent;
+ * -6 when the request was not sent whole; else HttpReadResponse's result.
+ */
+int HttpC::HttpMakeRequest(std::string uri, std::string& outContent)
+{
+    std::string req = "GET " + uri + " HTTP/1.0\r\nUser-Agent: kvx/1.0\r\nAccept: */*\r\n\r\n";
+    ssize_t sent;
+    int err, rc;
+
+    m_uri = uri;
+    /* a peer that has gone away gives EPIPE here, not a SIGPIPE for the agent */
+    sent = send(m_socketFd, req.data(), req.size(), MSG_NOSIGNAL);
+    if (sent < (ssize_t)req.size()) {
+        err = errno;
+        ZELLogFunction(0, "httpclient", __LINE__, "Fail to send request: %s(%d)\n", strerror(err), err);
+        return -6;
+    }
+    ZELLogFunction(5, "httpclient", __LINE__, "Send request in %d bytes\n", (int)sent);
+
+    rc = HttpReadResponse();
+    if (rc < 0) {
+        ZELLogFunction(0, "httpclient", __LINE__, "Fail to read response(rc=%d)\n", rc);
+        return rc;
+    }
+    /* the head lies within the bytes received, which stay terminated */
+    outContent = std::string(m_buf + m_headLen);
+    return 0;
+}
+
+} /* namespace KVXHttpC */
+
+/* See httpclient.h. */
+int http_get(const char* ip, int port, const char* uri, char* out, int* outlen)
+{
+    std::unique_ptr<KVXHttpC::HttpC> client(new (std::nothrow) KVXHttpC::HttpC());
+    std::string content;
+    int rc;
+
+    if (!client)
+        return -1;
+    if (ip == NULL)   /* no address is not a dotted address */
+        return -3;
+    if (uri == NULL)
+        return -1;
+    rc = client->HttpOpen(ip, port);
+    if (rc < 0)
+        return rc;
+    rc = client->HttpMakeRequest(uri, content);
+    client->HttpClose();
+    if (rc < 0)
+        return rc;
+
+    ZELLogFunction(3, "httpclient", __LINE__, "HTTP response content length is %d\n", (int)content.size());
+    ZELLogFunction(3, "httpclient", __LINE__, "HTTP response content is %s\n", content.c_str());
+    /* the body is copied only when there is a length to bound it */
+    if (out != NULL && outlen != NULL && *outlen > 0) {
+        strncpy(out, content.c_str(), (size_t)*outlen);
+        if (*outlen > (int)content.size())
+            *outlen = (int)content.size();
+    }
+    return 0;
+}
+
+/* See httpclient.h. */
+int get_meta_value_by_key(const char* key, char* value, int* pvaluelen)
+{
+    std::string path;
+    int rc;
+
+    ZELLogFunction(3, "httpclient", __LINE__, "Get meta data for %s\n", key != NULL ? key : "(null)");
+    if (key == NULL)
+        return -1;
+    path = std::string(META_PATH) + key;
+    rc = http_get(META_SERVER, META_PORT, path.c_str(), value, pvaluelen);
+    if (rc != 0)
+        ZELLogFunction(0, "httpclient", __LINE__, "Fail to get meta data for %s\n", key);
+    else
+        ZELLogFunction(3, "httpclient", __LINE__, "Get meta data for %s successfully\n", key);
+    return rc;
+}
