@@ -83,6 +83,14 @@ TEST(Argv, CapacityOneOrZeroHoldsNothing)
 
 /* ---- shell commands ---- */
 
+/* Fills a 4-slot vector with: sh -c cmd. */
+void ShellVector(char* (&argv)[4], const char* cmd)
+{
+    PushArgv(argv, 4, "sh");
+    PushArgv(argv, 4, "-c");
+    PushArgv(argv, 4, "%s", cmd);
+}
+
 struct StatusCase {
     const char* cmd;
     int status;
@@ -136,9 +144,7 @@ TEST(Shell, OwnSigchldHandlerCannotStealTheStatusAndIsRestored)
     EXPECT_EQ(3, ExecuteCmd("exit 3"));
     EXPECT_EQ(4, ExecuteCmdSilently("exit 4"));
     char* argv[4] = { NULL };
-    PushArgv(argv, 4, "sh");
-    PushArgv(argv, 4, "-c");
-    PushArgv(argv, 4, "exit 5");
+    ShellVector(argv, "exit 5");
     EXPECT_EQ(5, ExecuteProcess(argv, NULL, 0, NULL, 0));
     CleanArgv(argv);
 
@@ -208,9 +214,7 @@ TEST(Process, NullVectorRunsNothing)
 TEST(Process, ChildRunsInItsOwnSession)
 {
     char* argv[4] = { NULL };
-    PushArgv(argv, 4, "sh");
-    PushArgv(argv, 4, "-c");
-    PushArgv(argv, 4, "cut -d' ' -f6 /proc/$$/stat");
+    ShellVector(argv, "cut -d' ' -f6 /proc/$$/stat");
     char out[64] = { 0 };
     ASSERT_EQ(0, ExecuteProcess(argv, NULL, 0, out, sizeof(out)));
     CleanArgv(argv);
@@ -221,9 +225,7 @@ TEST(Process, ChildRunsInItsOwnSession)
 TEST(Process, GrandchildHoldingOutputOpenDoesNotHang)
 {
     char* argv[4] = { NULL };
-    PushArgv(argv, 4, "sh");
-    PushArgv(argv, 4, "-c");
-    PushArgv(argv, 4, "echo early; sleep 3 &");
+    ShellVector(argv, "echo early; sleep 3 &");
     char out[64] = { 0 };
     time_t start = time(NULL);
     EXPECT_EQ(0, ExecuteProcess(argv, NULL, 0, out, sizeof(out)));

@@ -99,6 +99,17 @@ static int decode_system_status(int r, int err)
     return r;
 }
 
+/* Sets sig's handler, keeping the previous action in *old for restoring. */
+static void set_handler(int sig, void (*handler)(int), struct sigaction* old)
+{
+    struct sigaction sa;
+
+    memset(&sa, 0, sizeof(sa));
+    sa.sa_handler = handler;
+    sigemptyset(&sa.sa_mask);
+    sigaction(sig, &sa, old);
+}
+
 /*
  * system(cmd) with SIGCHLD at its default disposition for the duration (a
  * caller's SIGCHLD handler must not reap the shell).  Raw result; *err gets
@@ -106,13 +117,10 @@ static int decode_system_status(int r, int err)
  */
 static int run_system(const char* cmd, int* err)
 {
-    struct sigaction dfl, old;
+    struct sigaction old;
     int r;
 
-    memset(&dfl, 0, sizeof(dfl));
-    dfl.sa_handler = SIG_DFL;
-    sigemptyset(&dfl.sa_mask);
-    sigaction(SIGCHLD, &dfl, &old);
+    set_handler(SIGCHLD, SIG_DFL, &old);
     r = system(cmd);
     *err = errno;
     sigaction(SIGCHLD, &old, NULL);
@@ -120,23 +128,10 @@ static int run_system(const char* cmd, int* err)
 }
 
 /*
- * Runs cmd through the shell and logs the command line with its result at
- * level 3.  -1 for a null cmd, else the decoded status (exit code, signal
- * number or errno: test for zero only).
+ * Runs cmd through the shell without logging (probes and maintenance
+ * commands).  -1 for a null cmd, else the decoded status (exit code, signal
+ * number or errno: callers can only test for zero).
  */
-int ExecuteCmd(const char* cmd)
-{
-    int err = 0;
-    int r;
-
-    if (cmd == NULL)
-        return -1;
-    r = decode_system_status(run_system(cmd, &err), err);
-    ZELLogFunction(3, "zelfunc", __LINE__, "Execute command [%s] result: %d.\n", cmd, r);
-    return r;
-}
-
-/* As ExecuteCmd() without the log line (probes and maintenance commands). */
 int ExecuteCmdSilently(const char* cmd)
 {
     int err = 0;
@@ -145,9 +140,19 @@ int ExecuteCmdSilently(const char* cmd)
     if (cmd == NULL)
         return -1;
     r = run_system(cmd, &err);
-    if (r == 0)
-        return 0;
-    return decode_system_status(r, err);
+    return r == 0 ? 0 : decode_system_status(r, err);
+}
+
+/* As ExecuteCmdSilently(), then logs the command line and result (level 3). */
+int ExecuteCmd(const char* cmd)
+{
+    int r;
+
+    if (cmd == NULL)
+        return -1;
+    r = ExecuteCmdSilently(cmd);
+    ZELLogFunction(3, "zelfunc", __LINE__, "Execute command [%s] result: %d.\n", cmd, r);
+    return r;
 }
 
 /*
@@ -278,13 +283,10 @@ static void exec_child(char** argv, int pfdin[2], int pfdout[2])
 /* One write of the input; a child that has already gone must not kill us. */
 static void feed_input(int fd, const char* input, size_t inputsize)
 {
-    struct sigaction ign, old;
+    struct sigaction old;
     ssize_t w;
 
-    memset(&ign, 0, sizeof(ign));
-    ign.sa_handler = SIG_IGN;
-    sigemptyset(&ign.sa_mask);
-    sigaction(SIGPIPE, &ign, &old);
+    set_handler(SIGPIPE, SIG_IGN, &old);
     w = write(fd, input, inputsize);
     (void)w;   /* a short write is not retried */
     sigaction(SIGPIPE, &old, NULL);
@@ -318,7 +320,7 @@ int ExecuteProcess(char** argv, const char* input, size_t inputsize,
 {
     int pfdin[2] = { -1, -1 };
     int pfdout[2] = { -1, -1 };
-    struct sigaction dfl, old;
+    struct sigaction old;
     pid_t pid;
     int status = 0;
     int err, rc;
@@ -338,11 +340,7 @@ int ExecuteProcess(char** argv, const char* input, size_t inputsize,
         return err;
     }
 
-    memset(&dfl, 0, sizeof(dfl));
-    dfl.sa_handler = SIG_DFL;
-    sigemptyset(&dfl.sa_mask);
-    sigaction(SIGCHLD, &dfl, &old);
-
+    set_handler(SIGCHLD, SIG_DFL, &old);   /* our wait must get the status */
     pid = fork();
     if (pid < 0) {
         err = errno;
