@@ -12,13 +12,13 @@
 #include <gtest/gtest.h>
 
 #include "agent_harness.h"
+#include "test_accounts.h"
 #include "test_runtime_support.h"
 
 namespace {
 
 const char* const kInheritedPath = "/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin";
 const char* const kInheritedLd = "/inherited/lib";
-const uid_t kNobody = 65534;
 
 struct EnvCase {
     const char* name;
@@ -41,13 +41,17 @@ std::map<std::string, std::string> parse_env(const std::string& path)
 TEST_P(ChildEnv, ClientDirectoryLeadsAndProductHomesPointAtIt)
 {
     const EnvCase& c = GetParam();
+    if (!c.as_root)
+        KVXT_REQUIRE_ACCOUNTS();
     HarnessPtr hp(new AgentHarness);
     AgentHarness& h = *hp;
     h.set_env("PATH", kInheritedPath);
     h.set_env("LD_LIBRARY_PATH", kInheritedLd);
     h.set_env("LANG", "en_US.UTF-8");
-    if (!c.as_root)
-        h.run_as(kNobody, kNobody);
+    if (!c.as_root) {
+        const kvxtest::TestAccount& user = kvxtest::Account(kvxtest::AccountKind::Runner);
+        h.run_as(user.uid, user.gid);
+    }
     ASSERT_TRUE(h.start());
 
     std::string out = h.root + "/child.env";

@@ -6,6 +6,7 @@
 #define TEST_RUNTIME_SUPPORT_H
 
 #include <stdio.h>
+#include <string.h>
 #include <unistd.h>
 #include <sys/wait.h>
 #include <jansson.h>
@@ -31,20 +32,23 @@ struct HarnessDeleter {
 typedef std::unique_ptr<AgentHarness, HarnessDeleter> HarnessPtr;
 
 /*
- * Number of log lines written from source src at line lineno whose message
- * contains text.  The header of a line ends in "%4d:%-20s ".
+ * Number of log lines written from source src at line lineno (0: any line)
+ * whose message contains text.  The header of a line ends in "%4d:%-20s ".
  */
 static inline int log_count(const std::string& log, const char* src, int lineno,
                             const std::string& text)
 {
     char tag[64];
-    snprintf(tag, sizeof(tag), "%4d:%-20s ", lineno, src);
+    if (lineno > 0)
+        snprintf(tag, sizeof(tag), "%4d:%-20s ", lineno, src);
+    else
+        snprintf(tag, sizeof(tag), ":%-20s ", src);
     std::istringstream in(log);
     std::string line;
     int n = 0;
     while (std::getline(in, line)) {
         size_t at = line.find(tag);
-        if (at != std::string::npos && line.find(text, at + 25) != std::string::npos)
+        if (at != std::string::npos && line.find(text, at + strlen(tag)) != std::string::npos)
             n++;
     }
     return n;
