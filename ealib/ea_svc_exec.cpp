@@ -19,6 +19,7 @@
 
 #define EXEC_BUF_SIZE   1024   /* command line and captured output */
 #define EXEC_JOBID_SIZE 16
+#define EXEC_FN         "exec_cmd_svc"   /* every log line names the procedure */
 #define EXEC_DEVNULL    "/dev/null"   /* where background and wait mode output goes */
 
 /* Copies a status text into the reply buffer and sets its length. */
@@ -51,15 +52,15 @@ static void exec_cache_account(const ExecCmdargs* args)
         return;
     if (!str_empty(args->user)) {
         exstrncpy(g_cached_rootUser, args->user, sizeof(g_cached_rootUser));
-        ZELLogFunction(3, "ea_svc", 214, "%s: Cached non root user su user.\n", __FUNCTION__);
+        ZELLogFunction(3, "ea_svc", 214, "%s: Cached non root user su user.\n", EXEC_FN);
     } else {
-        ZELLogFunction(3, "ea_svc", 216, "%s: Cached sudo user information.\n", __FUNCTION__);
+        ZELLogFunction(3, "ea_svc", 216, "%s: Cached sudo user information.\n", EXEC_FN);
     }
     if (!str_empty(args->pwd)) {
         exstrncpy(g_cached_rootPwd, args->pwd, sizeof(g_cached_rootPwd));
-        ZELLogFunction(3, "ea_svc", 220, "%s: Cached non root user su pwd.\n", __FUNCTION__);
+        ZELLogFunction(3, "ea_svc", 220, "%s: Cached non root user su pwd.\n", EXEC_FN);
     } else {
-        ZELLogFunction(3, "ea_svc", 222, "%s: No sudo pwd information.\n", __FUNCTION__);
+        ZELLogFunction(3, "ea_svc", 222, "%s: No sudo pwd information.\n", EXEC_FN);
     }
     g_cached_nonRootUserFlag = 1;
 }
@@ -76,7 +77,7 @@ static int exec_background(int elevate, const ExecCmdargs* args, ExecCmdres* res
     pid_t pid = fork();
     if (pid == -1) {
         ZELLogFunction(3, "ea_svc", 321, "%s: create child process failed! cmd= %s\n",
-                       "exec_cmd_svc", command);
+                       EXEC_FN, command);
         exec_set_text(res, "create child process failed!");
         res->cmd_ret = 1;
         return -1;
@@ -86,7 +87,7 @@ static int exec_background(int elevate, const ExecCmdargs* args, ExecCmdres* res
         snprintf(command, sizeof(command), "%s >>%s 2>&1", args->cmd, EXEC_DEVNULL);
         int rc = exec_run_blocking(elevate, args, command);
         ZELLogFunction(3, "ea_svc", 315, "%s: after ExecuteCmd(NONBLOCK_MODE): %s ret=%d\n",
-                       "exec_cmd_svc", command, rc);
+                       EXEC_FN, command, rc);
         /* The child ends here: _exit keeps it out of the service loop and
          * never flushes the parent's protocol stream a second time. */
         CloseLogFile();
@@ -94,7 +95,7 @@ static int exec_background(int elevate, const ExecCmdargs* args, ExecCmdres* res
     }
     set_global_process_st(args->cmd, pid);
     ZELLogFunction(3, "ea_svc", 332, "%s: create child process successfully! cmd=%s, child pid=%d\n",
-                   "exec_cmd_svc", args->cmd, (int)pid);
+                   EXEC_FN, args->cmd, (int)pid);
     exec_set_text(res, "create child process successfully!");
     res->cmd_ret = 0;
     return 0;
@@ -109,7 +110,7 @@ static int exec_wait(int elevate, const ExecCmdargs* args, ExecCmdres* res)
     snprintf(command, sizeof(command), "%s >>%s 2>&1", args->cmd, EXEC_DEVNULL);
     int rc = exec_run_blocking(elevate, args, command);
     ZELLogFunction(4, "ea_svc", 296, "%s, after ExecuteCmd: %s. ret=%d.\n",
-                   "exec_cmd_svc", command, rc);
+                   EXEC_FN, command, rc);
     res->cmd_ret = (rc != 0) ? 1 : 0;
     return 0;
 }
@@ -125,7 +126,7 @@ static int exec_message_elevated(const ExecCmdargs* args, ExecCmdres* res)
     int len = (int)strlen(output);
     if (len > EA_EXEC_RES_SIZE - 1) {
         ZELLogFunction(0, "ea_svc", 270, "%s: The output is to large (%d)!\n",
-                       "exec_cmd_svc", len);
+                       EXEC_FN, len);
         res->cmd_ret = -1;
         return -1;
     }
@@ -148,7 +149,7 @@ static int exec_message_popen(const ExecCmdargs* args, ExecCmdres* res)
     FILE* fp = popen(args->cmd, "r");
     if (fp == NULL) {
         ZELLogFunction(0, "ea_svc", 237, "%s: popen Error! errno=%d, errmsg=%s\n",
-                       "exec_cmd_svc", errno, strerror(errno));
+                       EXEC_FN, errno, strerror(errno));
         exec_set_text(res, "popen error!");
         res->cmd_ret = 1;
         return -1;
@@ -162,7 +163,7 @@ static int exec_message_popen(const ExecCmdargs* args, ExecCmdres* res)
     }
     if (got == 0) {
         ZELLogFunction(0, "ea_svc", 247, "%s: no data is read! errno=%d, errms=%s\n",
-                       "exec_cmd_svc", errno, strerror(errno));
+                       EXEC_FN, errno, strerror(errno));
         exec_set_text(res, "fread return 0!");
         res->cmd_ret = 1;
         pclose(fp);
@@ -170,10 +171,10 @@ static int exec_message_popen(const ExecCmdargs* args, ExecCmdres* res)
     }
     pclose(fp);   /* status ignored: the output is the answer */
     int len = (int)strlen(output);
-    ZELLogFunction(4, "ea_svc", 257, "%s: buf size=%d, buf=%s\n", "exec_cmd_svc", len, output);
+    ZELLogFunction(4, "ea_svc", 257, "%s: buf size=%d, buf=%s\n", EXEC_FN, len, output);
     if (len > EA_EXEC_RES_SIZE - 1) {
         ZELLogFunction(0, "ea_svc", 259, "%s: The output is to large (%d)!\n",
-                       "exec_cmd_svc", len);
+                       EXEC_FN, len);
         res->cmd_ret = -1;
         return -1;
     }
@@ -198,7 +199,7 @@ int exec_cmd_svc(ExecCmdargs* args, ExecCmdres* res)
     /* A request whose "param" did not decode has no command to run: answer
      * it as a failed command (ret 1) so the server takes its failure path. */
     if (args == NULL || args->cmd == NULL) {
-        ZELLogFunction(0, "ea_svc", __LINE__, "%s: no command in the request.\n", __FUNCTION__);
+        ZELLogFunction(0, "ea_svc", __LINE__, "%s: no command in the request.\n", EXEC_FN);
         exec_set_text(res, "invalid argument!");
         res->cmd_ret = 1;
         return -1;
@@ -206,10 +207,10 @@ int exec_cmd_svc(ExecCmdargs* args, ExecCmdres* res)
 
     snprintf(jobid, sizeof(jobid), "%d", args->jobid);
     setenv("jobID", jobid, 1);
-    ZELLogFunction(3, "ea_svc", 197, "%s: Current JOB ID is: %s\n", __FUNCTION__, jobid);
+    ZELLogFunction(3, "ea_svc", 197, "%s: Current JOB ID is: %s\n", EXEC_FN, jobid);
     ZELLogFunction(3, "ea_svc", 199,
                    "%s: cmd=%s, msg_mode=%d, block_mode=%d, sudo_flag=%d, user=%s, pwd=%d.\n",
-                   __FUNCTION__, args->cmd, args->need_get_return_msg_flag, args->block_flag,
+                   EXEC_FN, args->cmd, args->need_get_return_msg_flag, args->block_flag,
                    args->sudo_flag, args->user ? args->user : "",
                    args->pwd ? (int)strlen(args->pwd) : 0);
 
@@ -217,7 +218,7 @@ int exec_cmd_svc(ExecCmdargs* args, ExecCmdres* res)
     if (elevate != 0 && str_empty(args->user) && str_empty(args->pwd) && args->sudo_flag == 0) {
         elevate = 0;
         ZELLogFunction(3, "ea_svc", 206, "%s: Execute command with current nonroot user.\n",
-                       __FUNCTION__);
+                       EXEC_FN);
     }
     if (elevate != 0)
         exec_cache_account(args);

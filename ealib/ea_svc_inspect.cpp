@@ -19,6 +19,7 @@
 #define INSPECT_CMD_SIZE      1024
 #define INSPECT_PATH_SIZE     4096
 #define INSPECT_META_SIZE     128
+#define CHECK_FN              "check_machine"   /* log lines of the helpers too */
 #define CHECK_LOCK_QUERY      "kvx_ea_check_set_lock.cmd"
 #define CHECK_LOCK_QUERY_LEN  25
 #define CHECK_REPORT_NAME     ".checkmachinetxt"
@@ -82,7 +83,7 @@ static int check_lock_query(ExecCmdres* res)
         if (pid > 1) {
             res->cmd_ret = -2;
             ZELLogFunction(3, "ea_svc", __LINE__, "%s: kvxbackupvol already running, pid=%d.\n",
-                           "check_machine", pid);
+                           CHECK_FN, pid);
             return 0;
         }
     }
@@ -105,7 +106,7 @@ static int check_ec2_instance_id(char* id)
     id[INSPECT_META_SIZE - 1] = '\0';
     if (sscanf(id, "i-%127[0-9a-fA-F]", hex) != 1) {
         ZELLogFunction(3, "ea_svc", __LINE__, "%s: it is not AWS VM but we get instance-id=%s.\n",
-                       "check_machine", id);
+                       CHECK_FN, id);
         return 0;
     }
     return 1;
@@ -125,12 +126,12 @@ static int check_reply_text(const char* report, ExecCmdres* res)
     if (marker != NULL && check_ec2_instance_id(id)) {
         ZELLogFunction(3, "ea_svc", __LINE__,
                        "%s: The target node is a EC2 VM and its instance id is %s.\n",
-                       "check_machine", id);
+                       CHECK_FN, id);
         int idlen = (int)strlen(id);
         /* The two hyphens and the terminator must fit in the reply buffer too. */
         if (idlen + size + 2 >= EA_EXEC_RES_SIZE) {
             ZELLogFunction(0, "ea_svc", __LINE__, "%s: The output of checkmachine is to large (%d)!\n",
-                           "check_machine", idlen + size);
+                           CHECK_FN, idlen + size);
             res->cmd_ret = -1;
             return -1;
         }
@@ -155,18 +156,18 @@ static int check_collect_report(const char* path, ExecCmdres* res)
         if (errno == ENOENT)
             return 0;
         ZELLogFunction(0, "ea_svc", __LINE__, "%s: Failed to get content from %s (%d)\n",
-                       "check_machine", path, errno);
+                       CHECK_FN, path, errno);
         res->cmd_ret = -1;
         return -1;
     }
     if (res->cmd == NULL) {
-        ZELLogFunction(0, "ea_svc", __LINE__, "%s: Failed to allocate memory.\n", "check_machine");
+        ZELLogFunction(0, "ea_svc", __LINE__, "%s: Failed to allocate memory.\n", CHECK_FN);
         res->cmd_ret = -1;
         return -1;
     }
     if (st.st_size >= EA_EXEC_RES_SIZE) {
         ZELLogFunction(0, "ea_svc", __LINE__, "%s: The output of checkmachine is to large (%d)!\n",
-                       "check_machine", (int)st.st_size);
+                       CHECK_FN, (int)st.st_size);
         res->cmd_ret = -1;
         return -1;
     }
@@ -176,7 +177,7 @@ static int check_collect_report(const char* path, ExecCmdres* res)
     int rc = read_checkmachine_file(path, &report, &len);
     if (rc < 1 || report == NULL) {
         ZELLogFunction(3, "ea_svc", __LINE__, "%s: Failed to read activity log from file: %s, len=%d.\n",
-                       "check_machine", path, rc);
+                       CHECK_FN, path, rc);
         free(report);
         return 0;
     }
