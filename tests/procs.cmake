@@ -4,3 +4,4 @@ kvx_add_test(test_exec_cmd_background SOURCES test_exec_cmd_background.cpp LOCKS
 kvx_add_test(test_vmdetect_svc SOURCES test_vmdetect_svc.cpp LOCKS machine)
 kvx_add_test(test_checkmachine SOURCES test_checkmachine.cpp)
 kvx_add_test(test_checkmachine_lock SOURCES test_checkmachine_lock.cpp LOCKS machine)
+kvx_add_test(test_exec_cmd_accounts SOURCES test_exec_cmd_accounts.cpp LOCKS machine)

@@ -1,7 +1,8 @@
 /*
- * Procedure 7 end to end, as a root agent: the answer matches what this
- * machine shows in /proc/cpuinfo and uname, and a job whose script runs
- * here is reported local.  The job query is a ps-wide one: LOCKS machine.
+ * Procedure 7 end to end: the answer matches what this machine shows in
+ * /proc/cpuinfo and uname, whether the agent runs as root or re-runs itself
+ * through su or sudo, and a job whose script runs here is reported local.
+ * The job query is ps-wide and the kvxt_ accounts are used: LOCKS machine.
  */
 #include <gtest/gtest.h>
 #include <signal.h>
@@ -11,6 +12,7 @@
 #include <fstream>
 #include <set>
 
+#include "test_accounts.h"
 #include "test_exec_cmd_client.h"
 
 namespace {
@@ -20,14 +22,15 @@ struct VmAnswer {
     VMDetectInfo_t info = {-1, -1, -1, -1};
 };
 
-VmAnswer vmdetect_call(AgentHarness& h, const std::string& uuid)
+VmAnswer vmdetect_call(AgentHarness& h, const std::string& uuid, std::string user = "",
+                       std::string pwd = "")
 {
-    std::string cmd = uuid, empty;
+    std::string cmd = uuid;
     ExecCmdargs args = {};
     args.cmd = &cmd[0];
     args.cmd_len = (int)cmd.size() + 1;
-    args.user = &empty[0];
-    args.pwd = &empty[0];
+    args.user = &user[0];
+    args.pwd = &pwd[0];
     VmAnswer a;
     VMDetectInfo_t* rec = &a.info;
     a.rc = h.call(EA_PROC_VMDETECT, JXDR_PROC(ExecCmdargs, jxdr_ExecCmdargs), (char*)&args,
@@ -78,10 +81,15 @@ pid_t start_job_script(const std::string& uuid)
     return pid;
 }
 
+#define SKIP_ON_XEN()                                                                  \
+    do {                                                                               \
+        if (access("/proc/xen", R_OK) == 0)                                            \
+            GTEST_SKIP() << "Xen node: the expected answer depends on its capabilities"; \
+    } while (0)
+
 TEST(VmDetectService, RootAgentReportsThisMachine)
 {
-    if (access("/proc/xen", R_OK) == 0)
-        GTEST_SKIP() << "Xen node: the expected answer depends on its capabilities";
+    SKIP_ON_XEN();
     MachineFacts want = read_machine_facts();
     const std::string uuid = "5d0c7a2e-0b7e-4b51-9f3a-" + std::to_string(getpid());
 
@@ -108,6 +116,46 @@ TEST(VmDetectService, RootAgentReportsThisMachine)
     EXPECT_NE(std::string::npos, log.find("detect_vm_info_svc: UUID=" + uuid + "."));
     EXPECT_NE(std::string::npos,
               log.find("detect_vm_info_svc: result, local: 1, vm: " + std::to_string(want.vm)));
+}
+
+struct RerunCase {
+    const char* name;
+    kvxtest::AccountKind agent;
+    bool su_root_alias;   /* request names kvxt_root0 with its password */
+    bool sudo_password;   /* request carries the agent account's password */
+};
+
+const RerunCase kRerunCases[] = {
+    {"sudo without password", kvxtest::AccountKind::SudoNoPassword, false, false},
+    {"sudo with password", kvxtest::AccountKind::SudoPassword, false, true},
+    {"su to a root account", kvxtest::AccountKind::Runner, true, false},
+};
+
+TEST(VmDetectService, OrdinaryAgentReRunsItselfAsRoot)
+{
+    SKIP_ON_XEN();
+    KVXT_REQUIRE_SUDO();
+    MachineFacts want = read_machine_facts();
+    for (const RerunCase& c : kRerunCases) {
+        SCOPED_TRACE(c.name);
+        const kvxtest::TestAccount& agent = kvxtest::Account(c.agent);
+        const kvxtest::TestAccount& alias = kvxtest::Account(kvxtest::AccountKind::RootAlias);
+        AgentBox box;
+        AgentHarness& h = *box;
+        h.run_as(agent.uid, agent.gid);
+        ASSERT_TRUE(h.start());
+        std::string user = c.su_root_alias ? alias.name : "";
+        std::string pwd = c.su_root_alias ? alias.password : (c.sudo_password ? agent.password : "");
+        VmAnswer a = vmdetect_call(h, "no-such-job-uuid", user, pwd);
+        ASSERT_EQ(0, a.rc);
+        EXPECT_EQ(0, a.info.is_local);
+        EXPECT_EQ(want.vm, a.info.vpt_type);
+        EXPECT_EQ(want.socks, a.info.socks);
+        EXPECT_EQ(want.uek, a.info.is_oracle_uek);
+        std::string log = h.log();
+        EXPECT_NE(std::string::npos, log.find(h.boot_dir + "//kvx_ea EA_CMD_DETECT_VM > /dev/null 2>&1"));
+        EXPECT_NE(std::string::npos, log.find(h.boot_dir + "//kvx_ea EA_CMD_GET_SOCKS > /dev/null 2>&1"));
+    }
 }
 
 } /* namespace */
