@@ -187,6 +187,7 @@ TEST(HttpGet, ResponseShapesGiveTheirResults)
         { "closed before the body", ok_response(kBody19).substr(0, 45), -4, "" },
         { "closed before the head", "HTTP/1.0 200 OK\r\nContent-", -4, "" },
         { "closed with nothing sent", "", -4, "" },
+        { "larger than the buffer", ok_response(std::string(9000, 'b')), -4, "" },
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);

@@ -7,6 +7,7 @@
 
 #include <string.h>
 #include <sys/utsname.h>
+#include <unistd.h>
 
 #include <fstream>
 #include <memory>
@@ -352,4 +353,14 @@ TEST(HostProbes, OracleUekFollowsKernelRelease)
     struct utsname u;
     ASSERT_EQ(uname(&u), 0);
     EXPECT_EQ(is_oracle_uek(), strcasestr(u.release, "uek") != NULL ? 1 : 0);
+}
+
+TEST(HostProbes, UnreadableDevMemIsAMissingTable)
+{
+    if (access("/dev/mem", R_OK) == 0)
+        GTEST_SKIP() << "/dev/mem is readable here; the missing-table path needs it absent";
+    dmi_table_info info = { (u8*)&info, 1, 1 };
+    EXPECT_EQ(get_smbios_table(&info), -1);
+    EXPECT_EQ(info.ptr, nullptr);
+    EXPECT_EQ(detect_vm_by_bios(), 0);
 }

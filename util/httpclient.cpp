@@ -26,6 +26,15 @@
 #define META_PORT         80
 #define META_PATH         "/latest/meta-data/"
 
+/* The send time-out also bounds connect(); each is set in this order. */
+static const struct {
+    int option;
+    const char* failure;   /* log format: strerror text, errno */
+} socket_timeouts[] = {
+    { SO_SNDTIMEO, "Fail to set the time out for connection:%s(%d)\n" },
+    { SO_RCVTIMEO, "Fail to set the time out for receive message:%s(%d)\n" },
+};
+
 namespace KVXHttpC {
 
 HttpC::HttpC()
@@ -63,19 +72,13 @@ int HttpC::HttpOpen(std::string ip, int port)
         ZELLogFunction(0, "httpclient", __LINE__, "Fail to create socket:%s(%d)\n", strerror(err), err);
         return -1;
     }
-    if (setsockopt(m_socketFd, SOL_SOCKET, SO_SNDTIMEO, &tv, sizeof(tv)) != 0) {
-        err = errno;
-        ZELLogFunction(0, "httpclient", __LINE__,
-                       "Fail to set the time out for connection:%s(%d)\n", strerror(err), err);
-        HttpClose();
-        return -1;
-    }
-    if (setsockopt(m_socketFd, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof(tv)) != 0) {
-        err = errno;
-        ZELLogFunction(0, "httpclient", __LINE__,
-                       "Fail to set the time out for receive message:%s(%d)\n", strerror(err), err);
-        HttpClose();
-        return -1;
+    for (const auto& t : socket_timeouts) {
+        if (setsockopt(m_socketFd, SOL_SOCKET, t.option, &tv, sizeof(tv)) != 0) {
+            err = errno;
+            ZELLogFunction(0, "httpclient", __LINE__, t.failure, strerror(err), err);
+            HttpClose();
+            return -1;
+        }
     }
 
     addr = inet_addr(m_ip.c_str());

@@ -134,6 +134,19 @@ static int load_proc_file(const char* path, char** text, size_t* len)
 /* ---- probes ---- */
 
 /*
+ * Runs a grep-style probe command quietly and answers its status; a status
+ * other than 0 (match) and 1 (no match) is logged at the given level.
+ */
+static int run_probe_cmd(const char* fn, const char* cmd, int level)
+{
+    int status = ExecuteCmdSilently(cmd);
+
+    if (status != 0 && status != 1)
+        ZELLogFunction(level, "vmdetect", __LINE__, "%s: command (%s) returns %d.\n", fn, cmd, status);
+    return status;
+}
+
+/*
  * CPU flags: 1 when /proc/cpuinfo shows the "hypervisor" flag, unless the
  * node has /proc/xen and is not a Xen control domain (a Xen guest is left
  * to detect_vm_by_xen).  0 otherwise or when cpuinfo cannot be read.
@@ -142,39 +155,25 @@ int detect_vm_by_cpuinfo(void)
 {
     char* text;
     size_t len;
-    int result, status;
+    int result;
 
     if (load_proc_file(CPUINFO_PATH, &text, &len) != 0)
         return 0;
     result = cpuinfo_has_hypervisor(text, len);
     free(text);
 
-    if (result == 1 && access(XEN_DIR, R_OK) == 0) {
-        status = ExecuteCmdSilently(XEN_CONTROL_CMD);
-        if (status != 0) {
-            result = 0;
-            if (status != 1)
-                ZELLogFunction(3, "vmdetect", __LINE__, "%s: command (%s) returns %d.\n",
-                               "detect_vm_by_cpuinfo", XEN_CONTROL_CMD, status);
-        }
-    }
+    if (result == 1 && access(XEN_DIR, R_OK) == 0 &&
+        run_probe_cmd("detect_vm_by_cpuinfo", XEN_CONTROL_CMD, 3) != 0)
+        result = 0;
     return result;
 }
 
 /* Xen: 1 for a Xen guest (/proc/xen without "control_d"), else 0. */
 int detect_vm_by_xen(void)
 {
-    int status;
-
     if (access(XEN_DIR, R_OK) != 0)
         return 0;
-    status = ExecuteCmdSilently(XEN_CONTROL_CMD);
-    if (status == 0)
-        return 0;
-    if (status != 1)
-        ZELLogFunction(3, "vmdetect", __LINE__, "%s: command (%s) returns %d.\n",
-                       "detect_vm_by_xen", XEN_CONTROL_CMD, status);
-    return 1;
+    return run_probe_cmd("detect_vm_by_xen", XEN_CONTROL_CMD, 3) == 0 ? 0 : 1;
 }
 
 /* SMBIOS: 1 when the system manufacturer is a virtual platform's, else 0. */
@@ -265,12 +264,5 @@ int get_pv_sockets(void)
 /* 1 when "uname -r" names a UEK kernel, else 0 (an odd status is logged). */
 int is_oracle_uek(void)
 {
-    int status = ExecuteCmdSilently(UEK_CMD);
-
-    if (status == 0)
-        return 1;
-    if (status != 1)
-        ZELLogFunction(0, "vmdetect", __LINE__, "%s: command (%s) returns %d.\n",
-                       "is_oracle_uek", UEK_CMD, status);
-    return 0;
+    return run_probe_cmd("is_oracle_uek", UEK_CMD, 0) == 0 ? 1 : 0;
 }
