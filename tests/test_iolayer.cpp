@@ -68,15 +68,6 @@ TEST(IoLayer, EveryWrapperRefusesWithTraceOfItsCaller)
     }
 }
 
-TEST(IoLayer, TraceNamesLineFileAndFunction)
-{
-    size_t mark = TestLog::Size();
-    EXPECT_FALSE(_rpctrace(1234, "zelmountentry.cpp", "MountSessionLocation", "stat"));
-    EXPECT_NE(std::string::npos,
-              TestLog::Since(mark).find("[RPC 1234:zelmountentry.cpp MountSessionLocation] RPC "
-                                        "connection broken or not ready while invoking stat!\n"));
-}
-
 TEST(IoLayer, GuardedCallSiteStaysLocal)
 {
     size_t mark = TestLog::Size();
