@@ -211,6 +211,17 @@ TEST(Process, NullVectorRunsNothing)
     EXPECT_STREQ("keep", out);
 }
 
+TEST(Process, ChildLogsFailedExecThroughSharedLog)
+{
+    char* argv[2] = { NULL };
+    PushArgv(argv, 2, "/nonexistent/kvx-prog");
+    size_t mark = TestLog::Size();
+    EXPECT_EQ(127, ExecuteProcess(argv, NULL, 0, NULL, 0));
+    EXPECT_NE(std::string::npos, TestLog::Since(mark).find(
+                  "ExecuteProcess: failed to exec command(2): /nonexistent/kvx-prog.\n"));
+    CleanArgv(argv);
+}
+
 TEST(Process, ChildRunsInItsOwnSession)
 {
     char* argv[4] = { NULL };

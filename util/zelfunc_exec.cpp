@@ -254,15 +254,19 @@ static void close_fd(int* fd)
  */
 static void exec_child(char** argv, int pfdin[2], int pfdout[2])
 {
+    int err;
+
     close(pfdin[1]);
     close(pfdout[0]);
     if (dup2(pfdin[0], 0) < 0) {
-        ZELLogFunction(0, "zelfunc", __LINE__, "ExecuteProcess: failed to dup stdin: %d.\n", errno);
-        _exit(errno);
+        err = errno;
+        ZELLogFunction(0, "zelfunc", __LINE__, "ExecuteProcess: failed to dup stdin: %d.\n", err);
+        _exit(err);
     }
     if (dup2(pfdout[1], 1) < 0) {
-        ZELLogFunction(0, "zelfunc", __LINE__, "ExecuteProcess: failed to dup stdout: %d.\n", errno);
-        _exit(errno);
+        err = errno;
+        ZELLogFunction(0, "zelfunc", __LINE__, "ExecuteProcess: failed to dup stdout: %d.\n", err);
+        _exit(err);
     }
     /* a pipe end that already was descriptor 0 or 1 stays open */
     if (pfdin[0] > 1)
