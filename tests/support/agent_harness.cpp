@@ -409,7 +409,7 @@ int AgentHarness::wait_exit(int timeout_s)
             m_exit = decode_status(st);
             return m_exit;
         }
-        if (m_parent > 0 && waitpid(m_parent, &st, WNOHANG) == m_parent)
+        if (m_parent > 1 && waitpid(m_parent, &st, WNOHANG) == m_parent)
             m_parent = -m_parent;   /* reaped; keep the number for the record */
         usleep(20000);
     }
@@ -446,10 +446,12 @@ void AgentHarness::stop()
         kill(m_agent, SIGKILL);
         wait_exit(10);
     }
-    pid_t group = m_parent > 0 ? m_parent : -m_parent;
-    if (group > 0)
-        kill(-group, SIGKILL);   /* whatever the agent left in its session */
-    if (m_parent > 0) {
+    /* Whatever the agent left in the parent's session.  m_parent is -1 before
+     * start() and minus the pid once reaped: never let that become kill(-1). */
+    pid_t group = m_parent > 1 ? m_parent : (m_parent < -1 ? -m_parent : 0);
+    if (group > 1)
+        kill(-group, SIGKILL);
+    if (m_parent > 1) {
         kill(m_parent, SIGKILL);
         waitpid(m_parent, nullptr, 0);
     }
