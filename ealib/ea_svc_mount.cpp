@@ -43,6 +43,7 @@ int mount_svc(Mountargs* args, Mountres* res)
     res->mount_point[0] = '\0';
 
     memset(new_mount_point, 0, sizeof(new_mount_point));
+    /* Bounded: a wanted mount point over 4095 bytes is cut, not overrun. */
     if (args->mount_point != NULL && args->mount_point[0] != '\0')
         exstrncpy(new_mount_point, args->mount_point, sizeof(new_mount_point));
 

@@ -8,13 +8,10 @@
 
 #include <stdlib.h>
 #include <string.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
 #include <string>
 #include <vector>
 
-#include "ea_svc.h"
 #include "test_mount_util.h"
 #include "zelfunc.h"
 #include "zelmountentry.h"
@@ -190,15 +187,6 @@ TEST(MountCifs, RestoreUnlessProgramIsBackup)
     write_text(dir.path + "/empty", "");
     EXPECT_FALSE(IsPerformingRestoreFrom((dir.path + "/empty").c_str()));
     EXPECT_TRUE(IsPerformingRestore());
-}
-
-TEST(MountCifs, KernelVersionOfThisMachine)
-{
-    int mainv = -7, subv = -7, patchv = -7;
-    ASSERT_EQ(0, GetKernelVersion(&mainv, &subv, &patchv));
-    EXPECT_GE(mainv, 2);
-    EXPECT_GE(subv, 0);
-    EXPECT_EQ(-1, GetKernelVersion(nullptr, &subv, &patchv));
 }
 
 } /* namespace */

@@ -176,16 +176,6 @@ static void premount(const std::string& location, const std::string& at)
         << strerror(errno);
 }
 
-static int mounts_on(const std::string& at)
-{
-    std::istringstream table(read_text("/proc/self/mounts"));
-    std::string src, dir, rest;
-    int n = 0;
-    while (table >> src >> dir && std::getline(table, rest))
-        n += dir == at;
-    return n;
-}
-
 TEST_F(MountAgent, ExistingMountIsReplaced)
 {
     premount("nfshost:/exp", point);

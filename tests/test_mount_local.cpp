@@ -86,13 +86,6 @@ TEST_F(MountLocal, LocationIsCreatedAndIsItsOwnMountPoint)
     EXPECT_TRUE(is_dir(dir.path + "/wanted"));
 }
 
-TEST_F(MountLocal, EmptyPointMakesTheRootDirectory)
-{
-    mkdir((dir.path + "/backup").c_str(), 0755);
-    EXPECT_EQ(0, mount_at(dir.path + "/backup/sess"));
-    EXPECT_TRUE(is_dir(root));
-}
-
 TEST_F(MountLocal, RefusesBadArgumentsAndUnusablePoints)
 {
     bool flag = true;
@@ -128,29 +121,6 @@ struct Reply {
         return true;
     }
 };
-
-TEST_F(MountLocal, ServiceReportsTheMountPointUsed)
-{
-    mkdir((dir.path + "/backup").c_str(), 0755);
-    std::string location = dir.path + "/backup/sess";
-    Mountargs args = {&location[0], (char*)"", (char*)"", (char*)""};
-    Reply r;
-    EXPECT_EQ(0, mount_svc(&args, &r.res));
-    EXPECT_EQ(0, r.res.ret);
-    EXPECT_EQ(location, r.res.mount_point);
-    EXPECT_EQ((int)location.size(), r.res.mount_point_len);
-}
-
-TEST_F(MountLocal, ServiceFailsWithEmptyReply)
-{
-    std::string location = dir.path + "/nope/sess";
-    Mountargs args = {&location[0], (char*)"", (char*)"", (char*)""};
-    Reply r;
-    EXPECT_EQ(0, mount_svc(&args, &r.res));
-    EXPECT_EQ(1, r.res.ret);
-    EXPECT_STREQ("", r.res.mount_point);
-    EXPECT_EQ(0, r.res.mount_point_len);
-}
 
 TEST_F(MountLocal, ServiceAnswersUndecodedRequestWithoutReadingIt)
 {

@@ -30,15 +30,20 @@ static inline std::string read_text(const std::string& path)
     return s.str();
 }
 
-/* True when the kernel's mount table lists point as a mount point. */
-static inline bool is_mount_point(const std::string& point)
+/* How many mounts the kernel's mount table lists on point. */
+static inline int mounts_on(const std::string& point)
 {
     std::istringstream table(read_text("/proc/self/mounts"));
     std::string src, dir, rest;
+    int n = 0;
     while (table >> src >> dir && std::getline(table, rest))
-        if (dir == point)
-            return true;
-    return false;
+        n += dir == point;
+    return n;
+}
+
+static inline bool is_mount_point(const std::string& point)
+{
+    return mounts_on(point) > 0;
 }
 
 /* Removes every mount stacked on point (each call removes the top one). */

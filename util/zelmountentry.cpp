@@ -6,6 +6,7 @@
  */
 #include <errno.h>
 #include <fcntl.h>
+#include <stdarg.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -77,20 +78,30 @@ static int use_local_location(const char* location, char* newMountPoint, char* m
     return CreateDirectory(mountPoint);
 }
 
+/* Formats into buf; a command line longer than the buffer is cut. */
+static void format_cut(char* buf, size_t size, const char* fmt, ...)
+    __attribute__((format(printf, 3, 4)));
+
+static void format_cut(char* buf, size_t size, const char* fmt, ...)
+{
+    va_list ap;
+
+    va_start(ap, fmt);
+    vsnprintf(buf, size, fmt, ap);
+    va_end(ap);
+}
+
 /* NFS: the mount tool picks the file system type; options only from the environment. */
 static int mount_nfs(const char* location, const char* mountPoint)
 {
     char cmd[ZEL_MOUNT_BUF_SIZE];
     const char* word = g_should_hide_mount_entry ? "mount -n" : "mount";
     const char* options = getenv("KVX_MOUNTOPTION");
-    int n;
 
-    /* The command line is cut to the buffer, as every command of this module. */
     if (options != NULL)
-        n = snprintf(cmd, sizeof(cmd), "%s %s %s -w -o %s", word, location, mountPoint, options);
+        format_cut(cmd, sizeof(cmd), "%s %s %s -w -o %s", word, location, mountPoint, options);
     else
-        n = snprintf(cmd, sizeof(cmd), "%s %s %s -w", word, location, mountPoint);
-    (void)n;
+        format_cut(cmd, sizeof(cmd), "%s %s %s -w", word, location, mountPoint);
     return ExecuteCmd(cmd);
 }
 
@@ -195,6 +206,7 @@ int MountSessionLocation(const char* sessLocation, const char* sessLocationUserN
                    sessLocation,
                    sessLocationType < ZEL_SESS_TYPE_CLOUD ? "local" : "cloud");
 
+    /* Bounded: a location over 4095 bytes is cut, not overrun. */
     exstrncpy(location, sessLocation, sizeof(location));
     kind = classify_location(location, sessLocationType);
     if (kind == LOCATION_LOCAL)
