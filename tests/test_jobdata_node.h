@@ -1,0 +1,90 @@
+/*
+ * test_jobdata_node.h - a scratch work directory for the activity log, job
+ * result and job status tests.
+ *
+ * The work directory is read once per process (GetTargetWorkDir caches it),
+ * so each test program gets one directory, made on first use and exported as
+ * TARGET_WORK_DIR before anything reads it; tests clean logs/ between cases.
+ */
+#ifndef TEST_JOBDATA_NODE_H
+#define TEST_JOBDATA_NODE_H
+
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <sstream>
+#include <string>
+
+#include "agent_harness.h"
+#include "zelutil.h"
+
+/*
+ * Number of lines of a log text written from source src at line lineno whose
+ * message contains text.  A line's header ends in "%4d:%-20s ".
+ */
+static inline int log_lines(const std::string& log, const char* src, int lineno,
+                            const std::string& text)
+{
+    char tag[64];
+    snprintf(tag, sizeof(tag), "%4d:%-20s ", lineno, src);
+    std::istringstream in(log);
+    std::string line;
+    int n = 0;
+    while (std::getline(in, line)) {
+        size_t at = line.find(tag);
+        if (at != std::string::npos && line.find(text, at + strlen(tag)) != std::string::npos)
+            n++;
+    }
+    return n;
+}
+
+class JobDataNode {
+public:
+    /* The process-wide node. */
+    static JobDataNode& get()
+    {
+        static JobDataNode node;
+        return node;
+    }
+
+    std::string work, logs, activity, jobres, log_path;
+    /* The activity log path as the handlers spell it: "<work>//logs/..." */
+    std::string activity_as_logged() const
+    {
+        return std::string(GetTargetWorkDir()) + KVX_ACTIVITY_LOG_NAME;
+    }
+
+    /* Removes the files the programs leave, keeping the directory. */
+    void clear() const
+    {
+        unlink(activity.c_str());
+        unlink(jobres.c_str());
+    }
+    std::string log() const { return AgentHarness::read_file(log_path); }
+
+private:
+    JobDataNode()
+    {
+        char tmpl[] = "/tmp/kvxjobdata.XXXXXX";
+        work = mkdtemp(tmpl) ? tmpl : "/tmp/kvxjobdata";
+        logs = work + "/logs";
+        mkdir(logs.c_str(), 0755);
+        activity = logs + "/linuxkvxactivity.log";
+        jobres = logs + "/linuxkvxjobres";
+        log_path = work + "/test.log";
+        setenv("TARGET_WORK_DIR", work.c_str(), 1);
+        ZELInitLogger(log_path.c_str(), 3);
+    }
+    ~JobDataNode()
+    {
+        std::string cmd = "rm -rf '" + work + "'";
+        if (system(cmd.c_str()) != 0) {
+            /* best effort */
+        }
+    }
+};
+
+#endif /* TEST_JOBDATA_NODE_H */
