@@ -62,7 +62,7 @@ static int decode_wait_status(int status)
 }
 
 /*
- * SIGCHLD handler: reaps one child.  The tracked child's decoded status is
+ * SIGCHLD handler: reaps one child that has ended.  The tracked child's decoded status is
  * recorded (finished_flag 1); a failed backup program has its driver
  * unloaded right here.  A foreign child only counts while nothing is
  * tracked: its raw status then lands in ret_status.
@@ -71,7 +71,13 @@ void signal_child(int sig)
 {
     int saved_errno = errno;   /* the interrupted code may still look at errno */
     int status = 0;
-    pid_t pid = wait(&status);
+    /* Non-blocking: when pclose() already reaped the child this signal was
+     * for, a blocking wait() would hang on any child still running. */
+    pid_t pid = waitpid(-1, &status, WNOHANG);
+    if (pid == 0) {
+        errno = saved_errno;
+        return;
+    }
 
     ZELLogFunction(3, SRC, 38, "%s: child pid=%d exist %d.\n", __func__, (int)pid, status);
     if (pid == gst_nblk_p.pid) {

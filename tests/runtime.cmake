@@ -5,6 +5,7 @@ kvx_add_test(test_runtime_cleanup SOURCES test_runtime_cleanup.cpp)
 kvx_add_test(test_runtime_env SOURCES test_runtime_env.cpp LOCKS machine)
 kvx_add_test(test_runtime_lock SOURCES test_runtime_lock.cpp LOCKS machine)
 kvx_add_test(test_runtime_account SOURCES test_runtime_account.cpp LOCKS machine)
+kvx_add_test(test_runtime_slow SOURCES test_runtime_slow.cpp LOCKS machine LABELS slow)
 
 # Preload shim that reports the agent's start-up variables at exit; kept free
 # of sanitizers so that it can be preloaded into any build of the agent.

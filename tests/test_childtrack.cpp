@@ -191,6 +191,32 @@ TEST(ChildTrackForeign, ForeignChildLeavesTrackedRecordAlone)
     EXPECT_EXIT(foreign_child_scenario(scratch.dir), ::testing::ExitedWithCode(0), "");
 }
 
+/* A SIGCHLD whose child was already reaped elsewhere (pclose) must not make
+ * the handler wait for a child that is still running. */
+void stale_signal_scenario(const std::string& dir)
+{
+    Node node(dir);
+    int gate[2];
+    pid_t running = spawn_gated(gate, 0);
+    CHECK(running > 0);
+    set_global_process_st("kvxbackupvol", running);
+    alarm(5);   /* a blocked handler ends the scenario with SIGALRM */
+    signal_child(SIGCHLD);
+    alarm(0);
+    CHECK(gst_nblk_p.finished_flag == 0);
+    CHECK(query_global_process_exist() == 1);
+    CHECK(log_count(node.log(), "ea_svc", 38, "child pid=") == 0);
+    release(gate);
+    CHECK(wait_reaped(node, running));
+    _exit(0);
+}
+
+TEST(ChildTrackForeign, StaleSignalDoesNotBlock)
+{
+    Scratch scratch;
+    EXPECT_EXIT(stale_signal_scenario(scratch.dir), ::testing::ExitedWithCode(0), "");
+}
+
 /* ---- what a background start records ---- */
 
 struct StartCase {

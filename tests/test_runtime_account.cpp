@@ -3,11 +3,14 @@
  * server must run.  Cases other than the root agent run the check in a
  * child dropped to a throwaway account, with su and sudo for real.
  */
+#include <signal.h>
 #include <stdlib.h>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <sys/wait.h>
 
 #include <string>
+#include <vector>
 
 #include <gtest/gtest.h>
 
@@ -97,5 +100,48 @@ TEST_P(RootAccountAs, AnswersHowToRunCommands)
 
 INSTANTIATE_TEST_SUITE_P(Accounts, RootAccountAs, ::testing::ValuesIn(kAccountCases),
                          [](const ::testing::TestParamInfo<AccountCase>& i) { return i.param.name; });
+
+} /* namespace */
+
+namespace {
+
+/* A non-root agent that cached an account cleans the target through it. */
+TEST(RootAccountCleanup, NonRootAgentCleansThroughCachedAccount)
+{
+    KVXT_REQUIRE_ACCOUNTS();
+    const kvxtest::TestAccount& runner = kvxtest::Account(AccountKind::Runner);
+    const kvxtest::TestAccount& alias = kvxtest::Account(AccountKind::RootAlias);
+    HarnessPtr hp(new AgentHarness);
+    AgentHarness& h = *hp;
+    std::string journal = h.root + "/journal";
+    add_cleanup_stubs(h, journal);
+    add_journal_stub(h, journal, "driverinstall", 0, "echo \"uid $(id -u)\" >> " + journal);
+    std::vector<std::string> staged = stage_product_files(h);
+    h.run_as(runner.uid, runner.gid);
+    ASSERT_TRUE(h.start());
+
+    json_t* p = json_pack("{s:s,s:b,s:b,s:i,s:s,s:s,s:i}", "str", ":", "msg_mode", 0,
+                          "block_mode", 0, "jobid", 0, "user", alias.name.c_str(), "passwd",
+                          alias.password.c_str(), "sudoflag", 0);
+    char* param = json_dumps(p, 0);
+    h.send_raw(request_line(1, 3, param));
+    free(param);
+    json_decref(p);
+    json_t* r = read_reply(h, 30000);
+    ASSERT_NE(r, nullptr);
+    json_decref(r);
+
+    h.signal_agent(SIGALRM);
+    int parent = reap_parent(h, 120);
+    EXPECT_TRUE(WIFSIGNALED(parent) && WTERMSIG(parent) == SIGKILL) << "parent status " << parent;
+    ASSERT_EQ(h.wait_exit(60), 1);
+
+    std::vector<std::string> want = {"driverinstall -u", "uid 0", "killall kvxagent",
+                                     expected_rm_line(h)};
+    EXPECT_EQ(read_lines(journal), want);
+    for (const std::string& f : staged)
+        EXPECT_FALSE(AgentHarness::exists(f)) << f;
+    EXPECT_EQ(log_count(h.log(), "svc_main", 74, "cleanup_target started, non root user flag: 1."), 1);
+}
 
 } /* namespace */
