@@ -24,26 +24,28 @@ static char* work_file_path(const char* name, char* buf)
 }
 
 /*
- * Drains the activity log into out (KVX_ACTIVITY_LOG_MAX bytes) and stores
- * the drained buffer size in *out_size; failures are logged at line log_line.
+ * Drains the activity log into out (KVX_ACTIVITY_LOG_MAX bytes).  Returns
+ * the drained buffer size (text length + 1), or 0 when nothing was read;
+ * failures are logged at line log_line.
  */
-static void drain_activity_log(const char* caller, int log_line, char* out, UINT32* out_size)
+static int drain_activity_log(const char* caller, int log_line, char* out)
 {
     char path[ZEL_PATH_MAX];
     char* text = NULL;
-    int size = 0;
+    int size = 0, drained = 0;
     int rc;
 
     work_file_path(KVX_ACTIVITY_LOG_NAME, path);
     rc = read_activity_log_file(path, &text, &size);
     if (rc > 0) {
-        *out_size = (UINT32)size;
+        drained = size;
         memcpy(out, text, size);     /* size <= KVX_ACTIVITY_LOG_MAX, terminated */
     } else if (rc < 0) {
         ZELLogFunction(3, LOG_SRC, log_line, "%s: Failed to read activity log from file: %s, rc=%d.\n",
                        caller, path, rc);
     }
     free(text);
+    return drained;
 }
 
 /*
@@ -145,7 +147,7 @@ int get_job_status_svc(JOBSTATUSargs* args, JOB_STATUS* res)
     /* Without a buffer the events stay in the file for the next poll. */
     if (res->act_log != NULL) {
         res->act_log[0] = '\0';
-        drain_activity_log(__func__, 460, res->act_log, &res->act_size);
+        res->act_size = (UINT32)drain_activity_log(__func__, 460, res->act_log);
     }
     DetachSHM(m);
     return 0;
@@ -157,8 +159,6 @@ int get_job_status_svc(JOBSTATUSargs* args, JOB_STATUS* res)
  */
 int get_agent_activity_log_svc(char* args, AGENTLOGres* res)
 {
-    UINT32 size = 0;
-
     if (res == NULL)
         return 0;
     res->logSize = 0;
@@ -166,8 +166,7 @@ int get_agent_activity_log_svc(char* args, AGENTLOGres* res)
     if (res->pLog == NULL)
         return 0;
     res->pLog[0] = '\0';
-    drain_activity_log(__func__, 485, res->pLog, &size);
-    res->logSize = (int)size;
+    res->logSize = drain_activity_log(__func__, 485, res->pLog);
     return 0;
 }
 

@@ -16,6 +16,9 @@
 
 namespace {
 
+/* Fields of the packed records are compared by value (unary +): a reference
+ * to one may be misaligned. */
+
 using H = AgentHarness;
 
 JOB_RESULT sample(UINT64 base)
@@ -57,7 +60,7 @@ TEST_F(JobResult, RoundTripKeeps64BitValuesAndRemovesFile)
     memset(&in, 0x77, sizeof(in));
     EXPECT_EQ(read_job_result(node.jobres.c_str(), &in), 0);
     EXPECT_EQ(memcmp(&in, &out, sizeof(in)), 0);
-    EXPECT_EQ(in.processed_data_read, (5ULL << 40) + 1);
+    EXPECT_EQ(+in.processed_data_read, (5ULL << 40) + 1);
     EXPECT_FALSE(H::exists(node.jobres));
 }
 
@@ -67,7 +70,7 @@ TEST_F(JobResult, UnreadOlderResultIsTheOneDelivered)
     ASSERT_EQ(create_job_result(node.jobres.c_str(), &older), 0);
     ASSERT_EQ(create_job_result(node.jobres.c_str(), &newer), 0);
     EXPECT_EQ(read_job_result(node.jobres.c_str(), &in), 0);
-    EXPECT_EQ(in.processed_data_read, older.processed_data_read);
+    EXPECT_EQ(+in.processed_data_read, +older.processed_data_read);
     EXPECT_STREQ(in.sessionNo, older.sessionNo);
     EXPECT_FALSE(H::exists(node.jobres)) << "the newer one goes with the file";
 }

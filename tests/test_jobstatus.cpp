@@ -19,6 +19,9 @@
 
 namespace {
 
+/* Fields of the packed records are compared by value (unary +): a reference
+ * to one may be misaligned. */
+
 using H = AgentHarness;
 
 const UINT64 MiB = 1ULL << 20, GiB = 1ULL << 30;
@@ -99,16 +102,16 @@ TEST_P(JobStatusArithmetic, ConvertsCounters)
     m->processed_data_w = c.processed_w;
     poll();
 
-    EXPECT_EQ(res.dt_fin, c.dt_fin);
-    EXPECT_EQ(res.tm_usd, c.tm_usd);
-    EXPECT_EQ(res.vol.tm_usd, c.vol_tm_usd);
-    EXPECT_EQ(res.vol.dt_all, c.vol_dt_all);
-    EXPECT_EQ(res.vol.dt_fin, c.vol_dt_fin);
-    EXPECT_EQ(res.processed_data_w, c.processed_data_w);
-    EXPECT_EQ(res.throughput_w, c.throughput_w);
-    EXPECT_EQ(res.tm_rem, 0u);
-    EXPECT_EQ(res.vol.tm_rem, 0u);
-    EXPECT_EQ(res.dt_all, 0u);
+    EXPECT_EQ(+res.dt_fin, c.dt_fin);
+    EXPECT_EQ(+res.tm_usd, c.tm_usd);
+    EXPECT_EQ(+res.vol.tm_usd, c.vol_tm_usd);
+    EXPECT_EQ(+res.vol.dt_all, c.vol_dt_all);
+    EXPECT_EQ(+res.vol.dt_fin, c.vol_dt_fin);
+    EXPECT_EQ(+res.processed_data_w, c.processed_data_w);
+    EXPECT_EQ(+res.throughput_w, c.throughput_w);
+    EXPECT_EQ(+res.tm_rem, 0u);
+    EXPECT_EQ(+res.vol.tm_rem, 0u);
+    EXPECT_EQ(+res.dt_all, 0u);
 }
 
 INSTANTIATE_TEST_SUITE_P(Monitors, JobStatusArithmetic, ::testing::Values(
@@ -148,16 +151,16 @@ TEST_F(JobStatus, CopiesStateAndStatistics)
     snprintf(m->job_monitor.wszDiskName, sizeof(m->job_monitor.wszDiskName), "/dev/sdb");
     poll();
 
-    EXPECT_EQ(res.typ, 4u);
-    EXPECT_EQ(res.sts, 7u);
-    EXPECT_EQ(res.stg, 9u);
+    EXPECT_EQ(+res.typ, 4u);
+    EXPECT_EQ(+res.sts, 7u);
+    EXPECT_EQ(+res.stg, 9u);
     EXPECT_STREQ(res.vol.name, "/dev/sdb");
-    EXPECT_EQ(res.job_statistic.DedupFlag, 1);
-    EXPECT_EQ(res.job_statistic.DataIsValid, 1);
-    EXPECT_EQ(res.job_statistic.TotalDataSize, 5ULL << 40);
-    EXPECT_EQ(res.job_statistic.UniqueDataSize, 6ULL << 33);
-    EXPECT_EQ(res.job_statistic.CompressedDataSize, 7ULL << 33);
-    EXPECT_EQ(res.job_statistic.MetaDataSize, 0u) << "not transmitted, not copied";
+    EXPECT_EQ(+res.job_statistic.DedupFlag, 1);
+    EXPECT_EQ(+res.job_statistic.DataIsValid, 1);
+    EXPECT_EQ(+res.job_statistic.TotalDataSize, 5ULL << 40);
+    EXPECT_EQ(+res.job_statistic.UniqueDataSize, 6ULL << 33);
+    EXPECT_EQ(+res.job_statistic.CompressedDataSize, 7ULL << 33);
+    EXPECT_EQ(+res.job_statistic.MetaDataSize, 0u) << "not transmitted, not copied";
 }
 
 TEST_F(JobStatus, ElapsedFallsBackToStartTime)
@@ -174,18 +177,18 @@ TEST_F(JobStatus, UnterminatedDiskNameIsBoundedToTheField)
     memset(m->job_monitor.wszDiskName, 'D', sizeof(m->job_monitor.wszDiskName));
     poll();
     EXPECT_EQ(strnlen(res.vol.name, sizeof(res.vol.name)), sizeof(res.vol.name) - 1);
-    EXPECT_EQ(res.vol.tm_usd, 0u) << "the next field is untouched";
+    EXPECT_EQ(+res.vol.tm_usd, 0u) << "the next field is untouched";
 }
 
 TEST_F(JobStatus, DrainsActivityLogIntoOneReplyOnly)
 {
     H::write_file(node.activity, "1 0 abcde\n");
     poll();
-    EXPECT_EQ(res.act_size, 11u);
+    EXPECT_EQ(+res.act_size, 11u);
     EXPECT_STREQ(res.act_log, "1 0 abcde\n");
     EXPECT_FALSE(H::exists(node.activity));
     poll();
-    EXPECT_EQ(res.act_size, 0u);
+    EXPECT_EQ(+res.act_size, 0u);
     EXPECT_STREQ(res.act_log, "");
 }
 
@@ -194,7 +197,7 @@ TEST_F(JobStatus, LogsFailedActivityRead)
     mkdir(node.activity.c_str(), 0755);   /* cannot be opened for writing */
     poll();
     rmdir(node.activity.c_str());
-    EXPECT_EQ(res.act_size, 0u);
+    EXPECT_EQ(+res.act_size, 0u);
     EXPECT_EQ(log_lines(node.log(), "ea_svc", 460,
                         "get_job_status_svc: Failed to read activity log from file: " +
                         node.activity_as_logged() + ", rc=-1."), 1);
@@ -205,7 +208,7 @@ TEST_F(JobStatus, WithoutLogBufferEventsStayForNextPoll)
     H::write_file(node.activity, "1 0 later\n");
     memset(&res, 0, sizeof(res));
     EXPECT_EQ(get_job_status_svc(nullptr, &res), 0);
-    EXPECT_EQ(res.act_size, 0u);
+    EXPECT_EQ(+res.act_size, 0u);
     EXPECT_TRUE(H::exists(node.activity));
 }
 
@@ -223,9 +226,9 @@ TEST_P(JobStatusEnded, AnswersFromExitStatusWithoutTouchingMonitor)
     H::write_file(node.activity, "1 0 for later\n");
     track(0, GetParam().ret_status);
     poll();
-    EXPECT_EQ(res.sts, 10u);
-    EXPECT_EQ(res.stg, GetParam().stg);
-    EXPECT_EQ(res.act_size, 0u);
+    EXPECT_EQ(+res.sts, 10u);
+    EXPECT_EQ(+res.stg, GetParam().stg);
+    EXPECT_EQ(+res.act_size, 0u);
     EXPECT_TRUE(H::exists(node.activity));
 }
 
@@ -259,8 +262,8 @@ TEST_F(JobStatus, StopsWaitingForMonitorWhenProgramEnds)
     sigaction(SIGCHLD, &old, nullptr);
     EXPECT_GE(took, 1);
     EXPECT_LE(took, 6);
-    EXPECT_EQ(res.sts, 10u);
-    EXPECT_EQ(res.stg, 1u);
+    EXPECT_EQ(+res.sts, 10u);
+    EXPECT_EQ(+res.stg, 1u);
 }
 
 } // namespace

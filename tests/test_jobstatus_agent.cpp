@@ -18,6 +18,9 @@
 
 namespace {
 
+/* Fields of the packed records are compared by value (unary +): a reference
+ * to one may be misaligned. */
+
 const UINT64 SIM_BASE_KIB = 5ULL << 30;   /* the simulator's 5 TiB, in KiB */
 
 /* Lines of text, each counted. */
@@ -60,21 +63,21 @@ TEST_F(JobAgent, BackupProgressEventsAndResultReachServer)
         if (st.res.sts == 10)
             break;
         running_polls++;
-        EXPECT_EQ(st.res.sts, 1u);
-        EXPECT_EQ(st.res.typ, 1u);
-        EXPECT_EQ(st.res.stg, 2u);
+        EXPECT_EQ(+st.res.sts, 1u);
+        EXPECT_EQ(+st.res.typ, 1u);
+        EXPECT_EQ(+st.res.stg, 2u);
         EXPECT_STREQ(st.res.vol.name, "/dev/simdisk0");
-        EXPECT_GE(st.res.dt_fin, SIM_BASE_KIB) << "a KiB count above 2^32";
-        EXPECT_GE(st.res.dt_fin, last_fin);
-        EXPECT_LE(st.res.vol.dt_all, 100u);
-        EXPECT_EQ(st.res.job_statistic.DataIsValid, 1);
-        EXPECT_EQ(st.res.job_statistic.TotalDataSize, st.res.dt_fin << 10);
+        EXPECT_GE(+st.res.dt_fin, SIM_BASE_KIB) << "a KiB count above 2^32";
+        EXPECT_GE(+st.res.dt_fin, last_fin);
+        EXPECT_LE(+st.res.vol.dt_all, 100u);
+        EXPECT_EQ(+st.res.job_statistic.DataIsValid, 1);
+        EXPECT_EQ(+st.res.job_statistic.TotalDataSize, st.res.dt_fin << 10);
         last_fin = st.res.dt_fin;
         sleep(1);
     }
     EXPECT_GE(running_polls, 2);
-    EXPECT_EQ(st.res.sts, 10u);
-    EXPECT_EQ(st.res.stg, 1u);
+    EXPECT_EQ(+st.res.sts, 10u);
+    EXPECT_EQ(+st.res.stg, 1u);
 
     AgentLogReply lg = fetch_activity_log(h);
     ASSERT_EQ(lg.rc, 0);
@@ -91,19 +94,19 @@ TEST_F(JobAgent, BackupProgressEventsAndResultReachServer)
 
     JOB_RESULT r = {};
     ASSERT_EQ(fetch_job_result(h, r), 0);
-    EXPECT_EQ(r.processed_data_read, 0x123456789AULL);
-    EXPECT_EQ(r.throughput_read, 3000u);
-    EXPECT_EQ(r.processed_data_write, 0xFEDCBA9876ULL);
-    EXPECT_EQ(r.throughput_write, 123456u);
-    EXPECT_EQ(r.recovery_count, 7u);
-    EXPECT_EQ(r.protected_data, (1ULL << 40) + 5);
+    EXPECT_EQ(+r.processed_data_read, 0x123456789AULL);
+    EXPECT_EQ(+r.throughput_read, 3000u);
+    EXPECT_EQ(+r.processed_data_write, 0xFEDCBA9876ULL);
+    EXPECT_EQ(+r.throughput_write, 123456u);
+    EXPECT_EQ(+r.recovery_count, 7u);
+    EXPECT_EQ(+r.protected_data, (1ULL << 40) + 5);
     EXPECT_STREQ(r.sessionNo, "S0000042");
     EXPECT_STREQ(r.sessionGuid, "0f0e0d0c-0b0a-4908-8706-050403020100");
     EXPECT_FALSE(AgentHarness::exists(h.work_dir + "/logs/linuxkvxjobres"));
 
     memset(&r, 0x33, sizeof(r));
     ASSERT_EQ(fetch_job_result(h, r), 0);
-    EXPECT_EQ(r.processed_data_read, 0u) << "delivered once";
+    EXPECT_EQ(+r.processed_data_read, 0u) << "delivered once";
     EXPECT_STREQ(r.sessionNo, "");
 
     EXPECT_TRUE(h.stub_calls("driverinstall").empty());
@@ -120,8 +123,8 @@ TEST_F(JobAgent, FailedBackupReportsStageThreeAndUninstallsDriver)
             break;
         sleep(1);
     }
-    EXPECT_EQ(st.res.sts, 10u);
-    EXPECT_EQ(st.res.stg, 3u);
+    EXPECT_EQ(+st.res.sts, 10u);
+    EXPECT_EQ(+st.res.stg, 3u);
     std::vector<std::string> calls = h.stub_calls("driverinstall");
     ASSERT_EQ(calls.size(), 1u);
     EXPECT_EQ(calls[0], "driverinstall -u");
@@ -131,8 +134,8 @@ TEST_F(JobAgent, NoProgramAnswersFinishedAtOnce)
 {
     StatusReply st = poll_status(h, 5000);
     ASSERT_EQ(st.rc, 0);
-    EXPECT_EQ(st.res.sts, 10u);
-    EXPECT_EQ(st.res.stg, 1u);
+    EXPECT_EQ(+st.res.sts, 10u);
+    EXPECT_EQ(+st.res.stg, 1u);
     EXPECT_EQ(st.act_size, 0u);
 }
 
