@@ -46,14 +46,15 @@ int detect_vm_info_svc(ExecCmdargs* args, VMDetectInfores* res)
         return 0;
     /* A request whose "param" did not decode is taken as one without a job
      * UUID and without an account: no job can be local, detection still runs. */
-    const char* uuid = (args != NULL && args->cmd != NULL) ? args->cmd : "";
+    int decoded = args != NULL && args->cmd != NULL;
+    const char* uuid = decoded ? args->cmd : "";
     const char* user = (args != NULL && args->user != NULL) ? args->user : "";
     const char* pwd  = (args != NULL && args->pwd != NULL) ? args->pwd : "";
 
     ZELLogFunction(3, "ea_svc", __LINE__, "%s: UUID=%s.\n", __FUNCTION__, uuid);
     int run = 0;
     int rc = 0;
-    if (uuid[0] != '\0')
+    if (decoded)
         rc = check_process_running(uuid, &run);
     res->is_local = run;
     ZELLogFunction(3, "ea_svc", __LINE__, "%s: check_process_running return: %d.\n",

@@ -107,8 +107,9 @@ const ExitCase kExitCases[] = {
     {"untracked command fails", "exit 0", "sh -c 'exit 5'", false},
 };
 
-TEST_F(ExecBackground, FailedBackupProgramUnloadsTheDriver)
+TEST(ExecBackgroundExit, FailedBackupProgramUnloadsTheDriver)
 {
+    ProductLockDir lock_dir;   /* held by each agent, as on a real node */
     for (const ExitCase& c : kExitCases) {
         SCOPED_TRACE(c.name);
         AgentBox a_box;

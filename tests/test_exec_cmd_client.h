@@ -16,6 +16,13 @@
 #include <string>
 #include <vector>
 
+#if defined(__SANITIZE_ADDRESS__)
+#include <sanitizer/lsan_interface.h>
+#define KVXT_KEEP_ALLOCATED(p) __lsan_ignore_object(p)
+#else
+#define KVXT_KEEP_ALLOCATED(p) ((void)(p))
+#endif
+
 #include "agent_harness.h"
 #include "ea_proto.h"
 
@@ -37,6 +44,7 @@ public:
         std::string rm = "rm -rf '" + m_h->root + "'";
         if (system(rm.c_str()) != 0) {
         }
+        KVXT_KEEP_ALLOCATED(m_h);
     }
     AgentBox(const AgentBox&) = delete;
     AgentBox& operator=(const AgentBox&) = delete;

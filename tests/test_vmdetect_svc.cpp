@@ -5,6 +5,7 @@
  * The job query is ps-wide and the kvxt_ accounts are used: LOCKS machine.
  */
 #include <gtest/gtest.h>
+#include <fcntl.h>
 #include <signal.h>
 #include <sys/utsname.h>
 #include <sys/wait.h>
@@ -69,13 +70,16 @@ MachineFacts read_machine_facts()
     return f;
 }
 
-/* A stand-in job script: its command line carries "jobscript-<uuid>". */
+/* A stand-in job script: a sleep whose command line is "jobscript-<uuid> 30". */
 pid_t start_job_script(const std::string& uuid)
 {
     pid_t pid = fork();
     if (pid == 0) {
+        int null_fd = open("/dev/null", O_RDWR);
+        dup2(null_fd, 1);
+        dup2(null_fd, 2);
         std::string name = "jobscript-" + uuid;
-        execl("/bin/sh", "sh", "-c", "sleep 30; :", name.c_str(), (char*)nullptr);
+        execl("/bin/sleep", name.c_str(), "30", (char*)nullptr);
         _exit(127);
     }
     return pid;
