@@ -87,18 +87,6 @@ TEST_F(Loop, PingReplyEchoesSeqFnAndText)
     }
 }
 
-TEST_F(Loop, RepliesAreJsonNulAndTwoNewlines)
-{
-    h.send_raw(request_line(3, 1, "{\"str\": \"x\"}"));
-    std::string first, second;
-    ASSERT_TRUE(h.read_raw(first, 15000));
-    ASSERT_TRUE(h.read_raw(second, 5000));
-    ASSERT_GE(first.size(), 3u);
-    EXPECT_EQ(first.substr(first.size() - 2), std::string("\0\n", 2));
-    EXPECT_EQ(first.find('\0'), first.size() - 2);
-    EXPECT_EQ(second, "\n");
-}
-
 TEST_F(Loop, UnknownProcedureIsLoggedAndNotAnswered)
 {
     const int fns[] = {0, 9, -1, 1000};
