@@ -62,9 +62,9 @@ static int decode_wait_status(int status)
 }
 
 /*
- * SIGCHLD handler: reaps one child that has ended.  The tracked child's decoded status is
- * recorded (finished_flag 1); a failed backup program has its driver
- * unloaded right here.  A foreign child only counts while nothing is
+ * SIGCHLD handler: reaps one child that has ended.  The tracked child's
+ * decoded status is recorded (finished_flag 1); a failed backup program has
+ * its driver unloaded right here.  A foreign child only counts while nothing is
  * tracked: its raw status then lands in ret_status.
  */
 void signal_child(int sig)
