@@ -31,12 +31,13 @@ double now_s()
     return ts.tv_sec + ts.tv_nsec / 1e9;
 }
 
-/* A process holding a lockf lock on a file for some seconds. */
+/* A process holding a lockf lock for some seconds on a file it fills with content. */
 class Locker {
 public:
-    Locker(const std::string& path, int seconds)
+    Locker(const std::string& path, const std::string& content, int seconds)
     {
         int ready[2];
+        H::write_file(path, content);
         if (pipe(ready) != 0)
             return;
         m_pid = fork();
@@ -73,6 +74,7 @@ struct LockedCase {
     std::function<int(const std::string& path)> op;
     int rc;
 };
+void PrintTo(const LockedCase& c, std::ostream* os) { *os << c.name; }
 
 int drain(const std::string& path)
 {
@@ -83,18 +85,19 @@ int drain(const std::string& path)
     return rc;
 }
 
-class ActivityLock : public ::testing::TestWithParam<LockedCase> {
+class ActivityLocked : public ::testing::Test {
 protected:
     JobDataNode& node = JobDataNode::get();
     void SetUp() override { node.clear(); }
     void TearDown() override { node.clear(); }
 };
 
+class ActivityLock : public ActivityLocked, public ::testing::WithParamInterface<LockedCase> {};
+
 TEST_P(ActivityLock, GivesUpAfterSixSecondsAndKeepsFile)
 {
     const std::string content = "1 0 held by another process\n";
-    H::write_file(node.activity, content);
-    Locker holder(node.activity, 10);
+    Locker holder(node.activity, content, 10);
     ASSERT_TRUE(holder.locked());
 
     double t0 = now_s();
@@ -124,31 +127,24 @@ INSTANTIATE_TEST_SUITE_P(Callers, ActivityLock, ::testing::Values(
                -2}),
     [](const ::testing::TestParamInfo<LockedCase>& i) { return std::string(i.param.name); });
 
-TEST(ActivityLockHandler, LogsLockedFetchAndLeavesEvents)
+TEST_F(ActivityLocked, HandlerLogsLockedFetchAndLeavesEvents)
 {
-    JobDataNode& node = JobDataNode::get();
-    node.clear();
-    H::write_file(node.activity, "1 0 waiting\n");
-    Locker holder(node.activity, 10);
+    Locker holder(node.activity, "1 0 waiting\n", 10);
     ASSERT_TRUE(holder.locked());
 
     std::vector<char> buf(EA_ACT_LOG_SIZE, 0);
     AGENTLOGres res = {-1, buf.data()};
     EXPECT_EQ(get_agent_activity_log_svc(nullptr, &res), 0);
     EXPECT_EQ(res.logSize, 0);
-    EXPECT_EQ(log_lines(node.log(), "ea_svc", 485,
+    EXPECT_EQ(log_count(node.log(), "ea_svc", 485,
                         "get_agent_activity_log_svc: Failed to read activity log from file: " +
                         node.activity_as_logged() + ", rc=-2."), 1);
     EXPECT_TRUE(H::exists(node.activity));
-    node.clear();
 }
 
-TEST(ActivityLockHandler, ReaderOutwaitsShortLock)
+TEST_F(ActivityLocked, ReaderOutwaitsShortLock)
 {
-    JobDataNode& node = JobDataNode::get();
-    node.clear();
-    H::write_file(node.activity, "1 0 soon\n");
-    Locker holder(node.activity, 2);
+    Locker holder(node.activity, "1 0 soon\n", 2);
     ASSERT_TRUE(holder.locked());
 
     char* text = nullptr;

@@ -63,6 +63,7 @@ struct DrainCase {
     int rc, size;
     size_t text_len;
 };
+void PrintTo(const DrainCase& c, std::ostream* os) { *os << c.name; }
 
 class ActivityDrain : public ActivityLog, public ::testing::WithParamInterface<DrainCase> {};
 
@@ -205,7 +206,7 @@ TEST_F(ActivityLog, UpdateRejectsNullArguments)
 {
     EXPECT_EQ(update_activity_log_file(nullptr, node.activity.c_str()), -1);
     EXPECT_EQ(update_activity_log_file(node.activity.c_str(), nullptr), -1);
-    EXPECT_EQ(log_lines(node.log(), "agentactivitylog", 190,
+    EXPECT_EQ(log_count(node.log(), "agentactivitylog", 190,
                         "update_activity_log_file: Invalid parameters."), 2);
 }
 
@@ -269,7 +270,7 @@ TEST_F(ActivityLog, HandlerLogsFailedRead)
     EXPECT_EQ(get_agent_activity_log_svc(nullptr, &res), 0);
     rmdir(node.activity.c_str());
     EXPECT_EQ(res.logSize, 0);
-    EXPECT_EQ(log_lines(node.log(), "ea_svc", 485,
+    EXPECT_EQ(log_count(node.log(), "ea_svc", 485,
                         "get_agent_activity_log_svc: Failed to read activity log from file: " +
                         node.activity_as_logged() + ", rc=-1."), 1);
 }

@@ -20,6 +20,7 @@ struct ParseCase {
     UINT32 type, code;       /* of the first event, when there is one */
     std::string message;
 };
+void PrintTo(const ParseCase& c, std::ostream* os) { *os << c.name; }
 
 class ActivityParse : public ::testing::TestWithParam<ParseCase> {};
 
@@ -87,7 +88,7 @@ TEST(ActivityParseCalls, FullArrayFailsAndIsLogged)
     AgentActivityLogStruc ev[2];
     int count = 2;
     EXPECT_EQ(read_activity_log(kThree.c_str(), (int)kThree.size(), ev, &count), -1);
-    EXPECT_EQ(log_lines(node.log(), "agentactivitylog", 60,
+    EXPECT_EQ(log_count(node.log(), "agentactivitylog", 60,
                         "read_activity_log: pLogSize is too small (logSize=2)."), 1);
 }
 

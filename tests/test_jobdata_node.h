@@ -15,31 +15,11 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <sstream>
 #include <string>
 
 #include "agent_harness.h"
+#include "test_runtime_support.h"
 #include "zelutil.h"
-
-/*
- * Number of lines of a log text written from source src at line lineno whose
- * message contains text.  A line's header ends in "%4d:%-20s ".
- */
-static inline int log_lines(const std::string& log, const char* src, int lineno,
-                            const std::string& text)
-{
-    char tag[64];
-    snprintf(tag, sizeof(tag), "%4d:%-20s ", lineno, src);
-    std::istringstream in(log);
-    std::string line;
-    int n = 0;
-    while (std::getline(in, line)) {
-        size_t at = line.find(tag);
-        if (at != std::string::npos && line.find(text, at + strlen(tag)) != std::string::npos)
-            n++;
-    }
-    return n;
-}
 
 class JobDataNode {
 public:

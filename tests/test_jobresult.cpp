@@ -82,7 +82,7 @@ TEST_F(JobResult, ShortFileIsLoggedDeletedAndYieldsNothing)
     EXPECT_EQ(read_job_result(node.jobres.c_str(), &in), -1);
     EXPECT_TRUE(is_zero(in));
     EXPECT_FALSE(H::exists(node.jobres));
-    EXPECT_EQ(log_lines(node.log(), "zelfunc", 2362,
+    EXPECT_EQ(log_count(node.log(), "zelfunc", 2362,
                         "read_job_result: readn(" + node.jobres +
                         ") return:50, not equal expected:105."), 1);
 }
@@ -92,7 +92,7 @@ TEST_F(JobResult, MissingFileIsLoggedAndLeavesRecordZero)
     JOB_RESULT in = {};
     EXPECT_EQ(read_job_result(node.jobres.c_str(), &in), 0);
     EXPECT_TRUE(is_zero(in));
-    EXPECT_EQ(log_lines(node.log(), "zelfunc", 2345,
+    EXPECT_EQ(log_count(node.log(), "zelfunc", 2345,
                         "read_job_result: file(" + node.jobres + ") is not exist."), 1);
 }
 
@@ -111,7 +111,7 @@ TEST_F(JobResult, UnwritableLocationIsLogged)
     std::string path = node.work + "/nowhere/linuxkvxjobres";
     JOB_RESULT out = sample(1);
     EXPECT_EQ(create_job_result(path.c_str(), &out), -1);
-    EXPECT_EQ(log_lines(node.log(), "zelfunc", 2328,
+    EXPECT_EQ(log_count(node.log(), "zelfunc", 2328,
                         "create_job_result: open(" + path + ") failed: No such file or directory[2]."),
               1);
 }

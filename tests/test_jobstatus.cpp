@@ -88,6 +88,7 @@ struct MonitorCase {
     UINT64 vol_dt_all, vol_dt_fin, processed_data_w;
     UINT32 throughput_w;
 };
+void PrintTo(const MonitorCase& c, std::ostream* os) { *os << c.name; }
 
 class JobStatusArithmetic : public JobStatus, public ::testing::WithParamInterface<MonitorCase> {};
 
@@ -198,7 +199,7 @@ TEST_F(JobStatus, LogsFailedActivityRead)
     poll();
     rmdir(node.activity.c_str());
     EXPECT_EQ(+res.act_size, 0u);
-    EXPECT_EQ(log_lines(node.log(), "ea_svc", 460,
+    EXPECT_EQ(log_count(node.log(), "ea_svc", 460,
                         "get_job_status_svc: Failed to read activity log from file: " +
                         node.activity_as_logged() + ", rc=-1."), 1);
 }
@@ -217,6 +218,7 @@ struct EndedCase {
     int ret_status;
     UINT32 stg;
 };
+void PrintTo(const EndedCase& c, std::ostream* os) { *os << c.name; }
 
 class JobStatusEnded : public JobStatus, public ::testing::WithParamInterface<EndedCase> {};
 
