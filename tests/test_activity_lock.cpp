@@ -85,12 +85,7 @@ int drain(const std::string& path)
     return rc;
 }
 
-class ActivityLocked : public ::testing::Test {
-protected:
-    JobDataNode& node = JobDataNode::get();
-    void SetUp() override { node.clear(); }
-    void TearDown() override { node.clear(); }
-};
+using ActivityLocked = JobDataTest;
 
 class ActivityLock : public ActivityLocked, public ::testing::WithParamInterface<LockedCase> {};
 

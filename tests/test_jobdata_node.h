@@ -17,6 +17,8 @@
 
 #include <string>
 
+#include <gtest/gtest.h>
+
 #include "agent_harness.h"
 #include "test_runtime_support.h"
 #include "zelutil.h"
@@ -65,6 +67,14 @@ private:
             /* best effort */
         }
     }
+};
+
+/* A test that starts and ends with no activity log or job result file. */
+class JobDataTest : public ::testing::Test {
+protected:
+    JobDataNode& node = JobDataNode::get();
+    void SetUp() override { node.clear(); }
+    void TearDown() override { node.clear(); }
 };
 
 #endif /* TEST_JOBDATA_NODE_H */

@@ -42,12 +42,7 @@ bool is_zero(const JOB_RESULT& r)
     return memcmp(&r, &zero, sizeof(r)) == 0;
 }
 
-class JobResult : public ::testing::Test {
-protected:
-    JobDataNode& node = JobDataNode::get();
-    void SetUp() override { node.clear(); }
-    void TearDown() override { node.clear(); }
-};
+using JobResult = JobDataTest;
 
 TEST_F(JobResult, RoundTripKeeps64BitValuesAndRemovesFile)
 {

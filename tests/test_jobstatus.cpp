@@ -26,9 +26,8 @@ using H = AgentHarness;
 
 const UINT64 MiB = 1ULL << 20, GiB = 1ULL << 30;
 
-class JobStatus : public ::testing::Test {
+class JobStatus : public JobDataTest {
 protected:
-    JobDataNode& node = JobDataNode::get();
     int shmid = -1;
     RECOVERYPOINT_MONITOR* m = nullptr;
     std::vector<char> act = std::vector<char>(EA_ACT_LOG_SIZE, 0);
@@ -36,7 +35,7 @@ protected:
 
     void SetUp() override
     {
-        node.clear();
+        JobDataTest::SetUp();
         shmid = CreateSHM(KVX_MONITOR_SIZE);
         ASSERT_GE(shmid, 0);
         m = (RECOVERYPOINT_MONITOR*)AttachSHM(KVX_MONITOR_SIZE, shmid);
@@ -51,7 +50,7 @@ protected:
             DetachSHM(m);
         remove_segment();
         track(0, 0);
-        node.clear();
+        JobDataTest::TearDown();
     }
     void remove_segment()
     {
