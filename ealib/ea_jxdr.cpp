@@ -9,6 +9,7 @@
  * caller's record pointer is then left as it was).  A null char* field is
  * encoded as "" (the JSON library refuses a null string).
  */
+#include <stddef.h>
 #include <stdio.h>
 #include <string.h>
 #include "ea_proto.h"
@@ -61,13 +62,9 @@ int jxdr_PINGres(JXDR* xdrs, PINGres*& rec)
     int stamp = 0;
 
     if (!rec) {
-        PINGres* r = (PINGres*)jxdr_param_alloc(xdrs, sizeof(PINGres));
-        if (!r)
-            return -1;
-        r->msg = jxdr_param_alloc(xdrs, EA_PING_MSG_SIZE);
-        r->msg_len = 0;
-        rec = r;
-        return 0;
+        rec = (PINGres*)jxdr_result_alloc(xdrs, sizeof(PINGres), offsetof(PINGres, msg),
+                                          EA_PING_MSG_SIZE);
+        return rec && rec->msg ? 0 : -1;
     }
     if (xdrs->x_op == JXDR_ENCODE) {
         jxdr_set_param(xdrs, json_pack("{s:s,s:i}", "str", str_or_empty(rec->msg),
@@ -149,12 +146,9 @@ int jxdr_ExecCmdres(JXDR* xdrs, ExecCmdres*& rec)
     int len = 0, ret = 0, cap = EA_EXEC_RES_SIZE;
 
     if (!rec) {
-        ExecCmdres* r = (ExecCmdres*)jxdr_param_alloc(xdrs, sizeof(ExecCmdres));
-        if (!r)
-            return -1;
-        r->cmd = jxdr_param_alloc(xdrs, EA_EXEC_RES_SIZE);
-        rec = r;
-        return 0;
+        rec = (ExecCmdres*)jxdr_result_alloc(xdrs, sizeof(ExecCmdres), offsetof(ExecCmdres, cmd),
+                                             EA_EXEC_RES_SIZE);
+        return rec && rec->cmd ? 0 : -1;
     }
     if (xdrs->x_op == JXDR_ENCODE) {
         jxdr_set_param(xdrs, json_pack("{s:s,s:i,s:i}", "str", str_or_empty(rec->cmd),
@@ -225,12 +219,9 @@ int jxdr_Mountres(JXDR* xdrs, Mountres*& rec)
     int len = 0, ret = 0;
 
     if (!rec) {
-        Mountres* r = (Mountres*)jxdr_param_alloc(xdrs, sizeof(Mountres));
-        if (!r)
-            return -1;
-        r->mount_point = jxdr_param_alloc(xdrs, EA_MOUNT_POINT_SIZE);
-        rec = r;
-        return 0;
+        rec = (Mountres*)jxdr_result_alloc(xdrs, sizeof(Mountres), offsetof(Mountres, mount_point),
+                                           EA_MOUNT_POINT_SIZE);
+        return rec && rec->mount_point ? 0 : -1;
     }
     if (xdrs->x_op == JXDR_ENCODE) {
         jxdr_set_param(xdrs, json_pack("{s:s,s:i,s:i}",
@@ -291,7 +282,7 @@ int jxdr_VMDetectres(JXDR* xdrs, VMDetectInfo_t*& rec)
     int type = 0, local = 0, socks = 0, isuek = 0;
 
     if (!rec) {
-        rec = (VMDetectInfo_t*)jxdr_param_alloc(xdrs, sizeof(VMDetectInfo_t));
+        rec = (VMDetectInfo_t*)jxdr_result_alloc(xdrs, sizeof(VMDetectInfo_t), 0, 0);
         return rec ? 0 : -1;
     }
     if (xdrs->x_op == JXDR_ENCODE) {

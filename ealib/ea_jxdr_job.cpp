@@ -5,6 +5,7 @@
  * The records are byte-packed, so numbers are unpacked into aligned locals
  * and stored afterwards; a record is only written once "param" matched.
  */
+#include <stddef.h>
 #include <stdio.h>
 #include <string.h>
 #include "ea_proto.h"
@@ -136,13 +137,12 @@ int jxdr_JOBSTATUSres(JXDR* xdrs, JOB_STATUS*& rec)
     int size;
 
     if (!rec) {
-        JOB_STATUS* r = (JOB_STATUS*)jxdr_param_alloc(xdrs, sizeof(JOB_STATUS));
-        if (!r)
+        rec = (JOB_STATUS*)jxdr_result_alloc(xdrs, sizeof(JOB_STATUS),
+                                             offsetof(JOB_STATUS, act_log), EA_ACT_LOG_SIZE);
+        if (!rec)
             return -1;
-        r->act_log = jxdr_param_alloc(xdrs, EA_ACT_LOG_SIZE);
-        if (!r->act_log)
+        if (!rec->act_log)
             dlog2("ea_jxdr", 329, "jxdr_param_alloc failed");
-        rec = r;
         return 0;
     }
     if (xdrs->x_op == JXDR_ENCODE) {
@@ -172,7 +172,9 @@ int jxdr_JOBSTATUSres(JXDR* xdrs, JOB_STATUS*& rec)
     jxdr_copy_text(rec->vol.name, sizeof(rec->vol.name), w.name, -1);
     rec->act_size = (UINT32)w.act_size;
     if (w.act_size != 0) {
-        store_act_log(xdrs, rec->act_log, (UINT32)w.act_size, w.act_log, &size, 422, 0);
+        char* log = rec->act_log;     /* the packed field cannot bind a reference */
+        store_act_log(xdrs, log, (UINT32)w.act_size, w.act_log, &size, 422, 0);
+        rec->act_log = log;
         rec->act_size = (UINT32)size;
     }
     return 0;
@@ -187,12 +189,9 @@ int jxdr_AGENTLOGres(JXDR* xdrs, AGENTLOGres*& rec)
     int size = 0;
 
     if (!rec) {
-        AGENTLOGres* r = (AGENTLOGres*)jxdr_param_alloc(xdrs, sizeof(AGENTLOGres));
-        if (!r)
-            return -1;
-        r->pLog = jxdr_param_alloc(xdrs, EA_ACT_LOG_SIZE);
-        rec = r;
-        return 0;
+        rec = (AGENTLOGres*)jxdr_result_alloc(xdrs, sizeof(AGENTLOGres),
+                                              offsetof(AGENTLOGres, pLog), EA_ACT_LOG_SIZE);
+        return rec && rec->pLog ? 0 : -1;
     }
     if (xdrs->x_op == JXDR_ENCODE) {
         jxdr_set_param(xdrs, json_pack("{s:i, s:s}", "size", rec->logSize,
@@ -229,7 +228,7 @@ int jxdr_JOBRESULTres(JXDR* xdrs, JOB_RESULT*& rec)
     const char *s_no = NULL, *s_guid = NULL;
 
     if (!rec) {
-        rec = (JOB_RESULT*)jxdr_param_alloc(xdrs, sizeof(JOB_RESULT));
+        rec = (JOB_RESULT*)jxdr_result_alloc(xdrs, sizeof(JOB_RESULT), 0, 0);
         return rec ? 0 : -1;
     }
     if (xdrs->x_op == JXDR_ENCODE) {

@@ -228,3 +228,18 @@ int jxdr_copy_text(char* dst, int cap, const char* src, int max)
     dst[n] = '\0';
     return (int)n;
 }
+
+/* Record plus its fixed buffer, as every result codec's allocation mode
+ * carves them: the record first, then the buffer. */
+char* jxdr_result_alloc(JXDR* xdrs, int rec_size, size_t buf_field, int buf_size)
+{
+    char* rec = jxdr_param_alloc(xdrs, rec_size);
+    char* buf;
+
+    if (!rec || buf_size <= 0)
+        return rec;
+    buf = jxdr_param_alloc(xdrs, buf_size);
+    /* the field may sit unaligned in a packed record */
+    memcpy(rec + buf_field, &buf, sizeof(buf));
+    return rec;
+}

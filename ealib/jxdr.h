@@ -66,8 +66,15 @@ JXDR*  jxdr_create_reply(JXDR* jxdr);
 char*  jxdr_param_alloc(JXDR* xdrs, int size);
 /* Arena copy of src (strlen + 1 bytes); null for a null src or a full arena. */
 char*  jxdr_param_strdup(JXDR* xdrs, const char* src);
-/* Copies min(max, strlen(src), cap - 1) bytes of src into dst and
- * terminates; returns the count copied (0 for cap < 1 or a null src). */
+/*
+ * Result record of rec_size bytes with a buf_size-byte buffer (0: none)
+ * whose address is stored in the record's char* field at buf_field.  Both
+ * zeroed, from the arena.  Returns the record (null when even that does
+ * not fit); the buffer field stays null when the buffer does not fit.
+ */
+char*  jxdr_result_alloc(JXDR* xdrs, int rec_size, size_t buf_field, int buf_size);
+/* Copies min(max, strlen(src), cap - 1) bytes of src into dst (max < 0:
+ * no limit of its own) and terminates; returns the count copied. */
 int    jxdr_copy_text(char* dst, int cap, const char* src, int max);
 /* Makes param (reference taken over) the message's "param"; 0 or -1. */
 int    jxdr_set_param(JXDR* xdrs, json_t* param);

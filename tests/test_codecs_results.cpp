@@ -76,26 +76,26 @@ TEST_F(ResultCodec, JobStatusRoundTripKeepsEveryField)
     JOB_STATUS* g = &got;     /* no act_log buffer: one is carved */
     JXDR* d = over_wire(r);
     ASSERT_EQ(jxdr_JOBSTATUSres(d, g), 0);
-    EXPECT_EQ(got.sts, 4u); EXPECT_EQ(got.typ, 1u); EXPECT_EQ(got.stg, 7u);
+    EXPECT_EQ(+got.sts, 4u); EXPECT_EQ(+got.typ, 1u); EXPECT_EQ(+got.stg, 7u);
     EXPECT_STREQ(got.vol.name, "/dev/sda1");
-    EXPECT_EQ(got.vol.tm_usd, 5100u);
-    EXPECT_EQ(got.vol.dt_all, 42u);
-    EXPECT_EQ(got.vol.dt_fin, BIG1);
-    EXPECT_EQ(got.tm_usd, 6000u);
-    EXPECT_EQ(got.dt_all, BIG2);
-    EXPECT_EQ(got.dt_fin, BIG1 + 5);
-    EXPECT_EQ(got.enc, 1u); EXPECT_EQ(got.cmp, 2u); EXPECT_EQ(got.lmt, 3u);
-    EXPECT_EQ(got.act_size, 13u);
-    ASSERT_NE(got.act_log, nullptr);
+    EXPECT_EQ(+got.vol.tm_usd, 5100u);
+    EXPECT_EQ(+got.vol.dt_all, 42u);
+    EXPECT_EQ(+got.vol.dt_fin, BIG1);
+    EXPECT_EQ(+got.tm_usd, 6000u);
+    EXPECT_EQ(+got.dt_all, BIG2);
+    EXPECT_EQ(+got.dt_fin, BIG1 + 5);
+    EXPECT_EQ(+got.enc, 1u); EXPECT_EQ(+got.cmp, 2u); EXPECT_EQ(+got.lmt, 3u);
+    EXPECT_EQ(+got.act_size, 13u);
+    ASSERT_NE(+got.act_log, nullptr);
     EXPECT_STREQ(got.act_log, "1 0 started\n");
-    EXPECT_EQ(got.processed_data_w, BIG2);
-    EXPECT_EQ(got.throughput_w, 99u);
-    EXPECT_EQ(got.job_statistic.DedupFlag, 1);
-    EXPECT_EQ(got.job_statistic.DataIsValid, 1);
-    EXPECT_EQ(got.job_statistic.TotalDataSize, BIG1);
-    EXPECT_EQ(got.job_statistic.UniqueDataSize, BIG2);
-    EXPECT_EQ(got.job_statistic.CompressedDataSize, 77u);
-    EXPECT_EQ(got.job_statistic.MetaDataSize, 0u) << "MetaDataSize is not transmitted";
+    EXPECT_EQ(+got.processed_data_w, BIG2);
+    EXPECT_EQ(+got.throughput_w, 99u);
+    EXPECT_EQ(+got.job_statistic.DedupFlag, 1);
+    EXPECT_EQ(+got.job_statistic.DataIsValid, 1);
+    EXPECT_EQ(+got.job_statistic.TotalDataSize, BIG1);
+    EXPECT_EQ(+got.job_statistic.UniqueDataSize, BIG2);
+    EXPECT_EQ(+got.job_statistic.CompressedDataSize, 77u);
+    EXPECT_EQ(+got.job_statistic.MetaDataSize, 0u) << "MetaDataSize is not transmitted";
 }
 
 TEST_F(ResultCodec, JobStatusCutsNameAndLog)
@@ -121,7 +121,7 @@ TEST_F(ResultCodec, JobStatusCutsNameAndLog)
     JOB_STATUS* g = &got;
     ASSERT_EQ(jxdr_JOBSTATUSres(over_wire(r), g), 0);
     EXPECT_EQ(strlen(got.vol.name), 254u);
-    EXPECT_EQ(got.act_size, (UINT32)EA_ACT_LOG_SIZE);
+    EXPECT_EQ(+got.act_size, (UINT32)EA_ACT_LOG_SIZE);
     EXPECT_EQ(strlen(got.act_log), (size_t)EA_ACT_LOG_SIZE - 1);
 }
 
@@ -132,7 +132,7 @@ TEST_F(ResultCodec, JobStatusWithFullArenaStillAnswers)
     JOB_STATUS* s = nullptr;
     EXPECT_EQ(jxdr_JOBSTATUSres(r, s), 0);
     ASSERT_NE(s, nullptr);
-    EXPECT_EQ(s->act_log, nullptr);
+    EXPECT_EQ(+s->act_log, nullptr);
     EXPECT_EQ(jxdr_JOBSTATUSres(r, s), 0);   /* encodes "act_log" as "" */
     EXPECT_STREQ(json_string_value(json_object_get(json_object_get(r->x_hd, "param"),
                                                    "act_log")), "");
@@ -159,12 +159,12 @@ TEST_F(ResultCodec, JobResultRoundTripAndBounds)
     memset(&got, 0xEE, sizeof(got));
     JOB_RESULT* g = &got;
     ASSERT_EQ(jxdr_JOBRESULTres(over_wire(r), g), 0);
-    EXPECT_EQ(got.processed_data_read, BIG2);
-    EXPECT_EQ(got.throughput_read, 11u);
-    EXPECT_EQ(got.processed_data_write, BIG1);
-    EXPECT_EQ(got.throughput_write, 12u);
-    EXPECT_EQ(got.recovery_count, 3u);
-    EXPECT_EQ(got.protected_data, BIG1 * 3);
+    EXPECT_EQ(+got.processed_data_read, BIG2);
+    EXPECT_EQ(+got.throughput_read, 11u);
+    EXPECT_EQ(+got.processed_data_write, BIG1);
+    EXPECT_EQ(+got.throughput_write, 12u);
+    EXPECT_EQ(+got.recovery_count, 3u);
+    EXPECT_EQ(+got.protected_data, BIG1 * 3);
     EXPECT_EQ(std::string(got.sessionNo), std::string(31, '7'));
     EXPECT_STREQ(got.sessionGuid, "0123abcd-0123-4567-89ab-0123456789ab");
 
@@ -232,8 +232,8 @@ TEST_F(ResultCodec, ExecResRoundTrip)
     ExecCmdres* g = &got;
     ASSERT_EQ(jxdr_ExecCmdres(over_wire(r), g), 0);
     EXPECT_STREQ(buf, "line1\nline2\n");
-    EXPECT_EQ(got.cmd_len, 12);
-    EXPECT_EQ(got.cmd_ret, -1);
+    EXPECT_EQ(+got.cmd_len, 12);
+    EXPECT_EQ(+got.cmd_ret, -1);
 }
 
 TEST_F(ResultCodec, MountResBoundsThePoint)
@@ -257,7 +257,7 @@ TEST_F(ResultCodec, MountResBoundsThePoint)
     Mountres* g = &got;
     ASSERT_EQ(jxdr_Mountres(over_wire(r), g), 0);
     EXPECT_STREQ(got.mount_point, "/opt/kvx");
-    EXPECT_EQ(got.ret, 0);
+    EXPECT_EQ(+got.ret, 0);
 }
 
 TEST_F(ResultCodec, PingResCutsToCallerBuffer)
@@ -276,8 +276,8 @@ TEST_F(ResultCodec, PingResCutsToCallerBuffer)
     PINGres* g = &got;
     ASSERT_EQ(jxdr_PINGres(d, g), 0);
     EXPECT_STREQ(small, "hello w");
-    EXPECT_EQ(got.msg_len, 8);
-    EXPECT_EQ(got.stamp, 2000000000);
+    EXPECT_EQ(+got.msg_len, 8);
+    EXPECT_EQ(+got.stamp, 2000000000);
 }
 
 TEST_F(ResultCodec, AgentLogClampsSizeAndText)
@@ -294,8 +294,8 @@ TEST_F(ResultCodec, AgentLogClampsSizeAndText)
         AGENTLOGres got = {0, nullptr};
         AGENTLOGres* g = &got;
         ASSERT_EQ(jxdr_AGENTLOGres(d, g), 0);
-        EXPECT_EQ(got.logSize, row.want_size);
-        EXPECT_EQ(got.pLog ? strlen(got.pLog) : 0, row.want_len);
+        EXPECT_EQ(+got.logSize, row.want_size);
+        EXPECT_EQ(+got.pLog ? strlen(got.pLog) : 0, row.want_len);
     }
 
     /* announced 4 bytes but 10 characters sent: the carved buffer holds 3 */
@@ -324,8 +324,8 @@ TEST_F(ResultCodec, VMDetectRoundTrip)
     VMDetectInfo_t got = {9, 9, 9, 9};
     VMDetectInfo_t* g = &got;
     ASSERT_EQ(jxdr_VMDetectres(over_wire(r), g), 0);
-    EXPECT_EQ(got.vpt_type, 1);
-    EXPECT_EQ(got.is_local, 1);
-    EXPECT_EQ(got.socks, 255);
-    EXPECT_EQ(got.is_oracle_uek, 0);
+    EXPECT_EQ(+got.vpt_type, 1);
+    EXPECT_EQ(+got.is_local, 1);
+    EXPECT_EQ(+got.socks, 255);
+    EXPECT_EQ(+got.is_oracle_uek, 0);
 }
