@@ -2,73 +2,10 @@
  * Procedure codecs: wire keys, encode -> text -> decode round trips, decode
  * failures that leave the record alone, 64-bit values and bounded copies.
  */
-#include <gtest/gtest.h>
 #include <string.h>
-#include <string>
-#include <vector>
-#include "ea_proto.h"
+#include "test_codecs.h"
 
-namespace {
-
-/* Envelopes made by a test; all destroyed at the end of the test. */
-class Codec : public ::testing::Test {
-protected:
-    std::vector<JXDR*> live;
-
-    void TearDown() override
-    {
-        for (JXDR* x : live)
-            jxdr_destroy(x);
-    }
-    JXDR* keep(JXDR* x)
-    {
-        live.push_back(x);
-        return x;
-    }
-    JXDR* call_env() { return keep(jxdr_create_call(1)); }
-    JXDR* reply_env()
-    {
-        JXDR* c = keep(jxdr_create_call(1));
-        return keep(jxdr_create_reply(c));
-    }
-    /* The text of an encoded envelope parsed back, as a reader would. */
-    JXDR* over_wire(JXDR* enc)
-    {
-        char* text = jxdr_to_string(enc);
-        EXPECT_NE(text, nullptr);
-        JXDR* dec = jxdr_create(text);
-        free(text);
-        EXPECT_NE(dec, nullptr);
-        return keep(dec);
-    }
-    /* An envelope to decode whose "param" is the given JSON text. */
-    JXDR* with_param(const std::string& param)
-    {
-        std::string text = "{\"ver\": 1, \"type\": 2, \"seq\": 1, \"fn\": 1, \"status\": 0, "
-                           "\"param\": " + param + "}";
-        JXDR* x = jxdr_create((char*)text.c_str());
-        EXPECT_NE(x, nullptr) << text;
-        return keep(x);
-    }
-    static bool in_arena(JXDR* x, const void* p)
-    {
-        const char* c = (const char*)p;
-        return c >= x->x_param.p_org && c < x->x_param.p_org + JXDR_ARENA_SIZE;
-    }
-};
-
-std::string param_text(JXDR* x)
-{
-    json_t* p = json_object_get(x->x_hd, "param");
-    char* s = json_dumps(p, JSON_COMPACT | JSON_SORT_KEYS);
-    std::string out = s ? s : "";
-    free(s);
-    return out;
-}
-
-const UINT64 BIG = 0x123456789ULL;      /* above 2^32 */
-
-} // namespace
+typedef CodecEnv Codec;
 
 TEST_F(Codec, EncodesWireKeys)
 {
@@ -191,25 +128,17 @@ TEST_F(Codec, NoargsLeavesRecordNull)
 
 TEST_F(Codec, ArgumentCodecsRoundTripIntoArena)
 {
-    PINGargs pa = {0, (char*)"h\xc3\xa9llo", false};
-    PINGargs* ppa = &pa;
-    JXDR* c = call_env();
-    ASSERT_EQ(jxdr_PINGargs(c, ppa), 0);
-    JXDR* d = over_wire(c);
-    PINGargs* got = nullptr;
-    ASSERT_EQ(jxdr_PINGargs(d, got), 0);
-    EXPECT_STREQ(got->msg, "h\xc3\xa9llo");
-    EXPECT_EQ(got->msg_len, 7);
-    EXPECT_FALSE(got->discard_msg);
-    EXPECT_TRUE(in_arena(d, got) && in_arena(d, got->msg));
+    JXDR* d = nullptr;
+    PINGargs* p = args_round_trip(jxdr_PINGargs, PINGargs{0, (char*)"h\xc3\xa9llo", true}, &d);
+    ASSERT_NE(p, nullptr);
+    EXPECT_STREQ(p->msg, "h\xc3\xa9llo");
+    EXPECT_EQ(p->msg_len, 7);
+    EXPECT_FALSE(p->discard_msg) << "the flag never travels";
+    EXPECT_TRUE(in_arena(d, p) && in_arena(d, p->msg));
 
-    ExecCmdargs ea = {0, (char*)"echo hi", 1, 0, 42, (char*)"", (char*)"secret", 1};
-    ExecCmdargs* pea = &ea;
-    c = call_env();
-    ASSERT_EQ(jxdr_ExecCmdargs(c, pea), 0);
-    d = over_wire(c);
-    ExecCmdargs* e = nullptr;
-    ASSERT_EQ(jxdr_ExecCmdargs(d, e), 0);
+    ExecCmdargs* e = args_round_trip(jxdr_ExecCmdargs,
+        ExecCmdargs{0, (char*)"echo hi", 1, 0, 42, (char*)"", (char*)"secret", 1}, &d);
+    ASSERT_NE(e, nullptr);
     EXPECT_STREQ(e->cmd, "echo hi");
     EXPECT_EQ(e->cmd_len, 8);
     EXPECT_EQ(e->need_get_return_msg_flag, 1);
@@ -220,32 +149,20 @@ TEST_F(Codec, ArgumentCodecsRoundTripIntoArena)
     EXPECT_EQ(e->sudo_flag, 1);
     EXPECT_TRUE(in_arena(d, e) && in_arena(d, e->cmd) && in_arena(d, e->pwd));
 
-    Mountargs ma = {(char*)"//srv/share", (char*)"CORP\\bob", (char*)"p w", (char*)""};
-    Mountargs* pma = &ma;
-    c = call_env();
-    ASSERT_EQ(jxdr_Mountargs(c, pma), 0);
-    d = over_wire(c);
-    Mountargs* m = nullptr;
-    ASSERT_EQ(jxdr_Mountargs(d, m), 0);
+    Mountargs* m = args_round_trip(jxdr_Mountargs,
+        Mountargs{(char*)"//srv/share", (char*)"CORP\\bob", (char*)"p w", (char*)""});
+    ASSERT_NE(m, nullptr);
     EXPECT_STREQ(m->session_location, "//srv/share");
     EXPECT_STREQ(m->user, "CORP\\bob");
     EXPECT_STREQ(m->pwd, "p w");
     EXPECT_STREQ(m->mount_point, "");
 
-    JOBSTATUSargs ja = {-5};
-    JOBSTATUSargs* pja = &ja;
-    c = call_env();
-    ASSERT_EQ(jxdr_JOBSTATUSargs(c, pja), 0);
-    JOBSTATUSargs* j = nullptr;
-    ASSERT_EQ(jxdr_JOBSTATUSargs(over_wire(c), j), 0);
+    JOBSTATUSargs* j = args_round_trip(jxdr_JOBSTATUSargs, JOBSTATUSargs{-5});
+    ASSERT_NE(j, nullptr);
     EXPECT_EQ(j->jobid, -5);
 
-    VMDetectArg va = {(char*)"0f1e-uuid"};
-    VMDetectArg* pva = &va;
-    c = call_env();
-    ASSERT_EQ(jxdr_VMDetectargs(c, pva), 0);
-    VMDetectArg* v = nullptr;
-    ASSERT_EQ(jxdr_VMDetectargs(over_wire(c), v), 0);
+    VMDetectArg* v = args_round_trip(jxdr_VMDetectargs, VMDetectArg{(char*)"0f1e-uuid"});
+    ASSERT_NE(v, nullptr);
     EXPECT_STREQ(v->uuid, "0f1e-uuid");
 }
 

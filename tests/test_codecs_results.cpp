@@ -3,50 +3,12 @@
  * decodes, 64-bit counters survive, and over-long or lying fields are cut
  * to the receiving buffers.
  */
-#include <gtest/gtest.h>
 #include <string.h>
-#include <string>
-#include <vector>
-#include "ea_proto.h"
+#include "test_codecs.h"
 
 namespace {
 
-class ResultCodec : public ::testing::Test {
-protected:
-    std::vector<JXDR*> live;
-
-    void TearDown() override
-    {
-        for (JXDR* x : live)
-            jxdr_destroy(x);
-    }
-    JXDR* keep(JXDR* x)
-    {
-        live.push_back(x);
-        return x;
-    }
-    JXDR* reply_env()
-    {
-        JXDR* c = keep(jxdr_create_call(2));
-        return keep(jxdr_create_reply(c));
-    }
-    JXDR* over_wire(JXDR* enc)
-    {
-        char* text = jxdr_to_string(enc);
-        JXDR* dec = jxdr_create(text);
-        free(text);
-        EXPECT_NE(dec, nullptr);
-        return keep(dec);
-    }
-    JXDR* with_param(const std::string& param)
-    {
-        std::string text = "{\"ver\": 1, \"type\": 2, \"seq\": 1, \"fn\": 1, \"status\": 0, "
-                           "\"param\": " + param + "}";
-        JXDR* x = jxdr_create((char*)text.c_str());
-        EXPECT_NE(x, nullptr);
-        return keep(x);
-    }
-};
+typedef CodecEnv ResultCodec;
 
 const UINT64 BIG1 = 0x100000001ULL;        /* just above 2^32 */
 const UINT64 BIG2 = 0x7123456789abcdefULL;
