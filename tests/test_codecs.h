@@ -62,6 +62,20 @@ protected:
             *decoded = d;
         return out;
     }
+    /* Result record carved by the codec on a reply, filled, encoded, and the
+     * reply as the server parses it. */
+    template <typename T, typename Fill>
+    JXDR* result_over_wire(int (*codec)(JXDR*, T*&), Fill fill)
+    {
+        JXDR* r = reply_env();
+        T* rec = nullptr;
+        EXPECT_EQ(codec(r, rec), 0);
+        if (!rec)
+            return over_wire(r);
+        fill(rec);
+        EXPECT_EQ(codec(r, rec), 0);
+        return over_wire(r);
+    }
     static bool in_arena(JXDR* x, const void* p)
     {
         const char* c = (const char*)p;

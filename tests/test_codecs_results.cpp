@@ -17,26 +17,23 @@ const UINT64 BIG2 = 0x7123456789abcdefULL;
 
 TEST_F(ResultCodec, JobStatusRoundTripKeepsEveryField)
 {
-    JXDR* r = reply_env();
-    JOB_STATUS* s = nullptr;
-    ASSERT_EQ(jxdr_JOBSTATUSres(r, s), 0);
-    s->sts = 4; s->typ = 1; s->stg = 7;
-    strcpy(s->vol.name, "/dev/sda1");
-    s->vol.tm_usd = 5100; s->vol.tm_rem = 0; s->vol.dt_all = 42; s->vol.dt_fin = BIG1;
-    s->tm_usd = 6000; s->dt_all = BIG2; s->dt_fin = BIG1 + 5;
-    s->enc = 1; s->cmp = 2; s->lmt = 3;
-    strcpy(s->act_log, "1 0 started\n");
-    s->act_size = 13;
-    s->processed_data_w = BIG2; s->throughput_w = 99;
-    s->job_statistic.DedupFlag = 1; s->job_statistic.DataIsValid = 1;
-    s->job_statistic.TotalDataSize = BIG1; s->job_statistic.UniqueDataSize = BIG2;
-    s->job_statistic.CompressedDataSize = 77; s->job_statistic.MetaDataSize = 55;
-    ASSERT_EQ(jxdr_JOBSTATUSres(r, s), 0);
+    JXDR* d = result_over_wire(jxdr_JOBSTATUSres, [](JOB_STATUS* s) {
+        s->sts = 4; s->typ = 1; s->stg = 7;
+        strcpy(s->vol.name, "/dev/sda1");
+        s->vol.tm_usd = 5100; s->vol.tm_rem = 0; s->vol.dt_all = 42; s->vol.dt_fin = BIG1;
+        s->tm_usd = 6000; s->dt_all = BIG2; s->dt_fin = BIG1 + 5;
+        s->enc = 1; s->cmp = 2; s->lmt = 3;
+        strcpy(s->act_log, "1 0 started\n");
+        s->act_size = 13;
+        s->processed_data_w = BIG2; s->throughput_w = 99;
+        s->job_statistic.DedupFlag = 1; s->job_statistic.DataIsValid = 1;
+        s->job_statistic.TotalDataSize = BIG1; s->job_statistic.UniqueDataSize = BIG2;
+        s->job_statistic.CompressedDataSize = 77; s->job_statistic.MetaDataSize = 55;
+    });
 
     JOB_STATUS got;
     memset(&got, 0, sizeof(got));
     JOB_STATUS* g = &got;     /* no act_log buffer: one is carved */
-    JXDR* d = over_wire(r);
     ASSERT_EQ(jxdr_JOBSTATUSres(d, g), 0);
     EXPECT_EQ(+got.sts, 4u); EXPECT_EQ(+got.typ, 1u); EXPECT_EQ(+got.stg, 7u);
     EXPECT_STREQ(got.vol.name, "/dev/sda1");
@@ -102,25 +99,23 @@ TEST_F(ResultCodec, JobStatusWithFullArenaStillAnswers)
 
 TEST_F(ResultCodec, JobResultRoundTripAndBounds)
 {
-    JXDR* r = reply_env();
-    JOB_RESULT* j = nullptr;
-    ASSERT_EQ(jxdr_JOBRESULTres(r, j), 0);
-    j->processed_data_read = BIG2;
-    j->throughput_read = 11;
-    j->processed_data_write = BIG1;
-    j->throughput_write = 12;
-    j->recovery_count = 3;
-    j->protected_data = BIG1 * 3;
-    memset(j->sessionNo, '7', sizeof(j->sessionNo));        /* 32 bytes, no terminator */
-    strcpy(j->sessionGuid, "0123abcd-0123-4567-89ab-0123456789ab");
-    ASSERT_EQ(jxdr_JOBRESULTres(r, j), 0);
-    json_t* p = json_object_get(r->x_hd, "param");
+    JXDR* d = result_over_wire(jxdr_JOBRESULTres, [](JOB_RESULT* j) {
+        j->processed_data_read = BIG2;
+        j->throughput_read = 11;
+        j->processed_data_write = BIG1;
+        j->throughput_write = 12;
+        j->recovery_count = 3;
+        j->protected_data = BIG1 * 3;
+        memset(j->sessionNo, '7', sizeof(j->sessionNo));        /* 32 bytes, no terminator */
+        strcpy(j->sessionGuid, "0123abcd-0123-4567-89ab-0123456789ab");
+    });
+    json_t* p = json_object_get(d->x_hd, "param");
     EXPECT_EQ(strlen(json_string_value(json_object_get(p, "session"))), 32u);
 
     JOB_RESULT got;
     memset(&got, 0xEE, sizeof(got));
     JOB_RESULT* g = &got;
-    ASSERT_EQ(jxdr_JOBRESULTres(over_wire(r), g), 0);
+    ASSERT_EQ(jxdr_JOBRESULTres(d, g), 0);
     EXPECT_EQ(+got.processed_data_read, BIG2);
     EXPECT_EQ(+got.throughput_read, 11u);
     EXPECT_EQ(+got.processed_data_write, BIG1);
@@ -130,7 +125,7 @@ TEST_F(ResultCodec, JobResultRoundTripAndBounds)
     EXPECT_EQ(std::string(got.sessionNo), std::string(31, '7'));
     EXPECT_STREQ(got.sessionGuid, "0123abcd-0123-4567-89ab-0123456789ab");
 
-    JXDR* d = with_param("{\"proc_data_r\":0,\"throughput_r\":0,\"proc_data_w\":0,"
+    d = with_param("{\"proc_data_r\":0,\"throughput_r\":0,\"proc_data_w\":0,"
                          "\"throughput_w\":0,\"rec_count\":0,\"protect_data\":0,"
                          "\"session\":\"s\",\"sessionGuid\":\"" + std::string(80, 'g') + "\"}");
     ASSERT_EQ(jxdr_JOBRESULTres(d, g), 0);
@@ -182,17 +177,15 @@ INSTANTIATE_TEST_SUITE_P(Lengths, ExecResCut, ::testing::Values(
 
 TEST_F(ResultCodec, ExecResRoundTrip)
 {
-    JXDR* r = reply_env();
-    ExecCmdres* e = nullptr;
-    ASSERT_EQ(jxdr_ExecCmdres(r, e), 0);
-    strcpy(e->cmd, "line1\nline2\n");
-    e->cmd_len = 12;
-    e->cmd_ret = -1;
-    ASSERT_EQ(jxdr_ExecCmdres(r, e), 0);
+    JXDR* d = result_over_wire(jxdr_ExecCmdres, [](ExecCmdres* e) {
+        strcpy(e->cmd, "line1\nline2\n");
+        e->cmd_len = 12;
+        e->cmd_ret = -1;
+    });
     char buf[64] = {0};
     ExecCmdres got = {0, 0, buf};
     ExecCmdres* g = &got;
-    ASSERT_EQ(jxdr_ExecCmdres(over_wire(r), g), 0);
+    ASSERT_EQ(jxdr_ExecCmdres(d, g), 0);
     EXPECT_STREQ(buf, "line1\nline2\n");
     EXPECT_EQ(+got.cmd_len, 12);
     EXPECT_EQ(+got.cmd_ret, -1);
@@ -209,29 +202,24 @@ TEST_F(ResultCodec, MountResBoundsThePoint)
     EXPECT_EQ(m.mount_point_len, 1501);
     EXPECT_EQ(strlen(m.mount_point), (size_t)EA_MOUNT_POINT_SIZE - 1);
 
-    JXDR* r = reply_env();
-    Mountres* e = nullptr;
-    ASSERT_EQ(jxdr_Mountres(r, e), 0);
-    strcpy(e->mount_point, "/opt/kvx");
-    e->mount_point_len = 8;
-    ASSERT_EQ(jxdr_Mountres(r, e), 0);
+    d = result_over_wire(jxdr_Mountres, [](Mountres* e) {
+        strcpy(e->mount_point, "/opt/kvx");
+        e->mount_point_len = 8;
+    });
     Mountres got = {5, 0, nullptr};
     Mountres* g = &got;
-    ASSERT_EQ(jxdr_Mountres(over_wire(r), g), 0);
+    ASSERT_EQ(jxdr_Mountres(d, g), 0);
     EXPECT_STREQ(got.mount_point, "/opt/kvx");
     EXPECT_EQ(+got.ret, 0);
 }
 
 TEST_F(ResultCodec, PingResCutsToCallerBuffer)
 {
-    JXDR* r = reply_env();
-    PINGres* p = nullptr;
-    ASSERT_EQ(jxdr_PINGres(r, p), 0);
-    strcpy(p->msg, "hello world");
-    p->msg_len = 12;
-    p->stamp = 2000000000;
-    ASSERT_EQ(jxdr_PINGres(r, p), 0);
-    JXDR* d = over_wire(r);
+    JXDR* d = result_over_wire(jxdr_PINGres, [](PINGres* p) {
+        strcpy(p->msg, "hello world");
+        p->msg_len = 12;
+        p->stamp = 2000000000;
+    });
 
     char small[8];
     PINGres got = {0, (int)sizeof(small), small};
@@ -278,14 +266,10 @@ TEST_F(ResultCodec, AgentLogWithoutRoomFails)
 
 TEST_F(ResultCodec, VMDetectRoundTrip)
 {
-    JXDR* r = reply_env();
-    VMDetectInfo_t* v = nullptr;
-    ASSERT_EQ(jxdr_VMDetectres(r, v), 0);
-    *v = {1, 1, 255, 0};
-    ASSERT_EQ(jxdr_VMDetectres(r, v), 0);
+    JXDR* d = result_over_wire(jxdr_VMDetectres, [](VMDetectInfo_t* v) { *v = {1, 1, 255, 0}; });
     VMDetectInfo_t got = {9, 9, 9, 9};
     VMDetectInfo_t* g = &got;
-    ASSERT_EQ(jxdr_VMDetectres(over_wire(r), g), 0);
+    ASSERT_EQ(jxdr_VMDetectres(d, g), 0);
     EXPECT_EQ(+got.vpt_type, 1);
     EXPECT_EQ(+got.is_local, 1);
     EXPECT_EQ(+got.socks, 255);
