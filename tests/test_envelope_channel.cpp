@@ -72,19 +72,6 @@ TEST(Framing, RecordIsTextNulAndTwoNewlines)
     EXPECT_EQ(buf[n - 1], '\n');
 }
 
-TEST(Framing, SendReturnsBytesWithNul)
-{
-    FILE* out = tmpfile();
-    STDIOChannel ch(stdin, out);
-    ExecProto ep(&ch);
-    JXDR* x = jxdr_create_call(1);
-    char* text = jxdr_to_string(x);
-    EXPECT_EQ(ep.send(x), (int)strlen(text) + 1);
-    free(text);
-    jxdr_destroy(x);
-    fclose(out);
-}
-
 struct ReceiveRow {
     const char* name;
     std::string input;
@@ -124,19 +111,6 @@ TEST(Endpoint, FailedReadIsEmptyRead)
     EXPECT_EQ(x, nullptr);
     fclose(in);
     fclose(wo);
-}
-
-TEST(Endpoint, ParsesTheRequestHeader)
-{
-    FILE* in = input_of(kRequest + "\n");
-    STDIOChannel ch(in, stdout);
-    ExecProto ep(&ch);
-    JXDR* x = nullptr;
-    ASSERT_EQ(ep.receive(x), 0);
-    EXPECT_EQ(x->x_hr.seq, 4);
-    EXPECT_EQ(jxdr_proc_num(x), 1);
-    jxdr_destroy(x);
-    fclose(in);
 }
 
 TEST(Endpoint, LogsUnparsableLinesToDebugLog)
