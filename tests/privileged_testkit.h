@@ -7,7 +7,6 @@
 #ifndef PRIVILEGED_TESTKIT_H
 #define PRIVILEGED_TESTKIT_H
 
-#include <dirent.h>
 #include <errno.h>
 #include <signal.h>
 #include <stdlib.h>
@@ -16,32 +15,19 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <fstream>
-#include <sstream>
 #include <string>
 #include <vector>
 
 #include <gtest/gtest.h>
 
+#include "foundation_testkit.h"
 #include "test_accounts.h"
 #include "zelutil.h"
 
 namespace ptk {
 
-inline std::string ReadFile(const std::string& path)
-{
-    std::ifstream in(path, std::ios::binary);
-    std::stringstream ss;
-    ss << in.rdbuf();
-    return ss.str();
-}
-
-/* Writes an executable script (mode 0755). */
-inline void WriteScript(const std::string& path, const std::string& body)
-{
-    std::ofstream(path, std::ios::trunc) << body;
-    chmod(path.c_str(), 0755);
-}
+using fkit::OpenFdCount;
+using fkit::ReadFile;
 
 /*
  * A scratch directory under /tmp, world-writable so dropped children can use
@@ -97,19 +83,6 @@ inline int CountOf(const std::string& text, const std::string& what)
     int n = 0;
     for (size_t p = text.find(what); p != std::string::npos; p = text.find(what, p + what.size()))
         n++;
-    return n;
-}
-
-/* Open descriptors of this process. */
-inline int OpenFdCount()
-{
-    int n = 0;
-    DIR* d = opendir("/proc/self/fd");
-    if (d == NULL)
-        return -1;
-    while (readdir(d) != NULL)
-        n++;
-    closedir(d);
     return n;
 }
 

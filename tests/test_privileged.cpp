@@ -66,34 +66,39 @@ static ChildResult RunElevated(const TestAccount& acct, const std::string& user,
 
 /* ---- su ---- */
 
-TEST(Su, RightPasswordRunsAsTheAccount)
+struct SuRunCase {
+    const char* name;
+    AccountKind target;
+    bool rightPassword;
+    int rc;
+    const char* text;        /* expected output; null: the target's uid */
+};
+static void PrintTo(const SuRunCase& c, std::ostream* os) { *os << c.name; }
+
+static const SuRunCase kSuRuns[] = {
+    { "RightPasswordRunsAsTheAccount", AccountKind::Plain, true, 0, NULL },
+    { "WrongPasswordReturnsSuExitCode", AccountKind::Plain, false, 1, "" },
+    { "SecondRootAccountWithItsPassword", AccountKind::RootAlias, true, 0, "0" },
+};
+
+class SuRun : public ::testing::TestWithParam<SuRunCase> {};
+
+TEST_P(SuRun, IdAsTarget)
 {
     KVXT_REQUIRE_ACCOUNTS();
-    const TestAccount& plain = Account(AccountKind::Plain);
-    ChildResult r = RunElevated(Account(AccountKind::Runner), plain.name, plain.password, "id -u");
+    const SuRunCase& c = GetParam();
+    const TestAccount& target = Account(c.target);
+    ChildResult r = RunElevated(Account(AccountKind::Runner), target.name,
+                                c.rightPassword ? target.password : "not-the-password", "id -u");
     ASSERT_TRUE(r.finished) << r.error;
-    EXPECT_EQ(0, r.code);
-    EXPECT_EQ(std::to_string(plain.uid), r.text);
+    EXPECT_EQ(c.rc, r.code);
+    if (c.rc == 0) {
+        EXPECT_EQ(c.text != NULL ? std::string(c.text) : std::to_string(target.uid), r.text);
+    }
 }
 
-TEST(Su, WrongPasswordReturnsSuExitCode)
-{
-    KVXT_REQUIRE_ACCOUNTS();
-    const TestAccount& plain = Account(AccountKind::Plain);
-    ChildResult r = RunElevated(Account(AccountKind::Runner), plain.name, "not-the-password", "id -u");
-    ASSERT_TRUE(r.finished) << r.error;
-    EXPECT_EQ(1, r.code);
-}
-
-TEST(Su, SecondRootAccountWithItsPassword)
-{
-    KVXT_REQUIRE_ACCOUNTS();
-    const TestAccount& root0 = Account(AccountKind::RootAlias);
-    ChildResult r = RunElevated(Account(AccountKind::Runner), root0.name, root0.password, "id -u");
-    ASSERT_TRUE(r.finished) << r.error;
-    EXPECT_EQ(0, r.code);
-    EXPECT_EQ("0", r.text);
-}
+INSTANTIATE_TEST_SUITE_P(Su, SuRun, ::testing::ValuesIn(kSuRuns),
+                         [](const ::testing::TestParamInfo<SuRunCase>& i) { return i.param.name; });
 
 TEST(Su, ExportsRestoreWhatSuDropsFromTheEnvironment)
 {
@@ -130,6 +135,7 @@ struct SuLineCase {
     const char* cmd;
     std::string expected;
 };
+static void PrintTo(const SuLineCase& c, std::ostream* os) { *os << c.name; }
 
 static const SuLineCase kSuLines[] = {
     { "BothExportsBeforeCommand", "/kvxt/lib", "/usr/bin:/bin", ": one",
@@ -183,29 +189,37 @@ TEST(Su, LongCommandIsCutToFit)
 
 /* ---- sudo ---- */
 
-TEST(Sudo, PasswordPromptAnswered)
+struct SudoRunCase {
+    const char* name;
+    AccountKind runner;
+    bool withPassword;
+    bool answered;           /* a password is written to the terminal */
+};
+static void PrintTo(const SudoRunCase& c, std::ostream* os) { *os << c.name; }
+
+static const SudoRunCase kSudoRuns[] = {
+    { "PasswordPromptAnswered", AccountKind::SudoPassword, true, true },
+    { "PasswordlessRunsWithoutAnswering", AccountKind::SudoNoPassword, false, false },
+};
+
+class SudoRun : public ::testing::TestWithParam<SudoRunCase> {};
+
+TEST_P(SudoRun, IdIsRoot)
 {
     KVXT_REQUIRE_SUDO();
-    const TestAccount& sudopw = Account(AccountKind::SudoPassword);
+    const SudoRunCase& c = GetParam();
+    const TestAccount& acct = Account(c.runner);
     size_t mark = PrivilegedEnv::Mark();
-    ChildResult r = RunElevated(sudopw, "", sudopw.password, "id -u");
+    ChildResult r = RunElevated(acct, "", c.withPassword ? acct.password : "", "id -u");
     ASSERT_TRUE(r.finished) << r.error;
     EXPECT_EQ(0, r.code);
     EXPECT_EQ("0", r.text);
-    EXPECT_NE(std::string::npos, PrivilegedEnv::Since(mark).find(
-        "write password to tty: " + std::to_string(sudopw.password.size()) + "\n"));
+    std::string line = "write password to tty: " + std::to_string(acct.password.size()) + "\n";
+    EXPECT_EQ(c.answered, PrivilegedEnv::Since(mark).find(line) != std::string::npos);
 }
 
-TEST(Sudo, PasswordlessRunsWithoutAnswering)
-{
-    KVXT_REQUIRE_SUDO();
-    size_t mark = PrivilegedEnv::Mark();
-    ChildResult r = RunElevated(Account(AccountKind::SudoNoPassword), "", "", "id -u");
-    ASSERT_TRUE(r.finished) << r.error;
-    EXPECT_EQ(0, r.code);
-    EXPECT_EQ("0", r.text);
-    EXPECT_EQ(std::string::npos, PrivilegedEnv::Since(mark).find("write password to tty"));
-}
+INSTANTIATE_TEST_SUITE_P(Sudo, SudoRun, ::testing::ValuesIn(kSudoRuns),
+                         [](const ::testing::TestParamInfo<SudoRunCase>& i) { return i.param.name; });
 
 TEST(Sudo, MissingSudoIs127)
 {
@@ -234,6 +248,7 @@ struct SudoLineCase {
     std::string args;    /* the logged arg[1..4] line */
     std::string seen;    /* what the command prints: LD_LIBRARY_PATH|PATH */
 };
+static void PrintTo(const SudoLineCase& c, std::ostream* os) { *os << c.name; }
 
 static const SudoLineCase kSudoLines[] = {
     { "NoLibraryDirPassesStandardPath", false, NULL,
@@ -300,6 +315,7 @@ struct RootCase {
     int uid;                 /* expected uid; -1: the target's, -5: untouched */
     const char* logged;      /* expected log text, or null */
 };
+static void PrintTo(const RootCase& c, std::ostream* os) { *os << c.name; }
 
 static const RootCase kRootCases[] = {
     { "OrdinaryAccountReportsItsUid", AccountKind::Runner, true, AccountKind::Plain, Pwd::Right, 0, -1, NULL },
@@ -333,8 +349,9 @@ TEST_P(RootCheck, Result)
     else
         EXPECT_EQ(c.rc, r.code);
     EXPECT_EQ(std::to_string(c.uid == -1 ? (int)target.uid : c.uid), r.text);
-    if (c.logged != NULL)
+    if (c.logged != NULL) {
         EXPECT_NE(std::string::npos, PrivilegedEnv::Since(mark).find(c.logged));
+    }
 }
 
 INSTANTIATE_TEST_SUITE_P(CheckRootUser, RootCheck, ::testing::ValuesIn(kRootCases),

@@ -30,6 +30,7 @@ struct PromptCase {
     const char* pwd;
     const char* script;   /* bash; exits 0 when it was answered as expected */
 };
+static void PrintTo(const PromptCase& c, std::ostream* os) { *os << c.name; }
 
 /* Echo stays off like su and sudo do; 'ans' checks the line read. */
 static const PromptCase kPromptCases[] = {
@@ -43,13 +44,13 @@ static const PromptCase kPromptCases[] = {
       "stty -echo; printf 'Password: '; IFS= read -r -t 5 l || exit 90; printf '\\n';"
       "[ -z \"$l\" ]" },
     { "TryAgainWithPromptInOneChunkNotAnswered", "pw",
-      "stty -echo; printf 'Sorry, try again.\\n[sudo] password for bob: ';"
+      "stty -echo; printf 'Sorry, try again. [sudo] password for bob: ';"
       "IFS= read -r -t 2 l && exit 91; exit 0" },
     { "TextWithoutPasswordNotAnswered", "pw",
       "stty -echo; printf 'Enter passphrase: '; IFS= read -r -t 2 l && exit 91; exit 0" },
     { "PromptAfterTryAgainAnswered", "pw-three",
-      "stty -echo; printf 'Password: '; IFS= read -r -t 5 l || exit 90; printf '\\n'; sleep 0.3;"
-      "printf 'Sorry, try again.\\n'; sleep 0.3;"
+      "stty -echo; printf 'Password: '; IFS= read -r -t 5 l || exit 90; printf '\\n'; sleep 0.5;"
+      "printf 'Sorry, try again.\\n'; sleep 0.5;"
       "printf 'Password: '; IFS= read -r -t 5 m || exit 92; printf '\\n'; [ \"$m\" = pw-three ]" },
 };
 
@@ -69,7 +70,7 @@ TEST(PtyRunner, StopsAnsweringAfterFourthAnswer)
     /* prompts up to six times; exits with the number of answers it got */
     ptk::Argv argv = ptk::Bash(
         "stty -echo; n=0; while [ $n -lt 6 ]; do printf 'Password: ';"
-        "IFS= read -r -t 2 l || break; n=$((n+1)); printf '\\n'; sleep 0.3; done; exit $n");
+        "IFS= read -r -t 2 l || break; n=$((n+1)); printf '\\n'; sleep 0.5; done; exit $n");
     size_t mark = PrivilegedEnv::Mark();
     EXPECT_EQ(4, ExecuteCmdInteractively(argv.get(), "secret-4", 1, -1, NULL, 0));
     EXPECT_EQ(4, ptk::CountOf(PrivilegedEnv::Since(mark), "write password to tty: 8\n"));
@@ -93,6 +94,7 @@ struct ExitCase {
     int timeout;
     int expected;
 };
+static void PrintTo(const ExitCase& c, std::ostream* os) { *os << c.name; }
 
 static const ExitCase kExitCases[] = {
     { "ExitCodeReturned", { "sh", "-c", "echo out; exit 7" }, -1, 7 },
@@ -148,6 +150,7 @@ struct ChangeCase {
     int expected;
     const char* output;
 };
+static void PrintTo(const ChangeCase& c, std::ostream* os) { *os << c.name; }
 
 static const ChangeCase kChangeCases[] = {
     { "ChangingPasswordGivesOne", "Changing password for bob.", 1, "1" },
@@ -162,7 +165,7 @@ TEST_P(PtyTimeout, NudgeAnswerDecides)
     /* four answers end the prompt phase; the fifth line is the runner's nudge */
     std::string script =
         "stty -echo; for i in 1 2 3 4; do printf 'Password: '; IFS= read -r l; printf '\\n';"
-        "sleep 0.2; done; IFS= read -r l; printf '%s\\n' '" + std::string(GetParam().answer) +
+        "sleep 0.5; done; IFS= read -r l; printf '%s\\n' '" + std::string(GetParam().answer) +
         "'; sleep 20";
     ptk::Argv argv = ptk::Bash(script);
     char out[64] = "";
@@ -219,6 +222,7 @@ struct PathCase {
     int block;
     int timeout;
 };
+static void PrintTo(const PathCase& c, std::ostream* os) { *os << c.name; }
 
 static const PathCase kPathCases[] = {
     { "Success", { "sh", "-c", "echo hi" }, 1, -1 },
@@ -277,6 +281,7 @@ struct CleanCase {
     const char* in;
     const char* out;
 };
+static void PrintTo(const CleanCase& c, std::ostream* os) { *os << c.name; }
 
 static const CleanCase kCleanCases[] = {
     { "LeadingWarningLineDropped", "Warning: locale not set\r\n0\r\n", "0" },

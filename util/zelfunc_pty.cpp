@@ -62,6 +62,17 @@ void pty_finish(PtyRun* run)
     }
 }
 
+pid_t pty_fork(const char* fn, PtyRun* run)
+{
+    run->pid = forkpty(&run->masterFd, NULL, NULL, NULL);
+    if (run->pid < 0) {
+        ZELLogFunction(0, ZELFUNC_SRC, __LINE__, "%s: failed to fork pty(%d).\n", fn, errno);
+        run->masterFd = -1;
+        pty_finish(run);
+    }
+    return run->pid;
+}
+
 void pty_child_exit(int err)
 {
     /* the forked child ends here instead of running on in the caller's code */
@@ -401,13 +412,8 @@ int ExecuteCmdInteractively(char** argv, const char* pwd, int block, int mytimeo
         snprintf(password, sizeof(password), "%s\n", pwd);
 
     pty_run_begin(&run, pwd);
-    run.pid = forkpty(&run.masterFd, NULL, NULL, NULL);
-    if (run.pid < 0) {
-        ZELLogFunction(0, ZELFUNC_SRC, __LINE__, "%s: failed to fork pty(%d).\n", kRunFn, errno);
-        run.masterFd = -1;
-        pty_finish(&run);
+    if (pty_fork(kRunFn, &run) < 0)
         return -3;
-    }
     if (run.pid == 0) {
         execvp(argv[0], argv);
         int err = errno;

@@ -46,6 +46,13 @@ void pty_run_begin(PtyRun* run, const char* pwd);
 /* Closes the master descriptor if open and restores SIGCHLD.  Idempotent. */
 void pty_finish(PtyRun* run);
 
+/*
+ * forkpty() into run->pid and run->masterFd: 0 in the child, the child's pid
+ * in the parent, -1 when it failed (logged as fn's "failed to fork pty",
+ * SIGCHLD restored).
+ */
+pid_t pty_fork(const char* fn, PtyRun* run);
+
 /* In a forked child whose exec failed: never returns into the caller. */
 void pty_child_exit(int err) __attribute__((noreturn));
 

@@ -8,7 +8,6 @@
  * it through sudo, answering sudo's prompt if one appears.
  */
 #include <errno.h>
-#include <pty.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -146,13 +145,8 @@ int SuperExecuteCmdEx(const char* user, const char* pwd, const char* cmd, int bl
     argv[3] = cmdline;
     argv[4] = NULL;
 
-    run.pid = forkpty(&run.masterFd, NULL, NULL, NULL);
-    if (run.pid < 0) {
-        ZELLogFunction(0, ZELFUNC_SRC, __LINE__, "%s: failed to fork pty(%d).\n", kSuFn, errno);
-        run.masterFd = -1;
-        pty_finish(&run);
+    if (pty_fork(kSuFn, &run) < 0)
         return -1;
-    }
     if (run.pid == 0) {
         execvp("su", argv);
         int err = errno;
