@@ -16,6 +16,11 @@ public:
     int HttpOpen(std::string ip, int port);
     int HttpClose();
     int HttpMakeRequest(std::string uri, std::string& outContent);
+    /* Same with another method and extra header lines (each ending "\r\n"). */
+    int HttpMakeRequestEx(const char* method, std::string uri, const std::string& headers,
+                          std::string& outContent);
+    /* Status code of the last response head read, 0 if none. */
+    int HttpStatus() const { return m_status; }
 
 private:
     int HttpGetConLen();
@@ -29,6 +34,7 @@ private:
     int  m_headLen;
     int  m_conLen;
     int  m_len;
+    int  m_status;
     char m_buf[8192];
 };
 
@@ -45,9 +51,20 @@ private:
 int http_get(const char* ip, int port, const char* uri, char* out, int* outlen);
 
 /*
+ * http_get with a method and extra header lines; *status (if given) gets the
+ * response's status code, also when the result is -2 for a status not 200.
+ * secret non-zero keeps the body out of the log (a session token).
+ */
+int http_request(const char* ip, int port, const char* method, const char* uri,
+                 const char* headers, char* out, int* outlen, int* status, int secret);
+
+/*
  * Value of one instance metadata key ("instance-id", ...) from
  * 169.254.169.254:80/latest/meta-data/<key>, with value and *pvaluelen as
  * out and *outlen of http_get.  0, -1 for a null key, else http_get's result.
+ * Only when that plain request is answered 401 (the node requires session
+ * tokens) a token is fetched with PUT /latest/api/token and the GET repeated
+ * with it; the result is then that of the token or the second GET.
  */
 int get_meta_value_by_key(const char* key, char* value, int* pvaluelen);
 

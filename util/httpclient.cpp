@@ -25,6 +25,10 @@
 #define META_SERVER       "169.254.169.254"
 #define META_PORT         80
 #define META_PATH         "/latest/meta-data/"
+#define META_TOKEN_PATH   "/latest/api/token"
+#define META_TOKEN_TTL    "X-aws-ec2-metadata-token-ttl-seconds: 60\r\n"
+#define META_TOKEN_HEADER "X-aws-ec2-metadata-token: "
+#define META_TOKEN_MAX    256
 
 /* The send time-out also bounds connect(); each is set in this order. */
 static const struct {
@@ -39,7 +43,7 @@ namespace KVXHttpC {
 
 HttpC::HttpC()
     : m_ip(""), m_uri(""), m_port(0), m_socketFd(-1),
-      m_headLen(0), m_conLen(0), m_len(0)
+      m_headLen(0), m_conLen(0), m_len(0), m_status(0)
 {
     m_buf[0] = '\0';
 }
@@ -139,6 +143,7 @@ int HttpC::HttpReadResponse()
     m_conLen = 0;
     m_headLen = 0;
     m_len = 0;
+    m_status = 0;
     m_buf[0] = '\0';
 
     for (;;) {
@@ -165,6 +170,8 @@ int HttpC::HttpReadResponse()
         m_buf[m_len] = '\0';
 
         rc = HttpContentIsReady();
+        if (rc != 0 && http_status_fields(m_buf, m_len, &m_status) < 2)
+            m_status = 0;
         if (rc == 1) {
             m_buf[m_len] = '\0';
             ZELLogFunction(5, "httpclient", __LINE__, "HTTP response is (%s)\n", m_buf);
@@ -187,7 +194,15 @@ int HttpC::HttpReadResponse()
  */
 int HttpC::HttpMakeRequest(std::string uri, std::string& outContent)
 {
-    std::string req = "GET " + uri + " HTTP/1.0\r\nUser-Agent: kvx/1.0\r\nAccept: */*\r\n\r\n";
+    return HttpMakeRequestEx("GET", uri, "", outContent);
+}
+
+/* HttpMakeRequest with the method and extra header lines given. */
+int HttpC::HttpMakeRequestEx(const char* method, std::string uri, const std::string& headers,
+                             std::string& outContent)
+{
+    std::string req = std::string(method) + " " + uri +
+                      " HTTP/1.0\r\nUser-Agent: kvx/1.0\r\nAccept: */*\r\n" + headers + "\r\n";
     ssize_t sent;
     int err, rc;
 
@@ -216,10 +231,19 @@ int HttpC::HttpMakeRequest(std::string uri, std::string& outContent)
 /* See httpclient.h. */
 int http_get(const char* ip, int port, const char* uri, char* out, int* outlen)
 {
+    return http_request(ip, port, "GET", uri, "", out, outlen, NULL, 0);
+}
+
+/* See httpclient.h. */
+int http_request(const char* ip, int port, const char* method, const char* uri,
+                 const char* headers, char* out, int* outlen, int* status, int secret)
+{
     std::unique_ptr<KVXHttpC::HttpC> client(new (std::nothrow) KVXHttpC::HttpC());
     std::string content;
     int rc;
 
+    if (status != NULL)
+        *status = 0;
     if (!client)
         return -1;
     if (ip == NULL)   /* no address is not a dotted address */
@@ -229,13 +253,16 @@ int http_get(const char* ip, int port, const char* uri, char* out, int* outlen)
     rc = client->HttpOpen(ip, port);
     if (rc < 0)
         return rc;
-    rc = client->HttpMakeRequest(uri, content);
+    rc = client->HttpMakeRequestEx(method, uri, headers != NULL ? headers : "", content);
     client->HttpClose();
+    if (status != NULL)
+        *status = client->HttpStatus();
     if (rc < 0)
         return rc;
 
     ZELLogFunction(3, "httpclient", __LINE__, "HTTP response content length is %d\n", (int)content.size());
-    ZELLogFunction(3, "httpclient", __LINE__, "HTTP response content is %s\n", content.c_str());
+    ZELLogFunction(3, "httpclient", __LINE__, "HTTP response content is %s\n",
+                   secret ? "(not logged)" : content.c_str());
     /* the body is copied only when there is a length to bound it */
     if (out != NULL && outlen != NULL && *outlen > 0) {
         strncpy(out, content.c_str(), (size_t)*outlen);
@@ -245,17 +272,53 @@ int http_get(const char* ip, int port, const char* uri, char* out, int* outlen)
     return 0;
 }
 
+/*
+ * Session token for the metadata service into token (META_TOKEN_MAX bytes,
+ * terminated); 0 or http_request's result, -2 for a token that could not go
+ * into a header line.
+ */
+static int get_meta_token(char* token)
+{
+    int len = META_TOKEN_MAX - 1;
+    int rc;
+
+    memset(token, 0, META_TOKEN_MAX);
+    ZELLogFunction(3, "httpclient", __LINE__, "Get meta data token\n");
+    rc = http_request(META_SERVER, META_PORT, "PUT", META_TOKEN_PATH, META_TOKEN_TTL, token, &len, NULL, 1);
+    token[len >= 0 && len < META_TOKEN_MAX ? len : META_TOKEN_MAX - 1] = '\0';
+    /* the token goes into a header line: refuse an empty one or one with line breaks */
+    if (rc == 0 && (token[0] == '\0' || strpbrk(token, "\r\n") != NULL))
+        rc = -2;
+    if (rc != 0)
+        ZELLogFunction(0, "httpclient", __LINE__, "Fail to get meta data token\n");
+    else
+        ZELLogFunction(3, "httpclient", __LINE__, "Get meta data token successfully\n");
+    return rc;
+}
+
 /* See httpclient.h. */
 int get_meta_value_by_key(const char* key, char* value, int* pvaluelen)
 {
-    std::string path;
+    std::string path, headers;
+    char token[META_TOKEN_MAX];
+    int status = 0;
     int rc;
 
     ZELLogFunction(3, "httpclient", __LINE__, "Get meta data for %s\n", key != NULL ? key : "(null)");
     if (key == NULL)
         return -1;
     path = std::string(META_PATH) + key;
-    rc = http_get(META_SERVER, META_PORT, path.c_str(), value, pvaluelen);
+    rc = http_request(META_SERVER, META_PORT, "GET", path.c_str(), "", value, pvaluelen, &status, 0);
+    if (rc == -2 && status == 401) {
+        /* the node requires session tokens: fetch one and ask again with it */
+        ZELLogFunction(3, "httpclient", __LINE__, "Meta data for %s requires a session token\n", key);
+        rc = get_meta_token(token);
+        if (rc == 0) {
+            headers = std::string(META_TOKEN_HEADER) + token + "\r\n";
+            rc = http_request(META_SERVER, META_PORT, "GET", path.c_str(), headers.c_str(), value,
+                              pvaluelen, NULL, 0);
+        }
+    }
     if (rc != 0)
         ZELLogFunction(0, "httpclient", __LINE__, "Fail to get meta data for %s\n", key);
     else
