@@ -100,6 +100,18 @@ TEST_P(SuRun, IdAsTarget)
 INSTANTIATE_TEST_SUITE_P(Su, SuRun, ::testing::ValuesIn(kSuRuns),
                          [](const ::testing::TestParamInfo<SuRunCase>& i) { return i.param.name; });
 
+TEST(Su, CommandOutlivingTimeoutIsMinusNine)
+{
+    KVXT_REQUIRE_ACCOUNTS();
+    const TestAccount& plain = Account(AccountKind::Plain);
+    ChildResult r = RunAs(Account(AccountKind::Runner), [&](std::string& text) {
+        return SuperExecuteCmdEx(plain.name.c_str(), plain.password.c_str(), "sleep 20", 1, 2,
+                                 NULL, 0);
+    });
+    ASSERT_TRUE(r.finished) << r.error;
+    EXPECT_EQ(-9, r.code);
+}
+
 TEST(Su, ExportsRestoreWhatSuDropsFromTheEnvironment)
 {
     KVXT_REQUIRE_ACCOUNTS();
