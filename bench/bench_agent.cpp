@@ -2,11 +2,14 @@
  * bench_agent.cpp - measures the agent against simple baselines, side by
  * side in one run, and prints a table:
  *   - ping round trip over pipes vs. bench_echo_server (target: <= 1.5x)
+ *   - message-mode exec round trip vs. the same server's popen+fread (<= 1.2x)
+ *   - job status poll while the simulated backup program runs
  *   - start-up to first ping reply vs. spawning /bin/true
  *   - peak resident memory after 10,000 pings (target: <= 4 MiB)
  *   - resident memory across 10,000 unknown-fn requests (target: flat)
+ * Agents and the baseline are deployed the way kvx-eactl does it.
  *
- *   bench_agent [--agent PATH] [--pings N] [--starts N]
+ *   bench_agent [--agent PATH] [--pings N] [--execs N] [--starts N]
  */
 #include <errno.h>
 #include <fcntl.h>
@@ -25,6 +28,7 @@
 #include <vector>
 
 #include "ea_proto.h"
+#include "eactl.h"
 #include "exec_proto.h"
 
 namespace {
@@ -82,13 +86,61 @@ void finish(Peer* p)
     waitpid(p->pid, NULL, 0);
 }
 
-int ping(Peer* p, const char* text)
+int ping(ExecProto* proto, const char* text)
 {
     PINGargs a = {(int)strlen(text) + 1, const_cast<char*>(text), false};
     char buf[EA_PING_MSG_SIZE];
     PINGres r = {0, (int)sizeof(buf), buf};
-    return p->proto->call(EA_PROC_PING, JXDR_PROC(PINGargs, jxdr_PINGargs), (char*)&a,
-                          JXDR_PROC(PINGres, jxdr_PINGres), (char*)&r);
+    return proto->call(EA_PROC_PING, JXDR_PROC(PINGargs, jxdr_PINGargs), (char*)&a,
+                       JXDR_PROC(PINGres, jxdr_PINGres), (char*)&r);
+}
+
+/* Procedure 3 in message mode (block 0) or background mode (block 1). */
+int exec(ExecProto* proto, const char* cmd, int block)
+{
+    ExecCmdargs a = {(int)strlen(cmd) + 1, const_cast<char*>(cmd), !block, block, 1,
+                     const_cast<char*>(""), const_cast<char*>(""), 0};
+    ExecCmdres r = {0, 0, NULL};
+    int rc = proto->call(EA_PROC_EXEC_CMD, JXDR_PROC(ExecCmdargs, jxdr_ExecCmdargs), (char*)&a,
+                         JXDR_PROC(ExecCmdres, jxdr_ExecCmdres), (char*)&r);
+    return rc != 0 ? rc : r.cmd_ret;
+}
+
+int job_status(ExecProto* proto, JOB_STATUS* st)
+{
+    JOBSTATUSargs a = {1};
+    memset(st, 0, sizeof(*st));
+    return proto->call(EA_PROC_JOBSTATUS, JXDR_PROC(JOBSTATUSargs, jxdr_JOBSTATUSargs), (char*)&a,
+                       JXDR_PROC(JOB_STATUS, jxdr_JOBSTATUSres), (char*)st);
+}
+
+/* Deploys program as kvx-eactl deploys the agent (a copy under its own sh). */
+bool deploy(EactlSession* s, const std::string& program)
+{
+    s->agent_path = program;
+    s->keep = false;
+    s->own_dir = false;
+    s->json = false;
+    s->shell_pid = -1;
+    s->from_agent = s->to_agent = nullptr;
+    s->channel = nullptr;
+    s->proto = nullptr;
+    return eactl_deploy(s) == 0;
+}
+
+/* The deployed program: the only child of the session's shell. */
+pid_t deployed_pid(const EactlSession* s)
+{
+    char path[64];
+    snprintf(path, sizeof(path), "/proc/%d/task/%d/children", (int)s->shell_pid, (int)s->shell_pid);
+    FILE* f = fopen(path, "r");
+    int pid = -1;
+    if (f) {
+        if (fscanf(f, "%d", &pid) != 1)
+            pid = -1;
+        fclose(f);
+    }
+    return pid;
 }
 
 /* A /proc/<pid>/status value in KiB ("VmHWM", "VmRSS"), -1 if absent. */
@@ -107,17 +159,57 @@ long status_kib(pid_t pid, const char* key)
     return v;
 }
 
-/* Mean microseconds per ping over n pings; -1 on a failed call. */
-double ping_rtt(Peer* p, int n)
+typedef int (*request_fn)(ExecProto* proto, const char* text);
+
+int ping_request(ExecProto* proto, const char* text) { return ping(proto, text); }
+int exec_request(ExecProto* proto, const char* text) { return exec(proto, text, 0); }
+
+/* Mean microseconds per request for two peers, measured in ten interleaved
+ * batches so that load on the machine falls on both alike.  false on a
+ * failed request. */
+bool interleaved(request_fn fn, const char* text, ExecProto* a, ExecProto* b, int n,
+                 double* us_a, double* us_b)
 {
-    for (int k = 0; k < 200; k++)   /* warm-up */
-        if (ping(p, "warm-up") != 0)
+    double total[2] = {0, 0};
+    ExecProto* peers[2] = {a, b};
+    for (ExecProto* p : peers)   /* warm-up */
+        for (int k = 0; k < 20; k++)
+            if (fn(p, text) != 0)
+                return false;
+    for (int round = 0; round < 10; round++) {
+        for (int i = 0; i < 2; i++) {
+            double t0 = now_us();
+            for (int k = 0; k < n / 10; k++)
+                if (fn(peers[i], text) != 0)
+                    return false;
+            total[i] += now_us() - t0;
+        }
+    }
+    *us_a = total[0] / (n / 10 * 10);
+    *us_b = total[1] / (n / 10 * 10);
+    return true;
+}
+
+/* Mean microseconds per job status poll while the simulated backup program
+ * runs; starts it in the background first.  -1 when it never showed up. */
+double status_rtt(EactlSession* s, const std::string& simulator, int* polls)
+{
+    if (eactl_install_client_file(s, simulator.c_str(), "kvxbackupvol") != 0 ||
+        exec(s->proto, "kvxbackupvol --seconds 4 --exit 0", 1) != 0)
+        return -1;
+    JOB_STATUS st;
+    do {   /* the first poll waits for the program's segment */
+        if (job_status(s->proto, &st) != 0)
             return -1;
+    } while (st.sts == 10 && st.stg == 0);
     double t0 = now_us();
-    for (int k = 0; k < n; k++)
-        if (ping(p, "hello") != 0)
-            return -1;
-    return (now_us() - t0) / n;
+    *polls = 0;
+    while (now_us() - t0 < 2e6 && job_status(s->proto, &st) == 0 && st.sts != 10)
+        ++*polls;
+    double per = *polls ? (now_us() - t0) / *polls : -1;
+    while (job_status(s->proto, &st) == 0 && st.sts != 10)   /* let the job end */
+        usleep(200000);
+    return per;
 }
 
 double median(std::vector<double> v)
@@ -139,12 +231,14 @@ int main(int argc, char** argv)
     std::string bindir(argv[0]);
     bindir = bindir.substr(0, bindir.rfind('/') + 1);
     std::string agent = bindir + "kvx_ea", echo = bindir + "bench_echo_server";
-    int pings = 10000, starts = 30;
+    int pings = 10000, execs = 300, starts = 30;
     for (int i = 1; i + 1 < argc; i += 2) {
         if (strcmp(argv[i], "--agent") == 0)
             agent = argv[i + 1];
         else if (strcmp(argv[i], "--pings") == 0)
             pings = atoi(argv[i + 1]);
+        else if (strcmp(argv[i], "--execs") == 0)
+            execs = atoi(argv[i + 1]);
         else if (strcmp(argv[i], "--starts") == 0)
             starts = atoi(argv[i + 1]);
     }
@@ -157,33 +251,41 @@ int main(int argc, char** argv)
     std::string work = std::string(tmpl) + "/work";
     mkdir(work.c_str(), 0755);
 
-    /* Ping round trip, agent and baseline in the same run. */
-    Peer a, e;
-    if (!spawn(&a, agent, work) || !spawn(&e, echo, work)) {
-        fprintf(stderr, "bench_agent: cannot start %s or %s\n", agent.c_str(), echo.c_str());
+    /* Round trips, agent and baseline deployed side by side in the same run. */
+    EactlSession a, e;
+    if (!deploy(&a, agent) || !deploy(&e, echo)) {
+        fprintf(stderr, "bench_agent: cannot deploy %s or %s\n", agent.c_str(), echo.c_str());
         return 1;
     }
-    double rtt_echo = ping_rtt(&e, pings);
-    double rtt_agent = ping_rtt(&a, pings);
-    long hwm_pings = status_kib(a.pid, "VmHWM");
+    double rtt_agent = -1, rtt_echo = -1, exec_agent = -1, exec_echo = -1;
+    const char* cmd = "echo benchmark";
+    if (!interleaved(ping_request, "hello", a.proto, e.proto, pings, &rtt_agent, &rtt_echo) ||
+        !interleaved(exec_request, cmd, a.proto, e.proto, execs, &exec_agent, &exec_echo)) {
+        fprintf(stderr, "bench_agent: a request failed\n");
+        return 1;
+    }
+    pid_t agent_pid = deployed_pid(&a);
+    long hwm_pings = status_kib(agent_pid, "VmHWM");
 
     /* Unknown procedures get no reply: send them, then sync with one ping. */
-    long rss_before = status_kib(a.pid, "VmRSS");
+    long rss_before = status_kib(agent_pid, "VmRSS");
     const char* unknown = "{\"ver\": 1, \"type\": 1, \"seq\": 1, \"fn\": 99, \"status\": 0, \"param\": {}}\n";
     for (int k = 0; k < pings; k++)
-        fputs(unknown, a.out);
-    fflush(a.out);
-    int sync_rc = ping(&a, "sync");
-    long rss_after = status_kib(a.pid, "VmRSS");
-    finish(&e);
-    finish(&a);
+        fputs(unknown, a.to_agent);
+    fflush(a.to_agent);
+    int sync_rc = ping(a.proto, "sync");
+    long rss_after = status_kib(agent_pid, "VmRSS");
+    int polls = 0;
+    double poll_us = status_rtt(&a, bindir + "kvxbackupvol-sim", &polls);
+    eactl_finish(&e);
+    eactl_finish(&a);
 
     /* Start-up to first ping reply vs. spawning /bin/true. */
     std::vector<double> t_agent, t_true;
     for (int k = 0; k < starts; k++) {
         double t0 = now_us();
         Peer p;
-        if (!spawn(&p, agent, work) || ping(&p, "first") != 0)
+        if (!spawn(&p, agent, work) || ping(p.proto, "first") != 0)
             return 1;
         t_agent.push_back(now_us() - t0);
         finish(&p);
@@ -199,10 +301,14 @@ int main(int argc, char** argv)
     nftw(tmpl, remove_entry, 16, FTW_DEPTH | FTW_PHYS);
 
     double ratio = rtt_echo > 0 ? rtt_agent / rtt_echo : 0;
+    double exec_ratio = exec_echo > 0 ? exec_agent / exec_echo : 0;
     printf("| measure | agent | baseline | ratio / target |\n");
     printf("|---|---|---|---|\n");
     printf("| ping round trip (%d pings) | %.1f us | %.1f us (Jansson echo server) | %.2fx (<= 1.5x) %s |\n",
            pings, rtt_agent, rtt_echo, ratio, ratio <= 1.5 ? "ok" : "MISSED");
+    printf("| message-mode exec round trip (%d x \"%s\") | %.0f us | %.0f us (popen+fread server) | %.2fx (<= 1.2x) %s |\n",
+           execs, cmd, exec_agent, exec_echo, exec_ratio, exec_ratio > 0 && exec_ratio <= 1.2 ? "ok" : "MISSED");
+    printf("| job status poll, live segment (%d polls) | %.1f us | | |\n", polls, poll_us);
     printf("| start-up to first ping reply (median of %d) | %.0f us | %.0f us (/bin/true) | %.1fx |\n",
            starts, median(t_agent), median(t_true), median(t_agent) / median(t_true));
     printf("| peak RSS after %d pings | %ld KiB | | <= 4096 KiB %s |\n", pings, hwm_pings,

@@ -1,7 +1,8 @@
 /*
- * bench_echo_server.cpp - the baseline for the ping benchmark: a minimal
- * line server that parses the same envelope with Jansson and answers a ping
- * the way the agent does (same framing, same reply shape), nothing else.
+ * bench_echo_server.cpp - the baselines for the round-trip benchmarks: a
+ * minimal line server that parses the same envelope with Jansson and answers
+ * with the agent's framing and reply shapes, nothing else: procedure 1 is
+ * echoed, procedure 3 runs the command with popen and one fread.
  */
 #include <jansson.h>
 #include <stdio.h>
@@ -24,9 +25,22 @@ int main()
         int seq = 0, fn = 0;
         const char* str = "";
         json_unpack(req, "{s:i, s:i, s:{s:s}}", "seq", &seq, "fn", &fn, "param", "str", &str);
-        json_t* rep = json_pack("{s:i, s:i, s:i, s:i, s:i, s:{s:s, s:i}}", "ver", 1, "type", 2,
-                                "seq", seq, "fn", fn, "status", 0, "param", "str", str, "sp",
-                                (int)time(NULL));
+        json_t* param;
+        if (fn == 3) {
+            char out[1024] = "";
+            size_t got = 0;
+            FILE* p = popen(str, "r");
+            if (p) {
+                got = fread(out, 1, sizeof(out) - 1, p);
+                pclose(p);
+            }
+            out[got] = '\0';
+            param = json_pack("{s:s, s:i, s:i}", "str", out, "retmsg_len", (int)got, "ret", 0);
+        } else {
+            param = json_pack("{s:s, s:i}", "str", str, "sp", (int)time(NULL));
+        }
+        json_t* rep = json_pack("{s:i, s:i, s:i, s:i, s:i, s:o}", "ver", 1, "type", 2, "seq", seq,
+                                "fn", fn, "status", 0, "param", param);
         char* text = json_dumps(rep, JSON_ENSURE_ASCII);
         if (text) {
             if (write(1, text, strlen(text) + 1) < 0 || write(1, "\n\n", 2) < 0)
