@@ -1,22 +1,40 @@
 #!/usr/bin/env bash
-# Builds the agent and runs the whole suite twice: a normal build and one with
-# AddressSanitizer and UndefinedBehaviorSanitizer (cases labelled "slow" are
-# left out of the sanitizer pass).
-set -euo pipefail
+# Builds the agent and runs the whole suite:
+#   1. normal build: every test, slow ones included;
+#   2. fuzzing: each libFuzzer target for a bounded time (scripts/fuzz.sh);
+#   3. the integration suite again against the static i386 agent
+#      (scripts/portable.sh);
+#   4. AddressSanitizer/UBSan build: every test but those labelled "slow".
+# Exits non-zero when any step fails; the last lines are CTest's summary.
+set -uo pipefail
 cd "$(dirname "$0")/.."
-bash scripts/setup.sh
+bash scripts/setup.sh || exit 1
 
 jobs=$(nproc 2>/dev/null || echo 2)
 status=0
+step() { echo; echo "==== $* ($(date +%T))"; }
 
-cmake -S . -B build -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
-cmake --build build -j"$jobs"
+step "normal build"
+cmake -S . -B build -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null || exit 1
+cmake --build build -j"$jobs" >/dev/null || { cmake --build build -j1 2>&1 | tail -40; exit 1; }
+step "tests, normal build"
 (cd build && ctest --output-on-failure -j"$jobs") || status=1
 
-cmake -S . -B build-asan -DCMAKE_BUILD_TYPE=Debug -DKVX_SANITIZE=ON >/dev/null
-cmake --build build-asan -j"$jobs"
+if [ -f scripts/fuzz.sh ]; then
+  step "fuzzing"
+  bash scripts/fuzz.sh || status=1
+fi
+if [ -f scripts/portable.sh ]; then
+  step "integration suite against the i386 agent"
+  bash scripts/portable.sh || status=1
+fi
+
+step "sanitizer build"
+cmake -S . -B build-asan -DCMAKE_BUILD_TYPE=Debug -DKVX_SANITIZE=ON >/dev/null || exit 1
+cmake --build build-asan -j"$jobs" >/dev/null || { cmake --build build-asan -j1 2>&1 | tail -40; exit 1; }
 export ASAN_OPTIONS=detect_leaks=1:abort_on_error=0:exitcode=86
 export UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1
+step "tests, sanitizer build (slow cases left out)"
 (cd build-asan && ctest --output-on-failure -j"$jobs" -LE slow) || status=1
 
 exit $status
