@@ -1,8 +1,4 @@
-# Log facility, plain execution, directories/paths/locks, shared memory and
-# the I/O redirection layer.
+# Log facility, plain execution, paths, locks, shared memory, the I/O layer.
 kvx_add_test(test_log SOURCES test_log.cpp)
 kvx_add_test(test_exec SOURCES test_exec.cpp)
-kvx_add_test(test_exec_ps SOURCES test_exec_ps.cpp LOCKS machine)
-kvx_add_test(test_paths SOURCES test_paths.cpp)
-kvx_add_test(test_paths_shm SOURCES test_paths_shm.cpp LOCKS machine)
-kvx_add_test(test_iolayer SOURCES test_iolayer.cpp)
+kvx_add_test(test_paths SOURCES test_paths.cpp LOCKS machine)

@@ -1,81 +1,40 @@
-/*
- * foundation_testkit.h - small helpers for the log, exec, paths and I/O
- * layer tests: private temp directories, file reading, running a check in
- * a fresh forked process (the library caches state per process), and a
- * process-wide test log.
- */
+// foundation_testkit.h - temp dirs, fresh-process checks, a process-wide test log.
 #ifndef FOUNDATION_TESTKIT_H
 #define FOUNDATION_TESTKIT_H
 
-#include <dirent.h>
-#include <stdio.h>
 #include <stdlib.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <filesystem>
 #include <fstream>
-#include <sstream>
-#include <string>
+#include <iterator>
 
 #include <gtest/gtest.h>
 
-#include "zellog.h"
+#include "zelutil.h"
 
 namespace fkit {
 
-/* A private directory under /tmp, removed with its contents. */
 struct TempDir {
-    std::string path;
-    TempDir()
-    {
-        char tmpl[] = "/tmp/kvx-foundation-XXXXXX";
-        char* p = mkdtemp(tmpl);
-        path = p != NULL ? p : "/tmp";
-    }
-    ~TempDir()
-    {
-        if (path.rfind("/tmp/kvx-foundation-", 0) == 0)
-            (void)!system(("rm -rf '" + path + "'").c_str());
-    }
-    std::string operator/(const std::string& name) const { return path + "/" + name; }
+    char path[32] = "/tmp/kvx-foundation-XXXXXX";
+    TempDir() { (void)!mkdtemp(path); }
+    ~TempDir() { std::error_code ec; std::filesystem::remove_all(path, ec); }
+    std::string operator/(const std::string& name) const { return path + ("/" + name); }
 };
 
 inline std::string ReadFile(const std::string& path)
 {
     std::ifstream in(path, std::ios::binary);
-    std::stringstream ss;
-    ss << in.rdbuf();
-    return ss.str();
+    return std::string(std::istreambuf_iterator<char>(in), {});
 }
 
-inline void WriteFile(const std::string& path, const std::string& text)
+inline long OpenFdCount()
 {
-    std::ofstream out(path, std::ios::binary | std::ios::trunc);
-    out << text;
+    return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
 }
 
-inline bool Exists(const std::string& path)
-{
-    return access(path.c_str(), F_OK) == 0;
-}
-
-/* Number of open descriptors of this process. */
-inline int OpenFdCount()
-{
-    int n = 0;
-    DIR* d = opendir("/proc/self/fd");
-    if (d == NULL)
-        return -1;
-    while (readdir(d) != NULL)
-        n++;
-    closedir(d);
-    return n;
-}
-
-/*
- * Runs fn in a forked child; gtest failures there are printed by the child
- * and turned into its exit status.  Returns 0 when every check passed.
- */
+// Runs fn in a forked child (the library caches per process); 0: all checks passed.
 template <class F>
 int InChild(F fn)
 {
@@ -84,39 +43,35 @@ int InChild(F fn)
     if (pid == 0) {
         fn();
         fflush(NULL);
-        _exit(::testing::Test::HasFailure() ? 1 : 0);
+        _exit(::testing::Test::HasFailure());
     }
-    int st = 0;
-    if (pid < 0 || waitpid(pid, &st, 0) != pid)
-        return -1;
-    return WIFEXITED(st) ? WEXITSTATUS(st) : 128 + WTERMSIG(st);
+    int st = -1;
+    waitpid(pid, &st, 0);
+    return st;
 }
 
-/*
- * The process-wide test log: configured once at level 6 in a private
- * directory, so library messages can be checked.  Only for test programs
- * that never need an unconfigured logger.
- */
+// The library's log at level 6 in a private directory.
 class TestLog : public ::testing::Environment {
 public:
     void SetUp() override
     {
-        ZELInitLogger((dir_ / "test.log").c_str(), 6);
-        /* open it now, so descriptor counts in the tests stay level */
-        ZELLogFunction(0, "test", __LINE__, "test log opened\n");
+        ZELInitLogger(path_.c_str(), 6);
+        ZELLogFunction(0, "test", __LINE__, "opened now: descriptor counts stay level\n");
     }
-    static std::string Path() { return dir_ / "test.log"; }
-    static std::string Text() { return ReadFile(Path()); }
-    /* Log text written after a mark taken with Size(). */
-    static size_t Size() { return Text().size(); }
-    static std::string Since(size_t mark)
+    static size_t Size() { return ReadFile(path_).size(); }
+    // How often text was logged after a mark taken with Size().
+    static int Count(size_t mark, const std::string& text)
     {
-        std::string t = Text();
-        return mark < t.size() ? t.substr(mark) : std::string();
+        std::string t = ReadFile(path_);
+        int n = 0;
+        for (size_t at = t.find(text, mark); at != std::string::npos; at = t.find(text, at + 1))
+            n++;
+        return n;
     }
 
 private:
     static inline TempDir dir_;
+    static inline std::string path_ = dir_ / "t.log";
 };
 
 }  // namespace fkit
