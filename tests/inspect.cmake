@@ -1,6 +1,4 @@
-# Machine inspection: VM and socket probes, HTTP client and metadata, GUIDs.
+# Machine inspection: VM and socket probes, GUIDs, HTTP client and metadata.
 kvx_add_test(test_vmdetect SOURCES test_vmdetect.cpp)
-kvx_add_test(test_http SOURCES test_http.cpp test_http_responder.cpp)
-kvx_add_test(test_http_slow SOURCES test_http_slow.cpp test_http_responder.cpp
-             LABELS slow TIMEOUT 180)
-kvx_add_test(test_uuid SOURCES test_uuid.cpp)
+kvx_add_test(test_http SOURCES test_http.cpp)
+kvx_add_test(test_http_slow SOURCES test_http_slow.cpp LABELS slow TIMEOUT 180)

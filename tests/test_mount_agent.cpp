@@ -1,240 +1,160 @@
 /*
- * test_mount_agent.cpp - procedure 4 end to end: local directories, NFS and
- * CIFS through the mount tool stubs, existing mounts, and mount points that
- * do not fit the reply.
+ * test_mount_agent.cpp - session location mounts: paths, CIFS options and
+ * fallbacks in process, then procedure 4 through the agent and mount stubs.
  */
 #include "test_mount_agent.h"
 
-#include <unistd.h>
+#include <sys/mount.h>
 
+#include "ea_svc.h"
 #include "zelmountentry.h"
 
-namespace {
-
-static bool contains(const std::string& text, const std::string& part)
+TEST(MountPaths, TrimSlashAndCifsUserSplit)
 {
-    return text.find(part) != std::string::npos;
-}
-
-static std::vector<std::string> lines_of(const std::string& text)
-{
-    std::vector<std::string> out;
-    std::istringstream in(text);
-    std::string line;
-    while (std::getline(in, line))
-        out.push_back(line);
-    return out;
-}
-
-TEST_F(MountAgent, LocalLocationNeedsItsParentAndIsReported)
-{
-    start();
-    std::string missing = h.root + "/backup/sess";
-    MountReply r = mount(missing, "", "", "");
-    ASSERT_EQ(0, r.rc);
-    EXPECT_EQ(1, r.ret);
-    EXPECT_EQ(0, r.len);
-    EXPECT_EQ("", r.str);
-    EXPECT_TRUE(contains(h.log(), "Session location parent directory " + h.root +
-                                      "/backup doesn't exist."));
-
-    mkdir((h.root + "/backup").c_str(), 0755);
-    r = mount(missing, "", "", "");
-    ASSERT_EQ(0, r.rc);
-    EXPECT_EQ(0, r.ret);
-    EXPECT_EQ(missing, r.str);
-    EXPECT_EQ((int)missing.size(), r.len);
-    EXPECT_TRUE(AgentHarness::exists(missing));
-    EXPECT_TRUE(AgentHarness::exists(zelroot)) << "the default mount point is made first";
-    EXPECT_TRUE(h.stub_calls("mount").empty());
-}
-
-struct NfsCase {
-    const char* name;
-    bool with_option;
-    bool default_point;
-    const char* args;      /* after "mount nfshost:/exp <point>" */
-};
-
-class MountAgentNfs : public MountAgent, public ::testing::WithParamInterface<NfsCase> {};
-
-TEST_P(MountAgentNfs, CommandLineCarriesTheEnvironmentsOptions)
-{
-    const NfsCase& c = GetParam();
-    if (c.with_option)
-        h.set_env("KVX_MOUNTOPTION", "vers=3");
-    start();
-    std::string used = c.default_point ? zelroot : point;
-    MountReply r = mount("nfshost:/exp", "", "", c.default_point ? "" : point);
-    ASSERT_EQ(0, r.rc);
-    EXPECT_EQ(0, r.ret);
-    EXPECT_EQ(used, r.str);
-    EXPECT_EQ((int)used.size(), r.len);
-    std::string cmd = "mount nfshost:/exp " + used + c.args;
-    EXPECT_EQ(std::vector<std::string>{cmd}, h.stub_calls("mount"));
-    EXPECT_TRUE(contains(h.log(), "Execute command [" + cmd + "] result: 0."));
-    EXPECT_TRUE(h.stub_calls("umount").empty());
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    Cases, MountAgentNfs,
-    ::testing::Values(NfsCase{"DefaultPointWithOption", true, true, " -w -o vers=3"},
-                      NfsCase{"WantedPointNoOption", false, false, " -w"}),
-    [](const ::testing::TestParamInfo<NfsCase>& i) { return std::string(i.param.name); });
-
-TEST_F(MountAgent, FailedNfsMountIsReportedWithoutWriteTest)
-{
-    control("mount", "exit", "32\n");
-    start();
-    MountReply r = mount("nfshost:/exp", "", "", point);
-    ASSERT_EQ(0, r.rc);
-    EXPECT_EQ(1, r.ret);
-    EXPECT_EQ("", r.str);
-    EXPECT_EQ(1u, h.stub_calls("mount").size());
-    EXPECT_TRUE(h.stub_calls("umount").empty());
-    EXPECT_TRUE(contains(h.log(), "result: 32."));
-}
-
-/* The kernel decides how many option strings are tried. */
-static bool new_kernel()
-{
-    int mainv = 0, subv = 0, patchv = 0;
-    return GetKernelVersion(&mainv, &subv, &patchv) == 0 && IsNewKernel(mainv, subv);
-}
-
-TEST_F(MountAgent, CifsFallsBackAndGivesPasswordOnlyOnStandardInput)
-{
-    if (!new_kernel())
-        GTEST_SKIP() << "fallback sequence of kernels from 3.7 on";
-    const std::string pwd = "Pa55-w0rd!";
-    control("mount.cifs", "exit", "32\n32\n0\n");
-    control("mount.cifs", "bind", src);
-    write_text(src + "/marker", "x");
-    h.set_env("KVX_SMBD_PORT", "4445");
-    start();
-
-    MountReply r = mount("//srv/share", "CORP\\backup", pwd, point);
-    ASSERT_EQ(0, r.rc);
-    EXPECT_EQ(0, r.ret);
-    EXPECT_EQ(point, r.str);
-    EXPECT_TRUE(AgentHarness::exists(point + "/marker")) << "share not mounted";
-
-    const std::string head = "mount.cifs //srv/share " + point + " -o rw,port=4445";
-    const std::string user = ",domainname=CORP,username=backup";
-    std::vector<std::string> want = {head + user, head + user + ",sec=ntlmssp",
-                                     head + user + ",vers=2.1"};
-    EXPECT_EQ(want, h.stub_calls("mount.cifs"));
-    EXPECT_EQ(std::vector<std::string>(3, pwd), lines_of(client_file("mount.cifs.stdin")));
-    EXPECT_TRUE(contains(h.log(), "Try cifs mount option:rw,port=4445" + user + ",vers=2.1"));
-    EXPECT_FALSE(contains(h.log(), pwd));
-    EXPECT_FALSE(contains(h.agent_stderr(), pwd));
-    EXPECT_FALSE(contains(client_file("mount.cifs.calls"), pwd));
-}
-
-struct CifsFailCase {
-    const char* name;
-    const char* option;    /* KVX_MOUNTOPTION, null = unset */
-    size_t attempts;
-    bool logged;
-};
-
-class MountAgentCifsFail : public MountAgent,
-                           public ::testing::WithParamInterface<CifsFailCase> {};
-
-TEST_P(MountAgentCifsFail, GivesUpAfterItsLastFallback)
-{
-    if (!new_kernel())
-        GTEST_SKIP() << "fallback sequence of kernels from 3.7 on";
-    const CifsFailCase& c = GetParam();
-    control("mount.cifs", "exit", "32\n");
-    if (c.option)
-        h.set_env("KVX_MOUNTOPTION", c.option);
-    start();
-    MountReply r = mount("//srv/share", "", "", point);
-    ASSERT_EQ(0, r.rc);
-    EXPECT_EQ(1, r.ret);
-    std::vector<std::string> calls = h.stub_calls("mount.cifs");
-    EXPECT_EQ(c.attempts, calls.size());
-    if (c.option && !calls.empty()) {
-        EXPECT_EQ("mount.cifs //srv/share " + point + " -o rw," + c.option, calls[0]);
+    const struct { const char* in; const char* out; } trims[] = {
+        { "///srv//data/", "//srv/data" }, { "/mnt/x//", "/mnt/x" }, { "/", "/" },
+        { "////", "//" }, { "", "" }, { "host://exp/", "host:/exp" }, { "a//b///c", "a/b/c" },
+    };
+    for (const auto& c : trims) {
+        SCOPED_TRACE(c.in);
+        char buf[64];
+        snprintf(buf, sizeof(buf), "%s", c.in);
+        EXPECT_EQ(trim_slash(buf), buf);
+        EXPECT_STREQ(buf, c.out);
     }
-    EXPECT_EQ(c.logged, contains(h.log(), "Fail to mount session location //srv/share"));
-    EXPECT_EQ(std::vector<std::string>(c.attempts, ""), lines_of(client_file("mount.cifs.stdin")));
+    EXPECT_EQ(trim_slash(NULL), nullptr);
+
+    const struct { const char* given; const char* domain; const char* user; } splits[] = {
+        { "CORP\\backup", "CORP", "backup" }, { "CORP/backup", "CORP", "backup" },
+        { "backup", "", "backup" }, { "\\backup", "", "\\backup" },
+        { "A/B\\c", "A", "B\\c" }, { "A\\B\\c", "A\\B", "c" }, { "CORP/", "CORP", "" },
+    };
+    for (const auto& c : splits) {
+        SCOPED_TRACE(c.given);
+        size_t domain_len = 99;
+        const char* user = SplitCifsUser(c.given, &domain_len);
+        EXPECT_EQ(std::string(c.given, domain_len), c.domain);
+        EXPECT_STREQ(user, c.user);
+    }
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Cases, MountAgentCifsFail,
-    ::testing::Values(CifsFailCase{"EveryFallback", nullptr, 4, true},
-                      CifsFailCase{"CallersSecIsFinal", "sec=krb5", 1, false}),
-    [](const ::testing::TestParamInfo<CifsFailCase>& i) { return std::string(i.param.name); });
-
-/* A mount of the location that the mount table shows, as NFS would. */
-static void premount(const std::string& location, const std::string& at)
+TEST(MountCifs, OptionStringsAndFallbacks)
 {
-    mkdir(at.c_str(), 0755);
-    ASSERT_EQ(0, mount(location.c_str(), at.c_str(), "tmpfs", 0, "size=1m"))
-        << strerror(errno);
+    const std::string u = ",domainname=CORP,username=backup";
+    const std::string p = "rw,port=4445,nocase,domainname=,username=backup,vers=3.0";
+    const std::string huge(5000, 'x');
+    const struct {
+        const char* name;
+        bool restore, new_kernel;
+        const char *port, *user, *extra;   /* KVX_SMBD_PORT, user, KVX_MOUNTOPTION */
+        bool rps;
+        std::vector<std::string> tried;
+        int end;                           /* 0 failure logged, -1 silent */
+    } cases[] = {
+        { "backup, kernel 3.7+", false, true, NULL, "CORP\\backup", NULL, false,
+          { "rw,cache=none" + u, "rw,cache=none" + u + ",sec=ntlmssp",
+            "rw,cache=none" + u + ",vers=2.1", "rw,cache=none" + u + ",sec=ntlmssp,vers=2.1" }, 0 },
+        { "backup, old kernel", false, false, NULL, "CORP/backup", NULL, false,
+          { "rw,directio" + u, "rw,directio" + u + ",sec=ntlmssp" }, 0 },
+        { "restore, old kernel, no user", true, false, NULL, NULL, NULL, false,
+          { "rw", "rw,sec=ntlmssp" }, 0 },
+        { "restore, port, share and extra options", true, true, "4445", "backup", "vers=3.0", true,
+          { p, p + ",sec=ntlmssp", p + ",vers=2.1", p + ",sec=ntlmssp,vers=2.1" }, 0 },
+        { "cut to the buffer", true, true, NULL, huge.c_str(), NULL, false,
+          std::vector<std::string>(4, ("rw,domainname=,username=" + huge).substr(0, 4095)), 0 },
+        { "caller's SEC= is final", false, true, NULL, "backup", "SEC=krb5", false,
+          { "rw,cache=none,domainname=,username=backup,SEC=krb5" }, -1 },
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        char opts[ZEL_MOUNT_BUF_SIZE];   /* exact size: ASan sees an overrun */
+        std::vector<std::string> tried;
+        int next = 1;
+        ASSERT_EQ(BuildCifsMountOptions(opts, sizeof(opts), c.restore, c.new_kernel, c.port, c.rps,
+                                        c.user, c.extra), 0);
+        for (int failed = 1; next == 1; failed++) {
+            tried.push_back(opts);
+            next = NextCifsMountOptions(opts, sizeof(opts), failed, c.new_kernel);
+        }
+        EXPECT_EQ(tried, c.tried);
+        EXPECT_EQ(next, c.end);
+    }
+    EXPECT_TRUE(!IsNewKernel(3, 6) && IsNewKernel(3, 7) && IsNewKernel(4, 0));
 }
 
-TEST_F(MountAgent, ExistingMountIsReplaced)
+TEST(MountService, UndecodedRequestIsAnsweredWithoutBeingRead)
 {
-    premount("nfshost:/exp", point);
-    control("mount", "bind", src);
-    write_text(src + "/marker", "x");
+    char buf[8] = "#######";
+    Mountres res = { 77, 77, buf };
+    EXPECT_EQ(mount_svc(NULL, &res), 0);
+    EXPECT_TRUE(res.ret == 1 && res.mount_point_len == 0 && buf[0] == '\0');
+    EXPECT_EQ(mount_svc(NULL, NULL), 0);
+}
+
+TEST_F(MountAgent, LocalAndNfsLocations)
+{
+    h.set_env("KVX_MOUNTOPTION", "vers=3");
     start();
-    MountReply r = mount("nfshost:/exp/", "", "", point + "/");
-    ASSERT_EQ(0, r.rc);
-    EXPECT_EQ(0, r.ret);
-    EXPECT_EQ(point + "/", r.str);
-    EXPECT_EQ(std::vector<std::string>{"umount " + point}, h.stub_calls("umount"));
-    EXPECT_EQ(std::vector<std::string>{"mount nfshost:/exp " + point + " -w"},
-              h.stub_calls("mount"));
-    EXPECT_EQ(1, mounts_on(point));
-    EXPECT_TRUE(AgentHarness::exists(point + "/marker"));
-}
+    const std::string local = h.root + "/backup/sess", nfs = " -w -o vers=3";
+    expect_mount(local, "", "", "", 1, "");
+    EXPECT_TRUE(logged("Session location parent directory " + h.root + "/backup doesn't exist."));
+    mkdir((h.root + "/backup").c_str(), 0755);
+    expect_mount(local, "", "", "", 0, local);
 
-TEST_F(MountAgent, ExistingMountIsReusedWhenItCannotBeUnmounted)
-{
-    premount("nfshost:/exp", point);
+    expect_mount("nfshost:/exp", "", "", "", 0, zelroot);
+    EXPECT_EQ(calls("mount"), Lines{ "mount nfshost:/exp " + zelroot + nfs });
+    EXPECT_TRUE(logged("Execute command [mount nfshost:/exp " + zelroot + nfs + "] result: 0."));
+    control("mount", "exit", "32\n0\n");   /* this call fails, the next succeeds */
+    expect_mount("nfshost:/exp", "", "", point, 1, "");
+    EXPECT_TRUE(logged("result: 32."));
+    EXPECT_EQ(calls("umount"), Lines{}) << "a failed mount has nothing to undo";
+
+    /* an existing mount is reused while it cannot be unmounted, else replaced */
+    ASSERT_EQ(mount("nfshost:/exp", point.c_str(), "tmpfs", 0, "size=1m"), 0);
     control("umount", "exit", "1\n");
-    start();
-    MountReply r = mount("nfshost:/exp", "", "", point);
-    ASSERT_EQ(0, r.rc);
-    EXPECT_EQ(0, r.ret);
-    EXPECT_EQ(point, r.str);
-    std::vector<std::string> want = {"umount " + point, "umount -fl " + point};
-    EXPECT_EQ(want, h.stub_calls("umount"));
-    EXPECT_TRUE(h.stub_calls("mount").empty());
-    EXPECT_TRUE(contains(h.log(), "Mount nfshost:/exp on " + point + " exists."));
-    EXPECT_TRUE(contains(h.log(), "Umount session location from " + point + " failed:1"));
-    EXPECT_EQ(1, mounts_on(point));
-}
-
-TEST_F(MountAgent, MountPointLongerThanTheReplyIsRefusedAndUndone)
-{
-    std::string deep = h.root;
-    while (deep.size() < 1100 - 101)
-        deep += "/" + std::string(100, 'd');
-    deep += "/" + std::string(1100 - deep.size() - 1, 'e');
-    std::string parent = deep.substr(0, deep.rfind('/'));
-    ASSERT_EQ(0, system(("mkdir -p " + parent).c_str()));
+    expect_mount("nfshost:/exp", "", "", point, 0, point);
+    EXPECT_EQ(calls("umount"), (Lines{ "umount " + point, "umount -fl " + point }));
+    EXPECT_TRUE(logged("Mount nfshost:/exp on " + point + " exists."));
+    EXPECT_TRUE(logged("Umount session location from " + point + " failed:1"));
+    control("umount", "exit", "0\n");
     control("mount", "bind", src);
-    start();
+    expect_mount("nfshost:/exp/", "", "", point + "/", 0, point + "/");
+    EXPECT_EQ(calls("umount"), Lines{ "umount " + point });
+    EXPECT_EQ(calls("mount"), Lines(2, "mount nfshost:/exp " + point + nfs));   /* failed, then this */
+    EXPECT_TRUE(AgentHarness::exists(point + "/marker"));
 
-    MountReply r = mount("nfshost:/exp", "", "", deep);
-    ASSERT_EQ(0, r.rc);
-    EXPECT_EQ(1, r.ret);
-    EXPECT_EQ(0, r.len);
-    EXPECT_EQ("", r.str);
-    EXPECT_EQ(1u, h.stub_calls("mount").size());
-    EXPECT_EQ(std::vector<std::string>{"umount " + deep}, h.stub_calls("umount"));
-    EXPECT_EQ(0, mounts_on(deep));
-    unmount_all(deep);
-
-    /* the agent is still serving */
-    r = mount(h.root, "", "", "");
-    EXPECT_EQ(0, r.rc);
-    EXPECT_EQ(0, r.ret);
+    /* a mount point too long for the reply is refused and its mount undone */
+    std::string deep = h.root;
+    control("mount", "exit", "0\n");
+    while (deep.size() < 1100)
+        mkdir((deep += "/" + std::string(100, 'd')).c_str(), 0755);
+    expect_mount("nfshost:/exp", "", "", deep, 1, "");
+    EXPECT_EQ(calls("mount").size(), 1u);
+    EXPECT_EQ(calls("umount"), Lines{ "umount " + deep });
+    EXPECT_FALSE(AgentHarness::exists(deep + "/marker"));
 }
 
-} /* namespace */
+TEST_F(MountAgent, CifsPasswordOnlyOnStandardInput)
+{
+    const std::string pwd = "Pa55-w0rd!";
+    h.set_env("KVX_SMBD_PORT", "4445");
+    h.set_env("KVX_MOUNTOPTION", "vers=3");
+    control("mount.cifs", "exit", "32\n0\n");
+    control("mount.cifs", "bind", src);
+    start();
+    expect_mount("//srv/share", "CORP\\backup", pwd, point, 0, point);
+    EXPECT_TRUE(AgentHarness::exists(point + "/marker"));
+    const std::string opts = "rw,port=4445,domainname=CORP,username=backup,vers=3";
+    const std::string cmd = "mount.cifs //srv/share " + point + " -o " + opts;
+    EXPECT_EQ(calls("mount.cifs"), (Lines{ cmd, cmd + ",sec=ntlmssp" }));
+    EXPECT_EQ(AgentHarness::read_file(h.client_dir + "/mount.cifs.stdin"), pwd + "\n" + pwd + "\n");
+    EXPECT_TRUE(logged("Try cifs mount option:" + opts + ",sec=ntlmssp"));
+
+    /* failing for good: every fallback (two on kernels before 3.7), then logged */
+    control("mount.cifs", "exit", "32\n");
+    expect_mount("//srv/share", "CORP/backup", pwd, h.root + "/other", 1, "");
+    EXPECT_GE(calls("mount.cifs").size(), 2u);
+    EXPECT_TRUE(logged("Fail to mount session location //srv/share"));
+    EXPECT_FALSE(logged(pwd));
+    EXPECT_EQ(h.agent_stderr().find(pwd), std::string::npos);
+}
