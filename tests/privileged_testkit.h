@@ -13,6 +13,7 @@
 #include <string.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <string>
@@ -77,6 +78,14 @@ public:
 private:
     static inline ScratchDir dir_;
 };
+
+/* Monotonic clock in seconds. */
+inline double Seconds()
+{
+    struct timespec ts;
+    clock_gettime(CLOCK_MONOTONIC, &ts);
+    return ts.tv_sec + ts.tv_nsec / 1e9;
+}
 
 inline int CountOf(const std::string& text, const std::string& what)
 {

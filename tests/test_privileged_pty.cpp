@@ -4,7 +4,6 @@
  */
 #include <signal.h>
 #include <string.h>
-#include <time.h>
 
 #include <gtest/gtest.h>
 
@@ -15,13 +14,6 @@ using ptk::PrivilegedEnv;
 
 static ::testing::Environment* const g_env =
     ::testing::AddGlobalTestEnvironment(new PrivilegedEnv);
-
-static double Seconds()
-{
-    struct timespec ts;
-    clock_gettime(CLOCK_MONOTONIC, &ts);
-    return ts.tv_sec + ts.tv_nsec / 1e9;
-}
 
 /* ---- prompt rules ---- */
 
@@ -136,9 +128,9 @@ TEST(PtyRunner, TimeoutEndsWaitAfterAboutTheGivenSeconds)
 {
     /* the terminal goes quiet at once (no descriptors on it), the child runs on */
     ptk::Argv argv({ "sh", "-c", "exec </dev/null >/dev/null 2>&1; sleep 30" });
-    double t0 = Seconds();
+    double t0 = ptk::Seconds();
     EXPECT_EQ(-8, ExecuteCmdInteractively(argv.get(), NULL, 1, 3, NULL, 0));
-    double took = Seconds() - t0;
+    double took = ptk::Seconds() - t0;
     EXPECT_GE(took, 2.5);
     EXPECT_LT(took, 8.0);
     ptk::ReapEnded();
@@ -184,9 +176,9 @@ TEST(PtyRunner, NonBlockingReturnsWithChildRunning)
     /* leaves the terminal at once, so the prompt phase ends without a prompt */
     ptk::Argv argv({ "sh", "-c", "trap '' HUP; exec </dev/null >/dev/null 2>&1; echo $$ > " +
                      pidFile + "; exec sleep 20" });
-    double t0 = Seconds();
+    double t0 = ptk::Seconds();
     EXPECT_EQ(0, ExecuteCmdInteractively(argv.get(), "pw", 0, -1, NULL, 0));
-    EXPECT_LT(Seconds() - t0, 5.0);
+    EXPECT_LT(ptk::Seconds() - t0, 5.0);
     pid_t child = ptk::WaitPidFile(pidFile);
     EXPECT_TRUE(ptk::ProcessAlive(child));
     ptk::KillAndReap(child);

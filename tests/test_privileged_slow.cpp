@@ -4,7 +4,6 @@
  * "Sorry, try again." arrives together with the next prompt and so is never
  * answered.  Each takes 30 to 50 seconds.
  */
-#include <time.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
@@ -23,21 +22,14 @@ static ::testing::Environment* const g_env =
 
 static const char* const kNoData = "ExecuteCmdInteractively: no data from tty output.\n";
 
-static double Seconds()
-{
-    struct timespec ts;
-    clock_gettime(CLOCK_MONOTONIC, &ts);
-    return ts.tv_sec + ts.tv_nsec / 1e9;
-}
-
 TEST(PtyRunnerSlow, NonBlockingReturnsWhenTerminalStaysQuiet)
 {
     std::string pidFile = PrivilegedEnv::Dir() / "quiet.pid";
     ptk::Argv argv({ "sh", "-c", "trap '' HUP; echo $$ > " + pidFile + "; exec sleep 60" });
     size_t mark = PrivilegedEnv::Mark();
-    double t0 = Seconds();
+    double t0 = ptk::Seconds();
     EXPECT_EQ(0, ExecuteCmdInteractively(argv.get(), "pw", 0, -1, NULL, 0));
-    double took = Seconds() - t0;
+    double took = ptk::Seconds() - t0;
     EXPECT_GE(took, 29.0);
     EXPECT_LT(took, 40.0);
     EXPECT_EQ(1, ptk::CountOf(PrivilegedEnv::Since(mark), kNoData));
@@ -50,9 +42,9 @@ TEST(PtyRunnerSlow, BlockingQuietTerminalLogsSixteenTimesThenWaits)
 {
     ptk::Argv argv({ "sleep", "60" });
     size_t mark = PrivilegedEnv::Mark();
-    double t0 = Seconds();
+    double t0 = ptk::Seconds();
     EXPECT_EQ(-8, ExecuteCmdInteractively(argv.get(), "pw", 1, 2, NULL, 0));
-    double took = Seconds() - t0;
+    double took = ptk::Seconds() - t0;
     EXPECT_GE(took, 31.0);
     EXPECT_LT(took, 45.0);
     std::string log = PrivilegedEnv::Since(mark);
@@ -65,9 +57,9 @@ TEST(SuSlow, NothingPrintedWithin30SecondsIsMinusFive)
 {
     /* as root su asks nothing, and the command prints nothing */
     size_t mark = PrivilegedEnv::Mark();
-    double t0 = Seconds();
+    double t0 = ptk::Seconds();
     EXPECT_EQ(-5, SuperExecuteCmdEx("root", "", "sleep 45", 1, -1, NULL, 0));
-    EXPECT_GE(Seconds() - t0, 29.0);
+    EXPECT_GE(ptk::Seconds() - t0, 29.0);
     EXPECT_NE(std::string::npos,
               PrivilegedEnv::Since(mark).find("SuperExecuteCmdEx: no data from tty output.\n"));
     sleep(1);
