@@ -1,8 +1,9 @@
 #!/usr/bin/env bash
 # Builds the libFuzzer targets into build-fuzz and fuzzes each one for a
-# bounded time on a copy of its seed corpus.  Prints one line per target
-# with its number of executions; exits non-zero on any crash, leak,
-# timeout or sanitizer report.  Corpora, crash artifacts and logs stay
+# bounded time on a copy of its seed corpus, with its dictionary from
+# fuzz/dict when there is one.  Prints one line per target with its number
+# of executions; exits non-zero on any crash, leak, timeout or sanitizer
+# report.  Corpora, crash artifacts and logs stay
 # under build-fuzz/run/<target>.
 #
 # Usage: scripts/fuzz.sh [seconds per target] [target...]
@@ -57,11 +58,15 @@ for t in "${targets[@]}"; do
     continue
   fi
   cp "$root/fuzz/corpus/$t"/* "$run/corpus/"
+  dict=()
+  if [ -f "$root/fuzz/dict/$t.dict" ]; then
+    dict=(-dict="$root/fuzz/dict/$t.dict")
+  fi
 
   start=$(date +%s)
   (cd "$run" && TMPDIR="$run/tmp" "$build/bin/$t" \
       -max_total_time="$seconds" -timeout=10 -rss_limit_mb=2048 \
-      -max_len="$(max_len_of "$t")" -print_final_stats=1 \
+      -max_len="$(max_len_of "$t")" -print_final_stats=1 "${dict[@]}" \
       -artifact_prefix="$run/artifacts/" "$run/corpus" >"$run/fuzz.log" 2>&1)
   rc=$?
   took=$(( $(date +%s) - start ))
