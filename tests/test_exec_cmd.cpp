@@ -1,160 +1,77 @@
-/*
- * Procedure 3 end to end: message mode, wait mode, the job id in the
- * environment, the capture and command buffer limits, and requests whose
- * arguments do not decode.
- */
+/* Procedure 3 through one agent: output leaking into the protocol stream, or a
+ * background child serving requests, breaks the rows after it. */
+#include <tuple>
+
 #include <gtest/gtest.h>
 
 #include "test_exec_cmd_client.h"
 
 namespace {
 
-class ExecCmd : public ::testing::Test {
-protected:
-    void SetUp() override { ASSERT_TRUE(h.start()) << "kvx_ea could not be started"; }
-    AgentBox box;
-    AgentHarness& h = *box;
-};
-
 struct ModeCase {
-    const char* name;
-    const char* cmd;
-    bool msg_mode;
+    std::string cmd;
+    bool msg, block;
     int ret;
-    const char* str;
+    std::string str;
+    int jobid = 0;
+    const char* pwd = "";
 };
 
-/* Every row runs in the same agent, so a row whose output leaked into the
- * protocol stream would break the rows after it. */
-const ModeCase kModeCases[] = {
-    {"message returns output", "echo hello", true, 0, "hello\n"},
-    {"message silent success fails", "true", true, 1, "fread return 0!"},
-    {"message exit before output fails", "exit 3", true, 1, "fread return 0!"},
-    {"message output wins over exit code", "printf 'x\\n'; exit 3", true, 0, "x\n"},
-    {"message stderr not captured", "echo out; echo err >&2", true, 0, "out\n"},
-    {"wait success", "true", false, 0, "no return"},
-    {"wait failure", "false", false, 1, "no return"},
-    {"wait output discarded", "sh -c 'echo noise; echo more >&2'", false, 0, "no return"},
-    {"wait signal is failure", "kill -9 $$", false, 1, "no return"},
+const ModeCase kModes[] = {
+    {"echo hello", true, false, 0, "hello\n"},
+    {"true", true, false, 1, "fread return 0!"},
+    {"printf 'x\\n'; exit 3", true, false, 0, "x\n"},
+    {"echo out; echo err >&2", true, false, 0, "out\n"},
+    {"head -c 5000 /dev/zero | tr '\\000' a", true, false, 0, std::string(1024, 'a')},
+    {"sh -c 'echo visible; echo err >&2'", false, true, 0, "create child process successfully!"},
+    {"false", false, false, 1, "no return"},
+    {"sh -c 'echo noise; echo more >&2'", false, false, 0, "no return"},
+    {"kill -9 $$", false, false, 1, "no return"},
+    /* cut inside the padding: the final "exit 7" never runs */
+    {"true; : " + std::string(1100, 'p') + "; exit 7", false, false, 0, "no return"},
+    {"true", false, false, 0, "no return", 0, "Sekr3t-pw"},
+    {"echo \"$jobID\"", true, false, 0, "42\n", 42},
+    {"echo \"$jobID\"", true, false, 0, "-7\n", -7},
 };
 
-TEST_F(ExecCmd, MessageAndWaitModesAnswerAsTheServerExpects)
+/* procedure, "param" ("" for none), a field of the reply and its value */
+const std::tuple<int, const char*, const char*, int> kBadArgs[] = {
+    {EA_PROC_EXEC_CMD, "\"not an object\"", "ret", 1},
+    {EA_PROC_EXEC_CMD, "", "ret", 1},
+    {EA_PROC_EXEC_CMD, "{\"str\": \"true\"}", "retmsg_len", 17},
+    {EA_PROC_VMDETECT, "[]", "local", 0},
+    {EA_PROC_CHECK_MACHINE, "17", "ret", -1},
+};
+
+TEST(ExecCmd, ModesAnswerAsTheServerExpects)
 {
-    for (const ModeCase& c : kModeCases) {
-        SCOPED_TRACE(c.name);
-        ExecRequest rq;
-        rq.cmd = c.cmd;
-        rq.msg_mode = c.msg_mode;
-        ExecReply r = exec_cmd(h, rq);
-        ASSERT_EQ(0, r.rc);
-        EXPECT_EQ(c.ret, r.ret);
-        EXPECT_EQ(c.str, r.str);
-        EXPECT_EQ((int)strlen(c.str), r.len);
+    AgentHarness h;
+    ASSERT_TRUE(h.start());
+    for (const ModeCase& c : kModes) {
+        SCOPED_TRACE(c.cmd.substr(0, 40));
+        Reply r = rpc(h, EA_PROC_EXEC_CMD, exec_args(c.cmd, c.msg, c.block, c.jobid, "", c.pwd));
+        ASSERT_TRUE(r) << h.agent_stderr();
+        EXPECT_EQ(c.ret, num(r, "ret"));
+        EXPECT_EQ(c.str, text(r, "str"));
+        EXPECT_EQ((long long)c.str.size(), num(r, "retmsg_len"));
     }
-}
-
-TEST_F(ExecCmd, EveryRequestSetsJobIdForItsCommands)
-{
-    for (int jobid : {42, 0, -7}) {
-        SCOPED_TRACE(jobid);
-        ExecRequest rq;
-        rq.cmd = "echo \"$jobID\"";
-        rq.msg_mode = true;
-        rq.jobid = jobid;
-        ExecReply r = exec_cmd(h, rq);
-        ASSERT_EQ(0, r.rc);
-        EXPECT_EQ(std::to_string(jobid) + "\n", r.str);
+    for (const auto& [fn, param, key, value] : kBadArgs) {
+        SCOPED_TRACE(std::to_string(fn) + " " + param);
+        Reply r = rpc(h, fn, param);
+        ASSERT_TRUE(r) << h.agent_stderr();
+        EXPECT_EQ(0, json_integer_value(json_object_get(r.get(), "status")));
+        EXPECT_EQ(value, num(r, key));
     }
-    EXPECT_NE(std::string::npos, h.log().find("exec_cmd_svc: Current JOB ID is: -7"));
-}
+    EXPECT_EQ("invalid argument!", text(rpc(h, EA_PROC_EXEC_CMD, ""), "str"));
 
-TEST_F(ExecCmd, MessageOutputIsCutToOneRead)
-{
-    ExecRequest rq;
-    rq.cmd = "head -c 5000 /dev/zero | tr '\\000' a";
-    rq.msg_mode = true;
-    ExecReply r = exec_cmd(h, rq);
-    ASSERT_EQ(0, r.rc);
-    EXPECT_EQ(0, r.ret);
-    EXPECT_EQ(1024, r.len);
-    EXPECT_EQ(std::string(1024, 'a'), r.str);
-}
-
-TEST_F(ExecCmd, WaitModeCutsLongCommandLines)
-{
-    /* Cut inside the padding, the final "exit 7" is never run. */
-    ExecRequest rq;
-    rq.cmd = "true; : " + std::string(1100, 'p') + "; exit 7";
-    ExecReply r = exec_cmd(h, rq);
-    ASSERT_EQ(0, r.rc);
-    EXPECT_EQ(0, r.ret);
-    EXPECT_EQ("no return", r.str);
-
-    rq.cmd = "true; : " + std::string(900, 'p') + "; exit 7";
-    r = exec_cmd(h, rq);
-    ASSERT_EQ(0, r.rc);
-    EXPECT_EQ(1, r.ret);
-}
-
-TEST_F(ExecCmd, LogShowsPasswordLengthOnly)
-{
-    ExecRequest rq;
-    rq.cmd = "true";
-    rq.passwd = "Sekr3t-pw";
-    rq.sudoflag = 0;
-    exec_cmd(h, rq);   /* as root: runs directly, the password is unused */
+    sleep(2);   /* the background child has run its command and ended */
+    h.close_input();
+    EXPECT_EQ(0, h.wait_exit(10));
     std::string log = h.log();
-    EXPECT_NE(std::string::npos,
-              log.find("cmd=true, msg_mode=0, block_mode=0, sudo_flag=0, user=, pwd=9."));
+    EXPECT_EQ(1, log_count(log, "svc_main", 374, "incomming connection is closed"));
+    EXPECT_EQ(1, log_count(log, "ea_svc", 197, "exec_cmd_svc: Current JOB ID is: -7"));
+    EXPECT_EQ(1, log_count(log, "ea_svc", 199, "sudo_flag=0, user=, pwd=9."));
     EXPECT_EQ(std::string::npos, log.find("Sekr3t-pw"));
-}
-
-struct NullParamCase {
-    int fn;
-    const char* param;   /* JSON text of "param", or null to leave it out */
-};
-
-const NullParamCase kNullParamCases[] = {
-    {EA_PROC_EXEC_CMD, "\"not an object\""},
-    {EA_PROC_EXEC_CMD, nullptr},
-    {EA_PROC_EXEC_CMD, "{\"str\": \"true\"}"},
-    {EA_PROC_VMDETECT, "[]"},
-    {EA_PROC_CHECK_MACHINE, "17"},
-};
-
-TEST_F(ExecCmd, UndecodableArgumentsAreAnsweredAndServingGoesOn)
-{
-    int seq = 900;
-    for (const NullParamCase& c : kNullParamCases) {
-        SCOPED_TRACE(std::string("fn ") + std::to_string(c.fn) + " param " +
-                     (c.param ? c.param : "(none)"));
-        std::string line = "{\"ver\": 1, \"type\": 1, \"seq\": " + std::to_string(++seq) +
-                           ", \"fn\": " + std::to_string(c.fn) + ", \"status\": 0";
-        if (c.param)
-            line += std::string(", \"param\": ") + c.param;
-        line += "}";
-        json_t* reply = raw_call(h, line);
-        ASSERT_NE(nullptr, reply) << "no reply; agent stderr: " << h.agent_stderr();
-        EXPECT_EQ(seq, json_integer_value(json_object_get(reply, "seq")));
-        EXPECT_EQ(0, json_integer_value(json_object_get(reply, "status")));
-        json_t* param = json_object_get(reply, "param");
-        if (c.fn == EA_PROC_EXEC_CMD) {
-            EXPECT_EQ(1, json_integer_value(json_object_get(param, "ret")));
-            EXPECT_STREQ("invalid argument!", json_string_value(json_object_get(param, "str")));
-            EXPECT_EQ(17, json_integer_value(json_object_get(param, "retmsg_len")));
-        } else if (c.fn == EA_PROC_CHECK_MACHINE) {
-            EXPECT_EQ(-1, json_integer_value(json_object_get(param, "ret")));
-            EXPECT_EQ(0, json_integer_value(json_object_get(param, "retmsg_len")));
-        } else {
-            EXPECT_EQ(0, json_integer_value(json_object_get(param, "local")));
-            EXPECT_NE(nullptr, json_object_get(param, "type"));
-        }
-        json_decref(reply);
-    }
-    ExecRequest rq;
-    rq.cmd = "echo alive";
-    rq.msg_mode = true;
-    EXPECT_EQ("alive\n", exec_cmd(h, rq).str);
 }
 
 } /* namespace */

@@ -1,142 +1,84 @@
-/*
- * The job procedures through the real agent, with the simulated backup
- * program started in the background as the server starts the real one:
- * progress while it runs, its activity events delivered once, its job
- * result intact, and the failure path that uninstalls the driver.
- */
-#include <string.h>
-#include <unistd.h>
-
-#include <map>
-#include <sstream>
-#include <string>
-#include <vector>
+/* Procedures 2, 5 and 6 through the agent, with the simulated backup program
+ * started in the background as the server starts the real one. */
+#include <sys/stat.h>
 
 #include <gtest/gtest.h>
 
-#include "test_jobdata_agent.h"
+#include "test_exec_cmd_client.h"
 
 namespace {
 
-/* Fields of the packed records are compared by value (unary +): a reference
- * to one may be misaligned. */
-
-const UINT64 SIM_BASE_KIB = 5ULL << 30;   /* the simulator's 5 TiB, in KiB */
-
-/* Lines of text, each counted. */
-std::map<std::string, int> count_lines(const std::string& text)
+/* Starts the simulator and polls until it has ended; the events of every poll
+ * are appended to events, the last reply returned. */
+Reply run_job(AgentHarness& h, const std::string& args, std::string& events, int& running)
 {
-    std::map<std::string, int> n;
-    std::istringstream in(text);
-    std::string line;
-    while (std::getline(in, line))
-        n[line]++;
-    return n;
+    Reply r = rpc(h, EA_PROC_EXEC_CMD, exec_args("kvxbackupvol " + args, false, true));
+    EXPECT_EQ("create child process successfully!", text(r, "str"));
+    long long last_fin = 0;
+    for (int i = 0; i < 30; i++, running++, sleep(1)) {
+        r = rpc(h, EA_PROC_JOBSTATUS, "{\"id\": 0}", 90000);
+        std::string act = text(r, "act_log");
+        events += act;
+        EXPECT_EQ(act.empty() ? 0 : (long long)act.size() + 1, num(r, "act_size"));
+        if (num(r, "sts") != 1)
+            break;
+        EXPECT_EQ("1 2 /dev/simdisk0", std::to_string(num(r, "typ")) + " " +
+                                           std::to_string(num(r, "stg")) + " " + text(r, "vol.name"));
+        EXPECT_GE(num(r, "dt_fin"), std::max(last_fin, 5LL << 30)) << "KiB above 2^32, growing";
+        EXPECT_LE(num(r, "vol.dt_all"), 100);
+        EXPECT_EQ(1, num(r, "stat.valid"));
+        EXPECT_EQ(num(r, "dt_fin") << 10, num(r, "stat.total_data"));
+        last_fin = num(r, "dt_fin");
+    }
+    return r;
 }
 
-class JobAgent : public ::testing::Test {
-protected:
+TEST(JobAgent, ProgressEventsResultAndFailureReachServer)
+{
     AgentHarness h;
-    void SetUp() override
-    {
-        h.install_simulator();
-        h.add_stub("driverinstall");
-        ASSERT_TRUE(h.start());
+    h.install_simulator();
+    h.add_stub("driverinstall");
+    const std::string logs = h.work_dir + "/logs/";
+    mkdir(logs.c_str(), 0755);   /* before the agent's own log makes it */
+    ASSERT_TRUE(h.start());
+    for (size_t n : {10, 40000}) {   /* read at most 32 KiB, cut and removed */
+        AgentHarness::write_file(logs + "linuxkvxactivity.log", std::string(n - 1, 'a') + "\n");
+        Reply r = rpc(h, EA_PROC_AGENTLOG, "");
+        EXPECT_EQ(std::min(n + 1, (size_t)32768), (size_t)num(r, "size"));
+        EXPECT_EQ(std::min(n, (size_t)32767), text(r, "ActivityLogs").size());
+        EXPECT_FALSE(AgentHarness::exists(logs + "linuxkvxactivity.log"));
     }
-};
-
-TEST_F(JobAgent, BackupProgressEventsAndResultReachServer)
-{
-    ASSERT_EQ(start_background(h, "kvxbackupvol --seconds 6 --exit 0"), 0);
-
     std::string events;
-    int running_polls = 0;
-    UINT64 last_fin = 0;
-    StatusReply st;
-    for (int i = 0; i < 30; i++) {
-        st = poll_status(h);
-        ASSERT_EQ(st.rc, 0);
-        events += st.act_log;
-        if (st.act_size != 0) {
-            EXPECT_EQ(st.act_size, st.act_log.size() + 1);
-        }
-        if (st.res.sts == 10)
-            break;
-        running_polls++;
-        EXPECT_EQ(+st.res.sts, 1u);
-        EXPECT_EQ(+st.res.typ, 1u);
-        EXPECT_EQ(+st.res.stg, 2u);
-        EXPECT_STREQ(st.res.vol.name, "/dev/simdisk0");
-        EXPECT_GE(+st.res.dt_fin, SIM_BASE_KIB) << "a KiB count above 2^32";
-        EXPECT_GE(+st.res.dt_fin, last_fin);
-        EXPECT_LE(+st.res.vol.dt_all, 100u);
-        EXPECT_EQ(+st.res.job_statistic.DataIsValid, 1);
-        EXPECT_EQ(+st.res.job_statistic.TotalDataSize, st.res.dt_fin << 10);
-        last_fin = st.res.dt_fin;
-        sleep(1);
-    }
-    EXPECT_GE(running_polls, 2);
-    EXPECT_EQ(+st.res.sts, 10u);
-    EXPECT_EQ(+st.res.stg, 1u);
+    int running = 0;
+    Reply st = run_job(h, "--seconds 4 --exit 0", events, running);
+    EXPECT_GE(running, 2);
+    EXPECT_EQ(10, num(st, "sts"));
+    EXPECT_EQ(1, num(st, "stg"));
 
-    AgentLogReply lg = fetch_activity_log(h);
-    ASSERT_EQ(lg.rc, 0);
-    events += lg.text;
-    std::map<std::string, int> lines = count_lines(events);
-    EXPECT_EQ(lines["1 0 kvxbackupvol: started"], 1) << events;
-    for (int k = 1; k <= 6; k++)
-        EXPECT_EQ(lines["1 0 kvxbackupvol: step " + std::to_string(k) + " of 6"], 1) << events;
-    EXPECT_EQ(lines["1 0 kvxbackupvol: finished"], 1) << events;
-    EXPECT_EQ(lines.size(), 8u) << events;
-    lg = fetch_activity_log(h);
-    EXPECT_EQ(lg.size, 0);
-    EXPECT_EQ(lg.text, "");
+    events += text(rpc(h, EA_PROC_AGENTLOG, ""), "ActivityLogs");
+    std::string want = "1 0 kvxbackupvol: started\n";
+    for (int k = 1; k <= 4; k++)
+        want += "1 0 kvxbackupvol: step " + std::to_string(k) + " of 4\n";
+    EXPECT_EQ(want + "1 0 kvxbackupvol: finished\n", events) << "each event once, in order";
+    EXPECT_EQ(0, num(rpc(h, EA_PROC_AGENTLOG, ""), "size")) << "no file: nothing";
 
-    JOB_RESULT r = {};
-    ASSERT_EQ(fetch_job_result(h, r), 0);
-    EXPECT_EQ(+r.processed_data_read, 0x123456789AULL);
-    EXPECT_EQ(+r.throughput_read, 3000u);
-    EXPECT_EQ(+r.processed_data_write, 0xFEDCBA9876ULL);
-    EXPECT_EQ(+r.throughput_write, 123456u);
-    EXPECT_EQ(+r.recovery_count, 7u);
-    EXPECT_EQ(+r.protected_data, (1ULL << 40) + 5);
-    EXPECT_STREQ(r.sessionNo, "S0000042");
-    EXPECT_STREQ(r.sessionGuid, "0f0e0d0c-0b0a-4908-8706-050403020100");
-    EXPECT_FALSE(AgentHarness::exists(h.work_dir + "/logs/linuxkvxjobres"));
-
-    memset(&r, 0x33, sizeof(r));
-    ASSERT_EQ(fetch_job_result(h, r), 0);
-    EXPECT_EQ(+r.processed_data_read, 0u) << "delivered once";
-    EXPECT_STREQ(r.sessionNo, "");
-
+    Reply res = rpc(h, EA_PROC_JOBRESULT, "");
+    EXPECT_EQ(0x123456789ALL, num(res, "proc_data_r"));
+    EXPECT_EQ(0xFEDCBA9876LL, num(res, "proc_data_w"));
+    EXPECT_EQ((1LL << 40) + 5, num(res, "protect_data"));
+    EXPECT_EQ("S0000042", text(res, "session"));
+    EXPECT_FALSE(AgentHarness::exists(logs + "linuxkvxjobres"));
+    AgentHarness::write_file(logs + "linuxkvxjobres", std::string(50, 'A'));
+    res = rpc(h, EA_PROC_JOBRESULT, "");
+    EXPECT_EQ("0 ", std::to_string(num(res, "proc_data_r")) + " " + text(res, "session"));
+    EXPECT_FALSE(AgentHarness::exists(logs + "linuxkvxjobres"));
+    EXPECT_EQ(1, log_count(h.log(), "zelfunc", 2362, "return:50, not equal expected:105."));
     EXPECT_TRUE(h.stub_calls("driverinstall").empty());
-}
 
-TEST_F(JobAgent, FailedBackupReportsStageThreeAndUninstallsDriver)
-{
-    ASSERT_EQ(start_background(h, "kvxbackupvol --seconds 1 --exit 5"), 0);
-    StatusReply st;
-    for (int i = 0; i < 30; i++) {
-        st = poll_status(h);
-        ASSERT_EQ(st.rc, 0);
-        if (st.res.sts == 10)
-            break;
-        sleep(1);
-    }
-    EXPECT_EQ(+st.res.sts, 10u);
-    EXPECT_EQ(+st.res.stg, 3u);
-    std::vector<std::string> calls = h.stub_calls("driverinstall");
-    ASSERT_EQ(calls.size(), 1u);
-    EXPECT_EQ(calls[0], "driverinstall -u");
-}
-
-TEST_F(JobAgent, NoProgramAnswersFinishedAtOnce)
-{
-    StatusReply st = poll_status(h, 5000);
-    ASSERT_EQ(st.rc, 0);
-    EXPECT_EQ(+st.res.sts, 10u);
-    EXPECT_EQ(+st.res.stg, 1u);
-    EXPECT_EQ(st.act_size, 0u);
+    st = run_job(h, "--seconds 1 --exit 5", events, running);
+    EXPECT_EQ(10, num(st, "sts"));
+    EXPECT_EQ(3, num(st, "stg"));
+    EXPECT_EQ(std::vector<std::string>{"driverinstall -u"}, h.stub_calls("driverinstall"));
 }
 
 } // namespace
