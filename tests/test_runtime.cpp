@@ -1,183 +1,106 @@
-/*
- * The service loop seen from the server: replies, ping, unknown procedures,
- * lines that are not envelopes, undecodable arguments and a normal end of
- * input.  Every case drives a staged kvx_ea over its standard input/output.
- */
+// The agent as the server sees it: the service loop, its end, and the
+// cleanup after a stop signal, each through a staged kvx_ea.
+#include <signal.h>
 #include <time.h>
-#include <unistd.h>
 
-#include <string>
-
-#include <gtest/gtest.h>
-#include <jansson.h>
-
-#include "agent_harness.h"
 #include "test_runtime_support.h"
 
 namespace {
-
-class Loop : public ::testing::Test {
-protected:
-    HarnessPtr hp{new AgentHarness};
-    AgentHarness& h = *hp;
-
-    void SetUp() override { ASSERT_TRUE(h.start()); }
-
-    json_t* ask(int seq, int fn, const std::string& param)
-    {
-        h.send_raw(request_line(seq, fn, param));
-        return read_reply(h, 15000);
-    }
-
-    /* A ping answered with its own seq proves the loop is still serving. */
-    void expect_serving(int seq)
-    {
-        json_t* r = ask(seq, 1, "{\"str\": \"still here\"}");
-        ASSERT_NE(r, nullptr) << "agent stopped serving; stderr: " << h.agent_stderr();
-        EXPECT_EQ(json_integer_value(json_object_get(r, "seq")), seq);
-        json_decref(r);
-    }
-};
 
 int int_of(json_t* obj, const char* key)
 {
     return (int)json_integer_value(json_object_get(obj, key));
 }
 
-std::string ping_text(json_t* reply)
+// One session, lines in order.  A request left unanswered must leave the
+// next reply on the wire to the next answered one.
+TEST(Loop, AnswersWhatDecodesSkipsTheRestThenEndsCleanly)
 {
-    json_t* s = json_object_get(json_object_get(reply, "param"), "str");
-    return json_is_string(s) ? json_string_value(s) : "<not a string>";
-}
-
-/* The reply header echoes seq and fn; the ping echo is cut to 1023 bytes;
- * "sp" is the agent's clock. */
-TEST_F(Loop, PingReplyEchoesSeqFnAndText)
-{
-    struct Case {
-        int seq;
-        std::string str, echo;
-    } cases[] = {
-        {1, "hello", "hello"},
-        {2147483647, "", ""},
-        {-4, "caf\xc3\xa9 \"quoted\"", "caf\xc3\xa9 \"quoted\""},
-        {9, std::string(1023, 'a'), std::string(1023, 'a')},
-        {10, std::string(3000, 'b'), std::string(1023, 'b')},
+    struct {
+        int seq, fn;
+        std::string param, echo;   // echo: of procedure 1, cut to 1023 bytes
+        bool answered;
+    } steps[] = {
+        {1, 1, "{\"str\": \"hello\", \"sp\": 5}", "hello", true},
+        {2147483647, 1, "{\"str\": \"caf\xc3\xa9 \\\"q\\\"\"}", "caf\xc3\xa9 \"q\"", true},
+        {-4, 1, "{\"str\": \"" + std::string(3000, 'b') + "\"}", std::string(1023, 'b'), true},
+        {5, 9, "{\"str\": \"x\"}", "", false},
+        {7, -7, "", "", false},
+        // Arguments that do not decode reach the handler as a null record.
+        {8, 1, "", "", true},
+        {9, 1, "{\"str\": 5}", "", true},
+        {11, 3, "\"ls\"", "", true},
+        {12, 4, "7", "", true},
     };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.seq);
-        json_t* param = json_pack("{s:s,s:i}", "str", c.str.c_str(), "sp", 12345);
-        char* text = json_dumps(param, 0);
+    AgentHarness h;
+    stage_node(h);
+    ASSERT_TRUE(h.start());
+    // Five lines that are no envelope: empty, not JSON, an array, a string
+    // version, an unterminated object.
+    h.send_raw("\ngarbage\n[1, 2]\n{\"ver\": \"1\", \"type\": 1, \"seq\": 1, \"fn\": 1, \"status\": 0}\n"
+               "{\"ver\": 1, \"type\": 1, \"seq\": 1, \"fn\": 1, \"status\": 0, \"param\": {");
+    for (const auto& s : steps) {
+        SCOPED_TRACE(s.seq);
         time_t before = time(NULL);
-        json_t* r = ask(c.seq, 1, text);
-        time_t after = time(NULL);
-        free(text);
-        json_decref(param);
-        ASSERT_NE(r, nullptr);
-        EXPECT_EQ(int_of(r, "ver"), 1);
-        EXPECT_EQ(int_of(r, "type"), 2);
-        EXPECT_EQ(int_of(r, "seq"), c.seq);
-        EXPECT_EQ(int_of(r, "fn"), 1);
-        EXPECT_EQ(int_of(r, "status"), 0);
-        EXPECT_EQ(ping_text(r), c.echo);
-        int sp = int_of(json_object_get(r, "param"), "sp");
-        EXPECT_GE(sp, before);
-        EXPECT_LE(sp, after);
-        json_decref(r);
-    }
-}
-
-TEST_F(Loop, UnknownProcedureIsLoggedAndNotAnswered)
-{
-    const int fns[] = {0, 9, -1, 1000};
-    int seq = 100;
-    for (int fn : fns) {
-        SCOPED_TRACE(fn);
-        h.send_raw(request_line(seq++, fn, "{\"str\": \"x\"}"));
-        /* The next reply on the wire must be the ping's, not the unknown call's. */
-        expect_serving(seq++);
-        EXPECT_EQ(log_count(h.log(), "svc_main", 429, "Unkown function call:" + std::to_string(fn)),
-                  1);
-    }
-}
-
-TEST_F(Loop, LinesThatAreNotEnvelopesAreSkipped)
-{
-    const char* lines[] = {
-        "",
-        "garbage",
-        "{\"ver\": \"1\", \"type\": 1, \"seq\": 1, \"fn\": 1, \"status\": 0}",
-        "{\"ver\": 1, \"type\": 1, \"seq\": 1, \"fn\": 1}",
-        "[1, 2]",
-        "{\"ver\": 1, \"type\": 1, \"seq\": 1, \"fn\": 1, \"status\": 0, \"param\": {",
-    };
-    for (const char* line : lines)
-        h.send_raw(line);
-    expect_serving(7);
-    EXPECT_EQ(log_count(h.log(), "svc_main", 378, "failed to receive data, rc=-5. try again."),
-              (int)(sizeof(lines) / sizeof(lines[0])));
-}
-
-/* Arguments that do not decode reach the handler as a null record. */
-TEST_F(Loop, UndecodableArgumentsAreAnsweredWithoutCrash)
-{
-    struct Case {
-        int fn;
-        const char* param;
-    } cases[] = {
-        {1, ""},  {1, "{}"}, {1, "{\"str\": 5}"}, {1, "\"text\""}, {1, "[1]"},
-        {3, "\"ls\""}, {3, "{\"str\": \"true\"}"}, {4, "7"},
-    };
-    int seq = 200;
-    for (const Case& c : cases) {
-        SCOPED_TRACE(std::to_string(c.fn) + " " + c.param);
-        time_t before = time(NULL);
-        json_t* r = ask(seq, c.fn, c.param);
+        h.send_raw(request_line(s.seq, s.fn, s.param));
+        json_t* r = s.answered ? read_reply(h) : NULL;
+        if (!s.answered)
+            continue;   // the next reply must be the next step's
         ASSERT_NE(r, nullptr) << "no reply; stderr: " << h.agent_stderr();
-        EXPECT_EQ(int_of(r, "seq"), seq);
-        EXPECT_EQ(int_of(r, "fn"), c.fn);
-        EXPECT_EQ(int_of(r, "status"), 0);
-        if (c.fn == 1) {
-            EXPECT_EQ(ping_text(r), "");
-            EXPECT_GE(int_of(json_object_get(r, "param"), "sp"), before);
+        EXPECT_EQ(std::vector<int>({int_of(r, "ver"), int_of(r, "type"), int_of(r, "seq"),
+                                    int_of(r, "fn"), int_of(r, "status")}),
+                  std::vector<int>({1, 2, s.seq, s.fn, 0}));
+        json_t* param = json_object_get(r, "param");
+        if (s.fn == 1) {
+            EXPECT_STREQ(json_string_value(json_object_get(param, "str")), s.echo.c_str());
+            EXPECT_TRUE(int_of(param, "sp") >= before && int_of(param, "sp") <= time(NULL));
         }
         json_decref(r);
-        seq++;
     }
-    expect_serving(seq);
-}
+    std::string log = h.log();
+    EXPECT_EQ(log_count(log, "svc_main", 378, "failed to receive data, rc=-5. try again."), 5);
+    for (const auto& s : steps)
+        EXPECT_EQ(log_count(log, "svc_main", 429, "Unkown function call:" + std::to_string(s.fn)),
+                  s.answered ? 0 : 1);
 
-TEST_F(Loop, EndOfInputWithNothingRunningLeavesNodeAlone)
-{
-    const std::string journal = h.root + "/journal";
-    const char* stubs[] = {"driverinstall", "kvxmonitor", "kvxbmr", "killall", "rm"};
-    for (const char* s : stubs)
-        add_journal_stub(h, journal, s);
-    const std::string staged[] = {
-        h.boot_dir + "/kvx_ea", h.boot_dir + "/checkmachine", h.work_dir + "/drv_target.lst",
-        h.work_dir + "/LinuxImage-backup-client-x64.tar.gz", h.work_dir + "/job.js",
-    };
-    for (const std::string& f : staged)
-        if (!AgentHarness::exists(f))
-            AgentHarness::write_file(f, "x");
-
-    expect_serving(1);
+    // End of input with nothing tracked: exit 0, the node left alone.
     h.close_input();
     ASSERT_EQ(h.wait_exit(20), 0);
-    int parent = reap_parent(h, 10);
-    EXPECT_TRUE(WIFEXITED(parent) && WEXITSTATUS(parent) == 0) << "parent status " << parent;
-
-    std::string log = h.log();
-    pid_t pid = h.agent_pid();
-    EXPECT_EQ(log_count(log, "svc_main", 198, "ea[" + std::to_string(pid) + "] started."), 1);
+    log = h.log();
     EXPECT_EQ(log_count(log, "svc_main", 374, "incomming connection is closed. stop ExecAgent."), 1);
-    EXPECT_EQ(log_count(log, "svc_main", 454, "process still running flag: 0"), 1);
-    EXPECT_EQ(log_count(log, "svc_main", 460, "ea[" + std::to_string(pid) + "] finished."), 1);
+    EXPECT_EQ(log_count(log, "svc_main", 460, "ea[" + std::to_string(h.agent_pid()) + "] finished."), 1);
     EXPECT_EQ(log_count(log, "svc_main", 74, "cleanup_target started"), 0);
-    for (const std::string& f : staged)
-        EXPECT_TRUE(AgentHarness::exists(f)) << f;
-    EXPECT_TRUE(AgentHarness::exists(h.client_dir));
-    EXPECT_EQ(AgentHarness::read_file(journal), "");
+    EXPECT_EQ(AgentHarness::read_file(h.root + "/journal"), "");
 }
 
-} /* namespace */
+TEST(Cleanup, StopSignalRemovesFilesKillsParentExitsOne)
+{
+    const struct {
+        int sig, flag, line;   // SIGHUP: sent when the parent dies
+        const char* text;
+    } cases[] = {
+        {SIGHUP, 1, 364, "receive signal: SIGHUP."},
+        {SIGALRM, 2, 365, "receive signal: SIGALRM."},
+        {SIGPIPE, 3, 366, "receive signal: SIGPIPE."},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.text);
+        AgentHarness h;
+        stage_node(h);
+        ASSERT_TRUE(h.start());
+        ASSERT_TRUE(run_cmd(h, 1, ":") && wait_reading(h));
+        kill(h.parent_pid(), SIGSTOP);   // a stopped parent cannot reap the agent it dies for
+        h.signal_agent(c.sig);
+        ASSERT_EQ(h.wait_exit(60), 1);
+        EXPECT_FALSE(h.parent_alive());
+        std::string log = h.log();
+        EXPECT_EQ(log_count(log, "svc_main", c.line, c.text), 1);
+        EXPECT_EQ(log_count(log, "svc_main", 367, "cleanup flag is set to " +
+                                                      std::to_string(c.flag) + ". stop ExecAgent."), 1);
+        EXPECT_EQ(log_count(log, "svc_main", 74, "cleanup_target started, non root user flag: 0."), 1);
+        EXPECT_EQ(log_count(log, "svc_main", 145, "ea[" + std::to_string(h.agent_pid()) + "] finished."), 1);
+        expect_cleaned(h.root, {});
+    }
+}
+
+} // namespace
