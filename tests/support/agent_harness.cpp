@@ -272,12 +272,17 @@ bool AgentHarness::start(const std::vector<std::string>& args, bool default_args
         int msg[2] = {(int)a, 0};
         if (write(st_pipe[1], &msg[0], sizeof(int)) != (ssize_t)sizeof(int))
             _exit(1);
-        int st = 0;
-        while (a > 0 && waitpid(a, &st, 0) < 0 && errno == EINTR)
+        /* Look at the agent's end without reaping it: if the agent's cleanup
+         * kills this parent before the status is passed on, the agent is
+         * still a zombie, goes to the test (the subreaper) and is reaped there. */
+        siginfo_t si;
+        memset(&si, 0, sizeof(si));
+        while (a > 0 && waitid(P_PID, (id_t)a, &si, WEXITED | WNOWAIT) < 0 && errno == EINTR)
             ;
-        msg[1] = st;
+        msg[1] = si.si_code == CLD_EXITED ? (si.si_status & 0xff) << 8 : (si.si_status & 0x7f);
         if (write(st_pipe[1], &msg[1], sizeof(int)) != (ssize_t)sizeof(int))
             _exit(1);
+        waitpid(a, nullptr, 0);
         _exit(0);
     }
 
