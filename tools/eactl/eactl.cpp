@@ -12,7 +12,6 @@
 #include "eactl.h"
 
 #include <jansson.h>
-#include <limits.h>
 #include <stdlib.h>
 #include <string.h>
 #include <unistd.h>
@@ -52,7 +51,9 @@ void usage(FILE* out)
     fprintf(out,
             "\nACCOUNT: --user NAME (su), --sudo (sudo as the agent's user), --passwd-file FILE\n"
             "         (the password may also come from $KVX_EACTL_PASSWD; never from the command line)\n"
-            "--host HOST deploys over ssh; --json prints each reply's \"param\" as JSON.\n");
+            "--host HOST deploys over ssh; --json prints each reply's \"param\" as JSON.\n"
+            "Without --agent PATH the agent beside this program that fits the node's \"uname -m\"\n"
+            "is deployed: kvx_ea for x86_64, kvx_ea-i386 for i386 to i686.\n");
 }
 
 const EactlCommand* find_command(const char* name)
@@ -61,20 +62,6 @@ const EactlCommand* find_command(const char* name)
         if (strcmp(c.name, name) == 0)
             return &c;
     return nullptr;
-}
-
-/* kvx_ea beside this program, the layout of build/bin. */
-std::string default_agent_path()
-{
-    char self[PATH_MAX];
-    ssize_t n = readlink("/proc/self/exe", self, sizeof(self) - 1);
-    if (n <= 0)
-        return "kvx_ea";
-    self[n] = '\0';
-    char* slash = strrchr(self, '/');
-    if (slash)
-        *slash = '\0';
-    return std::string(self) + "/kvx_ea";
 }
 
 const char* call_error_text(int rc)
@@ -159,7 +146,7 @@ int main(int argc, char** argv)
     s.from_agent = s.to_agent = nullptr;
     s.channel = nullptr;
     s.proto = nullptr;
-    s.agent_path = default_agent_path();
+    s.agent_path = "";   /* eactl_deploy picks the agent for the node's architecture */
 
     int i = 1;
     for (; i < argc && argv[i][0] == '-'; i++) {

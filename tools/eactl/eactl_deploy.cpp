@@ -10,6 +10,7 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <ftw.h>
+#include <limits.h>
 #include <signal.h>
 #include <stdlib.h>
 #include <string.h>
@@ -150,10 +151,71 @@ int make_remote_target(EactlSession* s)
     return 0;
 }
 
+/* Directory of this program (build/bin), "." when it cannot be read. */
+std::string own_bin_dir()
+{
+    char self[PATH_MAX];
+    ssize_t n = readlink("/proc/self/exe", self, sizeof(self) - 1);
+    if (n <= 0)
+        return ".";
+    self[n] = '\0';
+    char* slash = strrchr(self, '/');
+    if (slash)
+        *slash = '\0';
+    return self;
+}
+
+/* Agent file name for a "uname -m" answer, NULL when none is built for it. */
+const char* agent_for_machine(const std::string& machine)
+{
+    if (machine == "x86_64")
+        return "kvx_ea";
+    if (machine.size() == 4 && machine[0] == 'i' && machine.compare(2, 2, "86") == 0 &&
+        machine[1] >= '3' && machine[1] <= '6')
+        return "kvx_ea-i386";
+    return NULL;
+}
+
+/* Without --agent: asks the node for "uname -m" (over ssh for a remote node)
+ * and takes the matching agent from this program's directory; 0 or -1 with
+ * a message on stderr. */
+int select_agent(EactlSession* s)
+{
+    std::vector<std::string> args = {"uname", "-m"};
+    if (!s->host.empty())
+        args = ssh_argv(s, "uname -m");
+    int status;
+    std::string machine = run_capture(args, NULL, &status);
+    machine.erase(machine.find_last_not_of(" \r\n") + 1);
+    if (status != 0 || machine.empty()) {
+        fprintf(stderr, "kvx-eactl: cannot ask %s for its architecture (uname -m status %d)\n",
+                s->host.empty() ? "this machine" : s->host.c_str(), status);
+        return -1;
+    }
+    const char* name = agent_for_machine(machine);
+    if (!name) {
+        fprintf(stderr, "kvx-eactl: no agent for architecture %s; give one with --agent PATH\n",
+                machine.c_str());
+        return -1;
+    }
+    s->agent_path = own_bin_dir() + "/" + name;
+    if (access(s->agent_path.c_str(), R_OK) != 0) {
+        fprintf(stderr, "kvx-eactl: the %s node needs %s, which is missing%s\n", machine.c_str(),
+                s->agent_path.c_str(),
+                strcmp(name, "kvx_ea-i386") == 0 ? " (scripts/portable.sh builds it)" : "");
+        return -1;
+    }
+    return 0;
+}
+
 } /* namespace */
 
+/* An empty agent_path means no --agent was given: the agent that matches the
+ * node's architecture is picked first (select_agent). */
 int eactl_deploy(EactlSession* s)
 {
+    if (s->agent_path.empty() && select_agent(s) != 0)
+        return -1;
     if (access(s->agent_path.c_str(), R_OK) != 0) {
         fprintf(stderr, "kvx-eactl: agent %s: %s\n", s->agent_path.c_str(), strerror(errno));
         return -1;
