@@ -86,9 +86,12 @@ static inline pid_t start_program(AgentHarness& h, int seq, const std::string& c
 // signal that comes before is only seen after the next request.
 static inline bool wait_reading(const AgentHarness& h)
 {
-    std::string path = "/proc/" + std::to_string(h.agent_pid()) + "/syscall";
+    std::string proc = "/proc/" + std::to_string(h.agent_pid());
+    // read(2) is number 3 for a 32-bit agent (ELF class byte 1), else this build's SYS_read.
+    std::string elf = AgentHarness::read_file(proc + "/exe").substr(0, 5);
+    std::string reading = std::to_string(elf.size() == 5 && elf[4] == 1 ? 3 : SYS_read) + " 0x0 ";
     for (int i = 0; i < 250; i++, usleep(20000))
-        if (AgentHarness::read_file(path).rfind(std::to_string(SYS_read) + " 0x0 ", 0) == 0)
+        if (AgentHarness::read_file(proc + "/syscall").rfind(reading, 0) == 0)
             return true;
     return false;
 }
