@@ -1,170 +1,118 @@
-/*
- * privileged_testkit.h - helpers of the pseudo-terminal, su and sudo tests:
- * a private log at level 5 that forked children can write to, scratch
- * directories, descriptor counts, reaping of children left running on
- * purpose, and the root check run as a test account.
- */
+/* privileged_testkit.h - the log and the table runners shared by the pty, su and sudo test programs. */
 #ifndef PRIVILEGED_TESTKIT_H
 #define PRIVILEGED_TESTKIT_H
 
-#include <errno.h>
 #include <signal.h>
-#include <stdlib.h>
 #include <string.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
-#include <time.h>
-#include <unistd.h>
 
-#include <string>
-#include <vector>
-
-#include <gtest/gtest.h>
+#include <chrono>
 
 #include "foundation_testkit.h"
 #include "test_accounts.h"
-#include "zelutil.h"
 
 namespace ptk {
 
-using fkit::OpenFdCount;
-using fkit::ReadFile;
+using fkit::TestLog;
 
-/*
- * A scratch directory under /tmp, world-writable so dropped children can use
- * it; kept for a look afterwards when KVX_KEEP_TEST_DIRS is set.
- */
-struct ScratchDir {
-    std::string path;
-    ScratchDir()
-    {
-        char tmpl[] = "/tmp/kvx-privileged-XXXXXX";
-        path = mkdtemp(tmpl) != NULL ? tmpl : "/tmp";
-        chmod(path.c_str(), 01777);
-    }
-    ~ScratchDir()
-    {
-        if (getenv("KVX_KEEP_TEST_DIRS") == NULL && path.rfind("/tmp/kvx-privileged-", 0) == 0)
-            (void)!system(("rm -rf '" + path + "'").c_str());
-    }
-    std::string operator/(const std::string& name) const { return path + "/" + name; }
-};
-
-/*
- * The process-wide log at level 5 in a scratch directory, opened before any
- * test forks (children inherit the open stream, whatever account they drop
- * to).  TARGET_WORK_DIR points into the scratch directory, so the agent's
- * library directory is Dir()/work/linux-kvx-client.
- */
-class PrivilegedEnv : public ::testing::Environment {
-public:
+/* The test log, opened before any test forks; the work dir is open to dropped children. */
+struct Env : TestLog {
     void SetUp() override
     {
-        mkdir((dir_ / "work").c_str(), 0777);
-        setenv("TARGET_WORK_DIR", (dir_ / "work").c_str(), 1);
-        ZELInitLogger((dir_ / "privileged.log").c_str(), 5);
-        ZELLogFunction(0, "test", __LINE__, "privileged tests start\n");
+        chmod(work.path, 0755);
+        setenv("TARGET_WORK_DIR", work.path, 1);
+        TestLog::SetUp();
     }
-    static const ScratchDir& Dir() { return dir_; }
-    static std::string LibDir() { return dir_ / "work/linux-kvx-client"; }
-    static std::string LogText() { return ReadFile(dir_ / "privileged.log"); }
-    static size_t Mark() { return LogText().size(); }
-    static std::string Since(size_t mark)
-    {
-        std::string t = LogText();
-        return mark < t.size() ? t.substr(mark) : std::string();
-    }
-
-private:
-    static inline ScratchDir dir_;
+    static inline fkit::TempDir work;
 };
 
-/* Monotonic clock in seconds. */
-inline double Seconds()
-{
-    struct timespec ts;
-    clock_gettime(CLOCK_MONOTONIC, &ts);
-    return ts.tv_sec + ts.tv_nsec / 1e9;
-}
+inline double Seconds() { return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch()).count(); }
+inline void ReapAll() { while (waitpid(-1, NULL, 0) > 0) {} }   /* children left behind end soon */
 
-inline int CountOf(const std::string& text, const std::string& what)
-{
-    int n = 0;
-    for (size_t p = text.find(what); p != std::string::npos; p = text.find(what, p + what.size()))
-        n++;
-    return n;
-}
-
-/* Reaps every child that has ended (runs with block != 1 leave them behind). */
-inline int ReapEnded()
-{
-    int n = 0;
-    while (waitpid(-1, NULL, WNOHANG) > 0)
-        n++;
-    return n;
-}
-
-/* Pid written by a script into path, waiting up to 5 s for it to appear. */
-inline pid_t WaitPidFile(const std::string& path)
-{
-    for (int i = 0; i < 100; i++) {
-        std::string t = ReadFile(path);
-        if (!t.empty() && t.back() == '\n')
-            return (pid_t)atoi(t.c_str());
-        usleep(50000);
-    }
-    return -1;
-}
-
-inline bool ProcessAlive(pid_t pid)
-{
-    int st;
-    if (pid <= 0)
-        return false;
-    if (waitpid(pid, &st, WNOHANG) == pid)   /* our own child that has ended */
-        return false;
-    return kill(pid, 0) == 0;
-}
-
-inline void KillAndReap(pid_t pid)
-{
-    if (pid <= 0)
-        return;
-    kill(pid, SIGKILL);
-    waitpid(pid, NULL, 0);
-}
-
-/* A null-terminated argument vector over owned strings. */
-struct Argv {
-    std::vector<std::string> items;
-    std::vector<char*> ptrs;
-    explicit Argv(std::vector<std::string> v) : items(std::move(v))
-    {
-        for (std::string& s : items)
-            ptrs.push_back(&s[0]);
-        ptrs.push_back(NULL);
-    }
-    char** get() { return ptrs.data(); }
+struct ByName {   /* names parameterized cases after their table row */
+    template <class T> std::string operator()(const ::testing::TestParamInfo<T>& i) const { return i.param.name; }
 };
 
-/* argv for "bash -c <script>" (bash for read -t). */
-inline Argv Bash(const std::string& script) { return Argv({ "bash", "-c", script }); }
+/* ExecuteCmdInteractively(argv, pwd, block, timeout, output, 32) and what it must leave behind. */
+struct PtyCase {
+    const char* name;
+    const char* argv[4];               /* none: a null vector */
+    const char* pwd;
+    int block, timeout, rc, answers;   /* answers: "write password to tty: <length>" lines */
+    bool running;                      /* the child runs on after the return */
+    const char *out, *logged;          /* cleaned output (null: not checked); a line logged `count` times */
+    int count;
+    double seconds;                    /* the least time the return takes */
+};
 
-/*
- * CheckRootUser(user, pwd) run as acct in a forked child: its result in
- * code, the uid it reported in text ("-5" when left untouched).
- */
-inline kvxtest::ChildResult CheckRootAs(const kvxtest::TestAccount& acct, const std::string& user,
-                                        const char* pwd)
+inline void PrintTo(const PtyCase& c, std::ostream* os) { *os << c.name; }
+
+inline void CheckPtyCase(const PtyCase& c)
 {
-    std::string password = pwd != NULL ? pwd : "";
-    bool nullPwd = pwd == NULL;
-    return kvxtest::RunAs(acct, [&](std::string& text) {
+    std::string pwd = c.pwd != NULL ? c.pwd : "";
+    struct sigaction mine = {}, before, after;
+    mine.sa_handler = [](int) {};   /* a marker */
+    mine.sa_flags = SA_NOCLDSTOP;   /* no SA_RESTART: it must come back as it was */
+    ASSERT_EQ(0, sigaction(SIGCHLD, &mine, &before));
+    char out[40] = "";
+    memset(out + 1, 'X', sizeof(out) - 1);
+    long fds = fkit::OpenFdCount();
+    size_t mark = TestLog::Size();
+    pid_t self = getpid();
+    double t0 = Seconds();
+    EXPECT_EQ(c.rc, ExecuteCmdInteractively(c.argv[0] != NULL ? (char**)c.argv : NULL, c.pwd, c.block,
+                                            c.timeout, out, 32));
+    ASSERT_EQ(self, getpid());   /* a child whose exec failed must not run on here */
+    double took = Seconds() - t0;
+    /* never sooner than its least time, nor waiting for a child left running */
+    EXPECT_TRUE(took >= c.seconds && (!c.running || took < c.seconds + 3.5)) << took;
+    EXPECT_EQ(fds, fkit::OpenFdCount());
+    ASSERT_EQ(0, sigaction(SIGCHLD, &before, &after));
+    EXPECT_TRUE(after.sa_handler == mine.sa_handler && (after.sa_flags & (SA_NOCLDSTOP | SA_RESTART)) == SA_NOCLDSTOP);
+    EXPECT_EQ(c.running, waitpid(-1, NULL, WNOHANG) == 0);
+    EXPECT_EQ('X', out[32]);
+    EXPECT_STREQ(c.out != NULL ? c.out : out, out);
+    EXPECT_EQ(c.answers, TestLog::Count(mark, "write password to tty: " + std::to_string(pwd.size()) + "\n"));
+    EXPECT_EQ(0, pwd.empty() ? 0 : TestLog::Count(mark, pwd));
+    EXPECT_EQ(c.count, c.logged != NULL ? TestLog::Count(mark, c.logged) : 0);
+    ReapAll();
+}
+
+enum class Pwd { Right, Wrong, Empty, Null };
+
+inline const char* PasswordOf(Pwd pwd, const kvxtest::TestAccount& a)
+{
+    return pwd == Pwd::Right ? a.password.c_str() : pwd == Pwd::Wrong ? "not-the-password" : pwd == Pwd::Empty ? "" : NULL;
+}
+
+/* CheckRootUser run as runner: through su to target when they differ, else sudo -v. */
+struct RootCase {
+    const char* name;
+    kvxtest::AccountKind runner, target;
+    Pwd pwd;
+    int rc, uid;              /* uid -1: the target's; -5: left untouched */
+    const char* logged;       /* a line logged once; null: none */
+};
+
+inline void PrintTo(const RootCase& c, std::ostream* os) { *os << c.name; }
+
+inline void CheckRootCase(const RootCase& c)
+{
+    const kvxtest::TestAccount& target = kvxtest::Account(c.target);
+    const char* pwd = PasswordOf(c.pwd, target);
+    size_t mark = TestLog::Size();
+    kvxtest::ChildResult r = kvxtest::RunAs(kvxtest::Account(c.runner), [&](std::string& text) {
         int uid = -5;
-        int rc = CheckRootUser(user.c_str(), nullPwd ? NULL : password.c_str(), &uid);
+        int rc = CheckRootUser(c.runner != c.target ? target.name.c_str() : "", pwd, &uid);
         text = std::to_string(uid);
         return rc;
     });
+    ASSERT_TRUE(r.finished) << r.error;
+    EXPECT_EQ(c.rc, r.code);
+    EXPECT_EQ(std::to_string(c.uid == -1 ? (int)target.uid : c.uid), r.text);
+    EXPECT_EQ(c.pwd != Pwd::Null, TestLog::Count(mark, "execute command (") > 0);
+    EXPECT_EQ(c.logged != NULL ? 1 : 0, c.logged != NULL ? TestLog::Count(mark, c.logged) : 0);
+    EXPECT_EQ(0, TestLog::Count(mark, target.password));
 }
 
 }  // namespace ptk
