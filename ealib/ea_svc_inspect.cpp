@@ -234,9 +234,11 @@ int check_machine(ExecCmdargs* args, ExecCmdres* res)
     char command[INSPECT_CMD_SIZE];
     memset(path, 0, sizeof(path));
     path_join(GetTargetBootstrapDir(), CHECK_REPORT_NAME, path, sizeof(path));
-    snprintf(command, sizeof(command),
-             "touch %s >/dev/null 2>&1; chmod 666 %s >/dev/null 2>&1; %s >%s 2>/dev/null",
-             path, path, args->cmd, path);
+    /* cut to the 1023 characters the command buffer holds */
+    if (snprintf(command, sizeof(command),
+                 "touch %s >/dev/null 2>&1; chmod 666 %s >/dev/null 2>&1; %s >%s 2>/dev/null",
+                 path, path, args->cmd, path) >= (int)sizeof(command))
+        command[sizeof(command) - 1] = '\0';
     res->cmd_len = 0;
     if (account == 1)
         res->cmd_ret = SuperExecuteCmd(args->user, args->pwd, command, 1, NULL, 0);
