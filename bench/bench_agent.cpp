@@ -7,11 +7,15 @@
  *   - start-up to first ping reply vs. spawning /bin/true
  *   - peak resident memory after 10,000 pings (target: <= 4 MiB)
  *   - resident memory across 10,000 unknown-fn requests (target: flat)
- * Agents and the baseline are deployed the way kvx-eactl does it.
+ * Agents and the baseline are deployed the way kvx-eactl does it.  Every
+ * process runs on one CPU: otherwise where the scheduler happens to place
+ * each peer (a wake-up across cores costs tens of microseconds on a virtual
+ * machine) decides a round-trip ratio more than the peers' own work.
  *
  *   bench_agent [--agent PATH] [--pings N] [--execs N] [--starts N]
  */
 #include <errno.h>
+#include <sched.h>
 #include <fcntl.h>
 #include <ftw.h>
 #include <signal.h>
@@ -33,14 +37,6 @@
 
 namespace {
 
-struct Peer {
-    pid_t pid;
-    FILE* in;    /* replies from the peer */
-    FILE* out;   /* requests to the peer */
-    STDIOChannel* channel;
-    ExecProto* proto;
-};
-
 double now_us()
 {
     struct timespec ts;
@@ -48,42 +44,13 @@ double now_us()
     return ts.tv_sec * 1e6 + ts.tv_nsec / 1e3;
 }
 
-/* Starts program with --targetworkdir work; the bench is its parent, which
- * is safe because the agent only kills its parent when it cleans up. */
-bool spawn(Peer* p, const std::string& program, const std::string& work)
+/* Starts program with --targetworkdir work as a direct child; the agent
+ * only kills its parent when it cleans up, which a ping never causes. */
+bool spawn(EactlSession* p, const std::string& program, const std::string& work)
 {
-    int to[2], from[2];
-    if (pipe(to) || pipe(from))
-        return false;
-    p->pid = fork();
-    if (p->pid < 0)
-        return false;
-    if (p->pid == 0) {
-        dup2(to[0], 0);
-        dup2(from[1], 1);
-        close(to[0]);
-        close(to[1]);
-        close(from[0]);
-        close(from[1]);
-        execl(program.c_str(), program.c_str(), "--targetworkdir", work.c_str(), (char*)NULL);
-        _exit(127);
-    }
-    close(to[0]);
-    close(from[1]);
-    p->out = fdopen(to[1], "w");
-    p->in = fdopen(from[0], "r");
-    p->channel = new STDIOChannel(p->in, p->out);
-    p->proto = new ExecProto(p->channel);
-    return true;
-}
-
-void finish(Peer* p)
-{
-    delete p->proto;
-    delete p->channel;
-    fclose(p->out);
-    fclose(p->in);
-    waitpid(p->pid, NULL, 0);
+    p->keep = false;
+    p->own_dir = false;
+    return eactl_start(p, {program, "--targetworkdir", work}, false) == 0;
 }
 
 int ping(ExecProto* proto, const char* text)
@@ -243,6 +210,10 @@ int main(int argc, char** argv)
             starts = atoi(argv[i + 1]);
     }
     signal(SIGPIPE, SIG_IGN);
+    cpu_set_t one;
+    CPU_ZERO(&one);
+    CPU_SET(sched_getcpu() >= 0 ? sched_getcpu() : 0, &one);
+    sched_setaffinity(0, sizeof(one), &one);   /* inherited by every peer */
     char tmpl[] = "/tmp/kvx-bench.XXXXXX";
     if (!mkdtemp(tmpl)) {
         perror("mkdtemp");
@@ -284,11 +255,11 @@ int main(int argc, char** argv)
     std::vector<double> t_agent, t_true;
     for (int k = 0; k < starts; k++) {
         double t0 = now_us();
-        Peer p;
+        EactlSession p;
         if (!spawn(&p, agent, work) || ping(p.proto, "first") != 0)
             return 1;
         t_agent.push_back(now_us() - t0);
-        finish(&p);
+        eactl_finish(&p);
         t0 = now_us();
         pid_t pid = fork();
         if (pid == 0) {

@@ -30,6 +30,10 @@ typedef struct EactlSession {
 
 /* Deploys and starts the agent; 0 or -1 with a message on stderr. */
 int  eactl_deploy(EactlSession* s);
+/* Starts args (argv[0] looked up in PATH) with its standard input and
+ * output bound to the session's client endpoint; new_session puts it in a
+ * session of its own.  0 or -1 with a message on stderr. */
+int  eactl_start(EactlSession* s, std::vector<std::string> args, bool new_session);
 /* Copies a local file into the node's work/linux-kvx-client; 0 or -1. */
 int  eactl_install_client_file(EactlSession* s, const char* local, const char* name);
 /* Closes the agent's input, waits for it and removes what was deployed.

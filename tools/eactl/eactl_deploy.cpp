@@ -232,6 +232,11 @@ int eactl_deploy(EactlSession* s)
         args = ssh_argv(s, shell_quote(agent) + " --targetworkdir " + shell_quote(s->work_dir));
     }
 
+    return eactl_start(s, args, true);
+}
+
+int eactl_start(EactlSession* s, std::vector<std::string> args, bool new_session)
+{
     int to[2], from[2];
     if (pipe(to) != 0 || pipe(from) != 0) {
         fprintf(stderr, "kvx-eactl: pipe: %s\n", strerror(errno));
@@ -249,7 +254,8 @@ int eactl_deploy(EactlSession* s)
         close(to[1]);
         close(from[0]);
         close(from[1]);
-        setsid();
+        if (new_session)
+            setsid();
         std::vector<char*> argv;
         for (std::string& a : args)
             argv.push_back(&a[0]);
