@@ -64,8 +64,11 @@ void print_exec_result(const EactlSession* s, ExecCmdres* r)
         return;
     }
     printf("ret: %d\n", r->cmd_ret);
-    if (r->cmd && r->cmd_len > 0)
-        printf("%.*s%s", r->cmd_len, r->cmd, r->cmd[r->cmd_len - 1] == '\n' ? "" : "\n");
+    if (r->cmd && r->cmd_len > 0) {
+        /* "retmsg_len" may claim more than the text received: stop at its end */
+        int n = (int)strnlen(r->cmd, (size_t)r->cmd_len);
+        printf("%.*s%s", n, r->cmd, n > 0 && r->cmd[n - 1] == '\n' ? "" : "\n");
+    }
 }
 
 } /* namespace */
