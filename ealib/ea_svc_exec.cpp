@@ -66,6 +66,23 @@ static void exec_cache_account(const ExecCmdargs* args)
 }
 
 /*
+ * A command that does not fit the command buffer with its redirection is
+ * refused (ret 1) rather than cut: a cut command line could run something
+ * else as root.  1 when it was refused.
+ */
+static int exec_refuse_long(const ExecCmdargs* args, ExecCmdres* res)
+{
+    size_t len = strlen(args->cmd) + strlen(" >>" EXEC_DEVNULL " 2>&1");
+    if (len < EXEC_BUF_SIZE)
+        return 0;
+    ZELLogFunction(0, "ea_svc", __LINE__, "%s: command is too long (%d bytes), not run.\n",
+                   EXEC_FN, (int)strlen(args->cmd));
+    exec_set_text(res, "command is too long!");
+    res->cmd_ret = 1;
+    return 1;
+}
+
+/*
  * Background mode: fork a child that waits a second, runs the command with
  * its output appended to /dev/null and exits with the command's status.
  */
@@ -73,6 +90,8 @@ static int exec_background(int elevate, const ExecCmdargs* args, ExecCmdres* res
 {
     char command[EXEC_BUF_SIZE];
     memset(command, 0, sizeof(command));
+    if (exec_refuse_long(args, res))
+        return -1;
 
     pid_t pid = fork();
     if (pid == -1) {
@@ -106,6 +125,8 @@ static int exec_wait(int elevate, const ExecCmdargs* args, ExecCmdres* res)
 {
     char command[EXEC_BUF_SIZE];
 
+    if (exec_refuse_long(args, res))
+        return -1;
     exec_set_text(res, "no return");
     snprintf(command, sizeof(command), "%s >>%s 2>&1", args->cmd, EXEC_DEVNULL);
     int rc = exec_run_blocking(elevate, args, command);

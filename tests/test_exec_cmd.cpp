@@ -27,8 +27,9 @@ const ModeCase kModes[] = {
     {"false", false, false, 1, "no return"},
     {"sh -c 'echo noise; echo more >&2'", false, false, 0, "no return"},
     {"kill -9 $$", false, false, 1, "no return"},
-    /* cut inside the padding: the final "exit 7" never runs */
-    {"true; : " + std::string(1100, 'p') + "; exit 7", false, false, 0, "no return"},
+    /* too long for the command buffer: refused, not cut and run */
+    {"true; : " + std::string(1100, 'p'), false, false, 1, "command is too long!"},
+    {"true; : " + std::string(1100, 'p'), false, true, 1, "command is too long!"},
     {"true", false, false, 0, "no return", 0, "Sekr3t-pw"},
     {"echo \"$jobID\"", true, false, 0, "42\n", 42},
     {"echo \"$jobID\"", true, false, 0, "-7\n", -7},
