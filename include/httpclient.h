@@ -21,8 +21,11 @@ public:
                           std::string& outContent);
     /* Status code of the last response head read, 0 if none. */
     int HttpStatus() const { return m_status; }
+    /* A response that carries a secret (a session token) is never logged. */
+    void HttpSetSecret(bool secret) { m_secret = secret; }
 
 private:
+    const char* Shown() const;
     int HttpGetConLen();
     int HttpContentIsReady();
     int HttpReadResponse();
@@ -35,6 +38,7 @@ private:
     int  m_conLen;
     int  m_len;
     int  m_status;
+    bool m_secret;
     char m_buf[8192];
 };
 

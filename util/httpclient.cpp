@@ -43,7 +43,7 @@ namespace KVXHttpC {
 
 HttpC::HttpC()
     : m_ip(""), m_uri(""), m_port(0), m_socketFd(-1),
-      m_headLen(0), m_conLen(0), m_len(0), m_status(0)
+      m_headLen(0), m_conLen(0), m_len(0), m_status(0), m_secret(false)
 {
     m_buf[0] = '\0';
 }
@@ -116,6 +116,12 @@ int HttpC::HttpClose()
     return rc;
 }
 
+/* The response text for the log, unless it carries a secret. */
+const char* HttpC::Shown() const
+{
+    return m_secret ? "(not logged)" : m_buf;
+}
+
 /* Body length from the head read so far (last "Content-Length: " line). */
 int HttpC::HttpGetConLen()
 {
@@ -156,14 +162,14 @@ int HttpC::HttpReadResponse()
                 continue;
             }
             ZELLogFunction(0, "httpclient", __LINE__, "Fail to try to read header:(%d) %s\n", err, strerror(err));
-            ZELLogFunction(0, "httpclient", __LINE__, "HTTP response is (%s)\n", m_buf);
+            ZELLogFunction(0, "httpclient", __LINE__, "HTTP response is (%s)\n", Shown());
             return -4;
         }
         if (n == 0) {
             /* nothing more can arrive: stop instead of receiving forever */
             ZELLogFunction(0, "httpclient", __LINE__, "Fail to try to read header:(%d) %s\n",
                            0, "connection closed");
-            ZELLogFunction(0, "httpclient", __LINE__, "HTTP response is (%s)\n", m_buf);
+            ZELLogFunction(0, "httpclient", __LINE__, "HTTP response is (%s)\n", Shown());
             return -4;
         }
         m_len += (int)n;
@@ -174,7 +180,7 @@ int HttpC::HttpReadResponse()
             m_status = 0;
         if (rc == 1) {
             m_buf[m_len] = '\0';
-            ZELLogFunction(5, "httpclient", __LINE__, "HTTP response is (%s)\n", m_buf);
+            ZELLogFunction(5, "httpclient", __LINE__, "HTTP response is (%s)\n", Shown());
             ZELLogFunction(5, "httpclient", __LINE__,
                            "HTTP response header length is %d, content lenth is %d, total length is %d\n",
                            m_headLen, m_conLen, m_len);
@@ -182,7 +188,7 @@ int HttpC::HttpReadResponse()
         }
         if (rc < 0) {
             ZELLogFunction(0, "httpclient", __LINE__, "Fail to parse header: %d\n", rc);
-            ZELLogFunction(3, "httpclient", __LINE__, "HTTP response is (%s)\n", m_buf);
+            ZELLogFunction(3, "httpclient", __LINE__, "HTTP response is (%s)\n", Shown());
             return -2;
         }
     }
@@ -246,6 +252,7 @@ int http_request(const char* ip, int port, const char* method, const char* uri,
         *status = 0;
     if (!client)
         return -1;
+    client->HttpSetSecret(secret != 0);
     if (ip == NULL)   /* no address is not a dotted address */
         return -3;
     if (uri == NULL)
