@@ -98,6 +98,16 @@ void eactl_print_json(jxdrproc_t f_res, char* res)
     jxdr_destroy(j);
 }
 
+int eactl_request(EactlSession* s, int fn, jxdrproc_t f_args, char* args, jxdrproc_t f_res, char* res)
+{
+    if (eactl_call(s, fn, f_args, args, f_res, res) != 0)
+        return -1;
+    if (!s->json)
+        return 0;
+    eactl_print_json(f_res, res);
+    return 1;
+}
+
 int eactl_account_option(EactlAccount* acct, int argc, char** argv, int* i)
 {
     const char* opt = argv[*i];

@@ -46,6 +46,10 @@ int  eactl_call(EactlSession* s, int fn, jxdrproc_t f_args, char* args,
 
 /* Prints a result record as the "param" JSON the agent sent. */
 void eactl_print_json(jxdrproc_t f_res, char* res);
+/* eactl_call for a subcommand: -1 when the call failed, 1 when the reply
+ * was printed as JSON (--json), 0 when the caller prints it as text. */
+int  eactl_request(EactlSession* s, int fn, jxdrproc_t f_args, char* args,
+                   jxdrproc_t f_res, char* res);
 
 /* Subcommands: argv[0] is the subcommand name; 0 on success. */
 int  eactl_cmd_ping(EactlSession* s, int argc, char** argv);

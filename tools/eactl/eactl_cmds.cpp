@@ -57,12 +57,8 @@ void fill_exec_args(ExecCmdargs* a, const std::string& cmd, const EactlAccount& 
     a->sudo_flag = acct.sudo_flag;
 }
 
-void print_exec_result(const EactlSession* s, ExecCmdres* r)
+void print_exec_result(const ExecCmdres* r)
 {
-    if (s->json) {
-        eactl_print_json(JXDR_PROC(ExecCmdres, jxdr_ExecCmdres), (char*)r);
-        return;
-    }
     printf("ret: %d\n", r->cmd_ret);
     if (r->cmd && r->cmd_len > 0) {
         /* "retmsg_len" may claim more than the text received: stop at its end */
@@ -79,13 +75,10 @@ int eactl_cmd_ping(EactlSession* s, int argc, char** argv)
     PINGargs a = {(int)text.size() + 1, const_cast<char*>(text.c_str()), false};
     char buf[EA_PING_MSG_SIZE] = "";
     PINGres r = {0, (int)sizeof(buf), buf};
-    if (eactl_call(s, EA_PROC_PING, JXDR_PROC(PINGargs, jxdr_PINGargs), (char*)&a,
-                   JXDR_PROC(PINGres, jxdr_PINGres), (char*)&r) != 0)
-        return 1;
-    if (s->json) {
-        eactl_print_json(JXDR_PROC(PINGres, jxdr_PINGres), (char*)&r);
-        return 0;
-    }
+    int rc = eactl_request(s, EA_PROC_PING, JXDR_PROC(PINGargs, jxdr_PINGargs), (char*)&a,
+                           JXDR_PROC(PINGres, jxdr_PINGres), (char*)&r);
+    if (rc != 0)
+        return rc < 0 ? 1 : 0;
     time_t stamp = (time_t)r.stamp;
     char when[64] = "";
     strftime(when, sizeof(when), "%Y-%m-%d %H:%M:%S", localtime(&stamp));
@@ -123,11 +116,11 @@ int eactl_cmd_exec(EactlSession* s, int argc, char** argv)
     a.block_flag = block;
     a.jobid = jobid;
     ExecCmdres r = {0, 0, NULL};
-    if (eactl_call(s, EA_PROC_EXEC_CMD, JXDR_PROC(ExecCmdargs, jxdr_ExecCmdargs), (char*)&a,
-                   JXDR_PROC(ExecCmdres, jxdr_ExecCmdres), (char*)&r) != 0)
-        return 1;
-    print_exec_result(s, &r);
-    return 0;
+    int rc = eactl_request(s, EA_PROC_EXEC_CMD, JXDR_PROC(ExecCmdargs, jxdr_ExecCmdargs),
+                           (char*)&a, JXDR_PROC(ExecCmdres, jxdr_ExecCmdres), (char*)&r);
+    if (rc == 0)
+        print_exec_result(&r);
+    return rc < 0 ? 1 : 0;
 }
 
 int eactl_cmd_status(EactlSession* s, int argc, char** argv)
@@ -139,13 +132,10 @@ int eactl_cmd_status(EactlSession* s, int argc, char** argv)
         return bad_usage("status", "usage: status [--id N]");
     JOB_STATUS r;
     memset(&r, 0, sizeof(r));
-    if (eactl_call(s, EA_PROC_JOBSTATUS, JXDR_PROC(JOBSTATUSargs, jxdr_JOBSTATUSargs), (char*)&a,
-                   JXDR_PROC(JOB_STATUS, jxdr_JOBSTATUSres), (char*)&r) != 0)
-        return 1;
-    if (s->json) {
-        eactl_print_json(JXDR_PROC(JOB_STATUS, jxdr_JOBSTATUSres), (char*)&r);
-        return 0;
-    }
+    int rc = eactl_request(s, EA_PROC_JOBSTATUS, JXDR_PROC(JOBSTATUSargs, jxdr_JOBSTATUSargs), (char*)&a,
+                           JXDR_PROC(JOB_STATUS, jxdr_JOBSTATUSres), (char*)&r);
+    if (rc != 0)
+        return rc < 0 ? 1 : 0;
     printf("status %u, type %u, phase %u\n", r.sts, r.typ, r.stg);
     printf("disk %.255s: %llu%% done, %llu KiB, %u KiB/min\n", r.vol.name,
            (unsigned long long)r.vol.dt_all, (unsigned long long)r.vol.dt_fin, r.vol.tm_usd);
@@ -165,13 +155,10 @@ int eactl_cmd_status(EactlSession* s, int argc, char** argv)
 int eactl_cmd_log(EactlSession* s, int argc, char** argv)
 {
     AGENTLOGres r = {0, NULL};
-    if (eactl_call(s, EA_PROC_AGENTLOG, jxdr_Noargs, NULL,
-                   JXDR_PROC(AGENTLOGres, jxdr_AGENTLOGres), (char*)&r) != 0)
-        return 1;
-    if (s->json) {
-        eactl_print_json(JXDR_PROC(AGENTLOGres, jxdr_AGENTLOGres), (char*)&r);
-        return 0;
-    }
+    int rc = eactl_request(s, EA_PROC_AGENTLOG, jxdr_Noargs, NULL,
+                           JXDR_PROC(AGENTLOGres, jxdr_AGENTLOGres), (char*)&r);
+    if (rc != 0)
+        return rc < 0 ? 1 : 0;
     if (r.logSize > 0 && r.pLog)
         printf("%s", r.pLog);
     else
@@ -183,13 +170,10 @@ int eactl_cmd_result(EactlSession* s, int argc, char** argv)
 {
     JOB_RESULT r;
     memset(&r, 0, sizeof(r));
-    if (eactl_call(s, EA_PROC_JOBRESULT, jxdr_Noargs, NULL,
-                   JXDR_PROC(JOB_RESULT, jxdr_JOBRESULTres), (char*)&r) != 0)
-        return 1;
-    if (s->json) {
-        eactl_print_json(JXDR_PROC(JOB_RESULT, jxdr_JOBRESULTres), (char*)&r);
-        return 0;
-    }
+    int rc = eactl_request(s, EA_PROC_JOBRESULT, jxdr_Noargs, NULL,
+                           JXDR_PROC(JOB_RESULT, jxdr_JOBRESULTres), (char*)&r);
+    if (rc != 0)
+        return rc < 0 ? 1 : 0;
     printf("session %.31s (%.36s)\n", r.sessionNo, r.sessionGuid);
     printf("read %llu bytes at %u, written %llu bytes at %u, protected %llu bytes, %u recovered\n",
            (unsigned long long)r.processed_data_read, r.throughput_read,
@@ -222,12 +206,11 @@ int eactl_cmd_mount(EactlSession* s, int argc, char** argv)
                    const_cast<char*>(acct.passwd.c_str()), const_cast<char*>(point.c_str())};
     char buf[EA_MOUNT_POINT_SIZE] = "";
     Mountres r = {0, 0, buf};
-    if (eactl_call(s, EA_PROC_MOUNT, JXDR_PROC(Mountargs, jxdr_Mountargs), (char*)&a,
-                   JXDR_PROC(Mountres, jxdr_Mountres), (char*)&r) != 0)
-        return 1;
-    if (s->json)
-        eactl_print_json(JXDR_PROC(Mountres, jxdr_Mountres), (char*)&r);
-    else if (r.ret == 0)
+    int rc = eactl_request(s, EA_PROC_MOUNT, JXDR_PROC(Mountargs, jxdr_Mountargs), (char*)&a,
+                           JXDR_PROC(Mountres, jxdr_Mountres), (char*)&r);
+    if (rc != 0)
+        return rc < 0 ? 1 : 0;
+    if (r.ret == 0)
         printf("mounted on %s\n", r.mount_point);
     else
         printf("mount failed (ret %d); the agent's log has the reason\n", r.ret);
@@ -251,13 +234,10 @@ int eactl_cmd_vmdetect(EactlSession* s, int argc, char** argv)
     ExecCmdargs a;
     fill_exec_args(&a, uuid, acct);
     VMDetectInfo_t r = {0, 0, 0, 0};
-    if (eactl_call(s, EA_PROC_VMDETECT, JXDR_PROC(ExecCmdargs, jxdr_ExecCmdargs), (char*)&a,
-                   JXDR_PROC(VMDetectInfo_t, jxdr_VMDetectres), (char*)&r) != 0)
-        return 1;
-    if (s->json) {
-        eactl_print_json(JXDR_PROC(VMDetectInfo_t, jxdr_VMDetectres), (char*)&r);
-        return 0;
-    }
+    int rc = eactl_request(s, EA_PROC_VMDETECT, JXDR_PROC(ExecCmdargs, jxdr_ExecCmdargs), (char*)&a,
+                           JXDR_PROC(VMDetectInfo_t, jxdr_VMDetectres), (char*)&r);
+    if (rc != 0)
+        return rc < 0 ? 1 : 0;
     printf("virtual machine: %s\njob running here: %s\nsockets: %d\noracle uek: %s\n",
            r.vpt_type ? "yes" : "no", r.is_local ? "yes" : "no", r.socks,
            r.is_oracle_uek ? "yes" : "no");
@@ -275,9 +255,9 @@ int eactl_cmd_checkmachine(EactlSession* s, int argc, char** argv)
     fill_exec_args(&a, cmd, acct);
     a.need_get_return_msg_flag = 1;
     ExecCmdres r = {0, 0, NULL};
-    if (eactl_call(s, EA_PROC_CHECK_MACHINE, JXDR_PROC(ExecCmdargs, jxdr_ExecCmdargs), (char*)&a,
-                   JXDR_PROC(ExecCmdres, jxdr_ExecCmdres), (char*)&r) != 0)
-        return 1;
-    print_exec_result(s, &r);
-    return 0;
+    rc = eactl_request(s, EA_PROC_CHECK_MACHINE, JXDR_PROC(ExecCmdargs, jxdr_ExecCmdargs),
+                       (char*)&a, JXDR_PROC(ExecCmdres, jxdr_ExecCmdres), (char*)&r);
+    if (rc == 0)
+        print_exec_result(&r);
+    return rc < 0 ? 1 : 0;
 }

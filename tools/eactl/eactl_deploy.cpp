@@ -237,14 +237,14 @@ int eactl_deploy(EactlSession* s)
 
 int eactl_start(EactlSession* s, std::vector<std::string> args, bool new_session)
 {
-    int to[2], from[2];
-    if (pipe(to) != 0 || pipe(from) != 0) {
-        fprintf(stderr, "kvx-eactl: pipe: %s\n", strerror(errno));
-        return -1;
-    }
-    pid_t pid = fork();
-    if (pid < 0) {
-        fprintf(stderr, "kvx-eactl: fork: %s\n", strerror(errno));
+    int to[2] = {-1, -1}, from[2] = {-1, -1};
+    pid_t pid = -1;
+    if (pipe(to) != 0 || pipe(from) != 0 || (pid = fork()) < 0) {
+        fprintf(stderr, "kvx-eactl: %s: %s\n", to[0] < 0 || from[0] < 0 ? "pipe" : "fork",
+                strerror(errno));
+        for (int fd : {to[0], to[1], from[0], from[1]})
+            if (fd >= 0)
+                close(fd);
         return -1;
     }
     if (pid == 0) {
