@@ -49,6 +49,19 @@ int   SudoExecuteCmdEx(const char* pwd, const char* cmd, int block, int mytimeou
                        char* output, int outputSize);
 int   CheckRootUser(const char* user, const char* pwd, int* uid);
 
+/* ---- shell words (zelfunc_quote) ---- */
+
+/* 1 when s is non-empty and made only of letters, digits and /._-+=:@,% */
+int   zel_shell_safe(const char* s);
+/*
+ * s as one shell word in out (size bytes): as it is when zel_shell_safe(s)
+ * (inside double quotes when dquote is set, for command lines that always
+ * quoted it so), otherwise in single quotes with each ' written as '\''.
+ * Returns out, or null (out "") when the word does not fit: a caller never
+ * runs a command line with a word cut short.
+ */
+char* zel_shell_word(const char* s, int dquote, char* out, size_t size);
+
 /* ---- directories and paths (zelfunc_paths) ---- */
 
 #define TARGET_WORK_DIR_ENV       "TARGET_WORK_DIR"

@@ -138,3 +138,25 @@ TEST(IoLayer, WrapperRefusesWithATraceOfItsCaller)
     EXPECT_EQ(1, TestLog::Count(mark, "[RPC    7:caller.cpp do_io] RPC connection broken or not ready while "
                                       "invoking open!\n"));
 }
+
+TEST(ShellWord, SafeValuesStayAsTheyWereOthersAreOneQuotedWord)
+{
+    const struct { const char* in; int dquote; size_t size; const char* want; } cases[] = {   // want null: refused
+        { "/opt/t//linux-kvx-client", 0, 64, "/opt/t//linux-kvx-client" },
+        { "a-Z_0.9+=:@,%", 1, 64, "\"a-Z_0.9+=:@,%\"" },
+        { "/srv/kvx node", 0, 64, "'/srv/kvx node'" },
+        { "/srv/kvx node", 1, 64, "'/srv/kvx node'" },
+        { "it's $(x)`y`\"z\";*", 0, 64, "'it'\\''s $(x)`y`\"z\";*'" },
+        { "", 0, 64, "''" },
+        { NULL, 1, 64, "''" },
+        { "abc", 1, 5, "\"abc\"" }, { "abc", 1, 4, NULL },
+        { "a b", 0, 6, "'a b'" },   { "a b", 0, 5, NULL },   { "'", 0, 6, NULL },
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(testing::Message() << "case " << &c - cases);
+        char out[64];
+        memset(out, '#', sizeof(out));
+        EXPECT_EQ(c.want != NULL ? out : nullptr, zel_shell_word(c.in, c.dquote, out, c.size));
+        EXPECT_STREQ(c.want != NULL ? c.want : "", out);
+    }
+}
