@@ -5,6 +5,7 @@
 #include <ctype.h>
 #include <errno.h>
 #include <fcntl.h>
+#include <poll.h>
 #include <signal.h>
 #include <stdarg.h>
 #include <stdio.h>
@@ -284,38 +285,94 @@ static void exec_child(char** argv, int pfdin[2], int pfdout[2])
     _exit(127);
 }
 
-/* One write of the input; a child that has already gone must not kill us. */
-static void feed_input(int fd, const char* input, size_t inputsize)
-{
-    struct sigaction old;
-    ssize_t w;
+/* The pipes of a running child, seen from the parent. */
+typedef struct ProcPipes {
+    int         in;          /* write end of the child's standard input, -1 once closed */
+    int         out;         /* read end of its standard output, -1 once at its end */
+    const char* input;       /* what is left to feed */
+    size_t      inputLeft;
+    char*       output;      /* keeps the first outputSize - 1 bytes */
+    size_t      outputSize;
+    size_t      kept;
+} ProcPipes;
 
-    set_handler(SIGPIPE, SIG_IGN, &old);
-    w = write(fd, input, inputsize);
-    (void)w;   /* a short write is not retried */
-    sigaction(SIGPIPE, &old, NULL);
+/* Feeds what the pipe takes now; closed once all is written or the child has gone. */
+static void feed_some(ProcPipes* p)
+{
+    ssize_t w = write(p->in, p->input, p->inputLeft);
+
+    if (w > 0) {
+        p->input += w;
+        p->inputLeft -= (size_t)w;
+    }
+    if (p->inputLeft == 0 || (w < 0 && errno != EAGAIN && errno != EINTR))
+        close_fd(&p->in);
+}
+
+/* Takes what the child wrote: the first outputSize - 1 bytes are kept, the rest dropped. */
+static void drain_some(ProcPipes* p)
+{
+    char scratch[4096];
+    size_t room = p->outputSize > p->kept + 1 ? p->outputSize - 1 - p->kept : 0;
+    ssize_t n = room > 0 ? read(p->out, p->output + p->kept, room)
+                         : read(p->out, scratch, sizeof(scratch));
+
+    if (n > 0 && room > 0)
+        p->kept += (size_t)n;
+    if (n == 0 || (n < 0 && errno != EAGAIN && errno != EINTR))
+        close_fd(&p->out);
 }
 
 /*
- * Reads what the exited child left in the pipe, once, into output
- * (outputsize - 1 bytes at most, always terminated).
+ * Feeds the input and reads the output while the child runs, so that a
+ * child writing more than a pipe holds, or not reading its input, cannot
+ * stall both sides.  Returns 0 once the child has been reaped (*status
+ * set), or -1 with errno when waitpid failed.
  */
-static void collect_output(int fd, char* output, size_t outputsize)
+static int run_child_io(pid_t pid, ProcPipes* p, int* status)
 {
-    ssize_t n;
+    struct pollfd fds[2];
+    struct sigaction old;
+    int nfds, timeout = 1, err = 0;
+    pid_t r = 0;
 
-    /* non-blocking: a grandchild holding the pipe open must not hang us */
-    fcntl(fd, F_SETFL, fcntl(fd, F_GETFL) | O_NONBLOCK);
-    n = read(fd, output, outputsize - 1);
-    output[n > 0 ? n : 0] = '\0';
-    ZELLogFunction(5, "zelfunc", __LINE__, "ExecuteProcess: read output (%s).\n", output);
+    set_handler(SIGPIPE, SIG_IGN, &old);   /* a child that has already gone must not kill us */
+    if (p->in >= 0)
+        fcntl(p->in, F_SETFL, fcntl(p->in, F_GETFL) | O_NONBLOCK);
+    fcntl(p->out, F_SETFL, fcntl(p->out, F_GETFL) | O_NONBLOCK);
+    while (p->out >= 0) {
+        nfds = 0;
+        fds[nfds++] = (struct pollfd){ p->out, POLLIN, 0 };
+        if (p->in >= 0)
+            fds[nfds++] = (struct pollfd){ p->in, POLLOUT, 0 };
+        if (poll(fds, (nfds_t)nfds, timeout) > 0) {
+            if (fds[0].revents != 0)
+                drain_some(p);
+            if (nfds > 1 && fds[1].revents != 0)
+                feed_some(p);
+            continue;
+        }
+        /* quiet pipes: the child may have ended while a grandchild holds its output */
+        timeout = timeout < 64 ? timeout * 2 : 100;
+        r = waitpid(pid, status, WNOHANG);
+        if (r < 0 && errno != EINTR)
+            err = errno;
+        if (r == pid || err != 0)
+            break;
+    }
+    close_fd(&p->in);
+    sigaction(SIGPIPE, &old, NULL);
+    if (err == 0 && r != pid && waitpid(pid, status, 0) < 0)
+        err = errno;
+    errno = err;
+    return err != 0 ? -1 : 0;
 }
 
 /*
  * Runs argv[0] (searched in PATH) in a new session, feeds input to its
- * standard input, waits for it, then captures at most outputsize - 1 bytes
- * of its standard output into output (terminated).  Standard error is
- * inherited.  0 without running anything for a null vector; otherwise the
+ * standard input and reads its standard output until it has ended; the
+ * first outputsize - 1 bytes go into output (terminated), the rest, and
+ * all of it without a buffer, is dropped.  Standard error is inherited.  0 without running anything for a null vector; otherwise the
  * child's exit code (127: could not execute), -1 when it was killed by a
  * signal, errno when a pipe, fork or wait failed.
  */
@@ -361,22 +418,29 @@ int ExecuteProcess(char** argv, const char* input, size_t inputsize,
 
     close_fd(&pfdin[0]);
     close_fd(&pfdout[1]);
-    if (input != NULL && inputsize > 0)
-        feed_input(pfdin[1], input, inputsize);
-    close_fd(&pfdin[1]);
+    ProcPipes io = { pfdin[1], pfdout[0], input, input != NULL ? inputsize : 0,
+                     output, output != NULL ? outputsize : 0, 0 };
+    if (io.inputLeft == 0)
+        close_fd(&io.in);   /* nothing to feed: the child sees end of input at once */
 
-    if (waitpid(pid, &status, 0) < 0) {
+    rc = run_child_io(pid, &io, &status);
+    if (rc < 0) {
         err = errno;
         ZELLogFunction(0, "zelfunc", __LINE__, "ExecuteProcess: failed to wait subprocess (%d).\n", err);
-        close_fd(&pfdout[0]);
+        close_fd(&io.out);
         sigaction(SIGCHLD, &old, NULL);
         return err;
     }
     sigaction(SIGCHLD, &old, NULL);
     rc = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 
-    if (output != NULL && outputsize > 0)
-        collect_output(pfdout[0], output, outputsize);
-    close_fd(&pfdout[0]);
+    if (output != NULL && outputsize > 0) {
+        /* what is left at the child's end, taken without waiting for a grandchild */
+        if (io.out >= 0)
+            drain_some(&io);
+        output[io.kept] = '\0';
+        ZELLogFunction(5, "zelfunc", __LINE__, "ExecuteProcess: read output (%s).\n", output);
+    }
+    close_fd(&io.out);
     return rc;
 }
