@@ -11,6 +11,7 @@
  */
 #include <stdlib.h>
 #include <string.h>
+#include <sys/prctl.h>
 
 #include "exec_proto.h"
 #include "jxdr.h"
@@ -32,6 +33,8 @@ static void apply_option(const char* opt, const char* value)
 
 int main(int argc, char** argv)
 {
+    /* it holds root passwords: no core file, and no other process of its user may read its memory */
+    prctl(PR_SET_DUMPABLE, 0, 0, 0, 0);
     char path[4096];
     memset(path, 0, sizeof(path));
     GetProcessModulePath(path, sizeof(path));   /* stays empty on failure */

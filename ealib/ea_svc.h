@@ -43,4 +43,11 @@ int mount_svc(Mountargs* args, Mountres* res);
 int detect_vm_info_svc(ExecCmdargs* args, VMDetectInfores* res);
 int check_machine(ExecCmdargs* args, ExecCmdres* res);
 
+/* Overwrites a request's password (may be null) once it has been used. */
+void ea_wipe_password(char* pwd);
+static inline void ea_wipe_password_at(char** pwd) { ea_wipe_password(*pwd); }
+/* First line of a handler: the request's password is wiped on every return. */
+#define EA_PASSWORD_WIPED_ON_RETURN(pwd) \
+    char* ea_used_pwd_ __attribute__((cleanup(ea_wipe_password_at))) = (pwd)
+
 #endif /* EA_SVC_H */

@@ -17,7 +17,7 @@
 #include "ea_svc.h"
 #include "zelutil.h"
 
-#define EXEC_BUF_SIZE   1024   /* command line and captured output */
+#define EXEC_BUF_SIZE   1024   /* captured output */
 #define EXEC_JOBID_SIZE 16
 #define EXEC_FN         "exec_cmd_svc"   /* every log line names the procedure */
 #define EXEC_DEVNULL    "/dev/null"   /* where background and wait mode output goes */
@@ -66,20 +66,24 @@ static void exec_cache_account(const ExecCmdargs* args)
 }
 
 /*
- * A command that does not fit the command buffer with its redirection is
- * refused (ret 1) rather than cut: a cut command line could run something
- * else as root.  1 when it was refused.
+ * "<cmd> >>/dev/null 2>&1" in a heap buffer sized from the command (caller
+ * frees), so that every command the channel accepts runs whole; null
+ * without memory.
  */
-static int exec_refuse_long(const ExecCmdargs* args, ExecCmdres* res)
+static char* exec_redirected(const char* cmd)
 {
-    size_t len = strlen(args->cmd) + strlen(" >>" EXEC_DEVNULL " 2>&1");
-    if (len < EXEC_BUF_SIZE)
-        return 0;
-    ZELLogFunction(0, "ea_svc", __LINE__, "%s: command is too long (%d bytes), not run.\n",
-                   EXEC_FN, (int)strlen(args->cmd));
-    exec_set_text(res, "command is too long!");
-    res->cmd_ret = 1;
-    return 1;
+    size_t size = strlen(cmd) + sizeof(" >>" EXEC_DEVNULL " 2>&1");
+    char* command = (char*)malloc(size);
+
+    if (command != NULL)
+        snprintf(command, size, "%s >>%s 2>&1", cmd, EXEC_DEVNULL);
+    return command;
+}
+
+void ea_wipe_password(char* pwd)
+{
+    if (pwd != NULL)
+        explicit_bzero(pwd, strlen(pwd));
 }
 
 /*
@@ -88,25 +92,22 @@ static int exec_refuse_long(const ExecCmdargs* args, ExecCmdres* res)
  */
 static int exec_background(int elevate, const ExecCmdargs* args, ExecCmdres* res)
 {
-    char command[EXEC_BUF_SIZE];
-    memset(command, 0, sizeof(command));
-    if (exec_refuse_long(args, res))
-        return -1;
-
     pid_t pid = fork();
     if (pid == -1) {
         ZELLogFunction(3, "ea_svc", 321, "%s: create child process failed! cmd= %s\n",
-                       EXEC_FN, command);
+                       EXEC_FN, "");
         exec_set_text(res, "create child process failed!");
         res->cmd_ret = 1;
         return -1;
     }
     if (pid == 0) {
         sleep(1);
-        snprintf(command, sizeof(command), "%s >>%s 2>&1", args->cmd, EXEC_DEVNULL);
-        int rc = exec_run_blocking(elevate, args, command);
+        char* command = exec_redirected(args->cmd);
+        int rc = command != NULL ? exec_run_blocking(elevate, args, command) : -1;
+        ea_wipe_password(args->pwd);   /* this process's copy of the request */
         ZELLogFunction(3, "ea_svc", 315, "%s: after ExecuteCmd(NONBLOCK_MODE): %s ret=%d\n",
-                       EXEC_FN, command, rc);
+                       EXEC_FN, command != NULL ? command : "", rc);
+        free(command);
         /* The child ends here: _exit keeps it out of the service loop and
          * never flushes the parent's protocol stream a second time. */
         CloseLogFile();
@@ -123,15 +124,12 @@ static int exec_background(int elevate, const ExecCmdargs* args, ExecCmdres* res
 /* Wait mode: "no return" whatever happens; ret 1 when the command failed. */
 static int exec_wait(int elevate, const ExecCmdargs* args, ExecCmdres* res)
 {
-    char command[EXEC_BUF_SIZE];
-
-    if (exec_refuse_long(args, res))
-        return -1;
     exec_set_text(res, "no return");
-    snprintf(command, sizeof(command), "%s >>%s 2>&1", args->cmd, EXEC_DEVNULL);
-    int rc = exec_run_blocking(elevate, args, command);
+    char* command = exec_redirected(args->cmd);
+    int rc = command != NULL ? exec_run_blocking(elevate, args, command) : -1;
     ZELLogFunction(4, "ea_svc", 296, "%s, after ExecuteCmd: %s. ret=%d.\n",
-                   EXEC_FN, command, rc);
+                   EXEC_FN, command != NULL ? command : "", rc);
+    free(command);
     res->cmd_ret = (rc != 0) ? 1 : 0;
     return 0;
 }
@@ -214,6 +212,7 @@ static int exec_message_popen(const ExecCmdargs* args, ExecCmdres* res)
 int exec_cmd_svc(ExecCmdargs* args, ExecCmdres* res)
 {
     char jobid[EXEC_JOBID_SIZE];
+    EA_PASSWORD_WIPED_ON_RETURN(args != NULL ? args->pwd : NULL);
 
     if (res == NULL || res->cmd == NULL)
         return -1;

@@ -42,6 +42,7 @@ static int vmdetect_root_rerun(const char* user, const char* pwd, const char* mo
  */
 int detect_vm_info_svc(ExecCmdargs* args, VMDetectInfores* res)
 {
+    EA_PASSWORD_WIPED_ON_RETURN(args != NULL ? args->pwd : NULL);
     if (res == NULL)
         return 0;
     /* A request whose "param" did not decode is taken as one without a job
@@ -200,6 +201,7 @@ static int check_collect_report(const char* path, ExecCmdres* res)
  */
 int check_machine(ExecCmdargs* args, ExecCmdres* res)
 {
+    EA_PASSWORD_WIPED_ON_RETURN(args != NULL ? args->pwd : NULL);
     if (res == NULL)
         return -1;
     /* A request whose "param" did not decode names no command: answered as

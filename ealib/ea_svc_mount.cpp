@@ -28,6 +28,7 @@ int mount_svc(Mountargs* args, Mountres* res)
     bool real_mount_flag = false;
     size_t len;
     int ret;
+    EA_PASSWORD_WIPED_ON_RETURN(args != NULL ? args->pwd : NULL);
 
     if (res == NULL)
         return 0;

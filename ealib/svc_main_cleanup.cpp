@@ -10,6 +10,7 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <time.h>
 #include <unistd.h>
 
 #include "svc_main.h"
@@ -20,8 +21,29 @@
 #define SRC               "svc_main"
 #define CANCEL_ROUNDS     12
 #define CANCEL_ROUND_SECS 5
+#define ELEVATED_CMD_SECS 30    /* the longest one elevated command may take */
+#define CLEANUP_SECS      100   /* all of the cleanup's elevated commands together */
+#define ELEVATED_MIN_SECS 2     /* what a command gets once the cleanup's time is spent */
 
 int _cleaning_flag = 0;
+static time_t s_cleanup_end;    /* monotonic second by which the cleanup's elevated commands are done; 0: not cleaning */
+
+static time_t monotonic_now(void)
+{
+    struct timespec ts;
+    clock_gettime(CLOCK_MONOTONIC, &ts);
+    return ts.tv_sec;
+}
+
+/* Seconds one elevated command may take now. */
+static int elevated_limit(void)
+{
+    long left = s_cleanup_end != 0 ? (long)(s_cleanup_end - monotonic_now()) : ELEVATED_CMD_SECS;
+
+    if (left > ELEVATED_CMD_SECS)
+        left = ELEVATED_CMD_SECS;
+    return left < ELEVATED_MIN_SECS ? ELEVATED_MIN_SECS : (int)left;
+}
 
 /*
  * Runs cmd as root through the cached account when the agent is not root
@@ -30,8 +52,9 @@ int _cleaning_flag = 0;
  */
 int ExecuteCmdWrapper(const char* cmd, int silent)
 {
+    /* bounded: a cached password su or sudo do not take must not keep the agent, and its lock, for good */
     if (g_cached_nonRootUserFlag)
-        return SuperExecuteCmd(g_cached_rootUser, g_cached_rootPwd, cmd, 1, NULL, 0);
+        return SuperExecuteCmdWithin(g_cached_rootUser, g_cached_rootPwd, cmd, elevated_limit());
     return silent ? ExecuteCmdSilently(cmd) : ExecuteCmd(cmd);
 }
 
@@ -142,6 +165,7 @@ void cleanup_target(void)
         return;
     }
     _cleaning_flag = 1;
+    s_cleanup_end = monotonic_now() + CLEANUP_SECS;
     ZELLogFunction(3, SRC, 74, "cleanup_target started, non root user flag: %d.\n",
                    g_cached_nonRootUserFlag);
 

@@ -26,7 +26,7 @@ int   CleanLastArgv(char** argv);
 int   ExecuteCmd(const char* cmd);
 /* Same without the log line. */
 int   ExecuteCmdSilently(const char* cmd);
-/* fork/execvp with stdin fed from input and stdout captured after exit. */
+/* fork/execvp with stdin fed from input and stdout captured while it runs. */
 int   ExecuteProcess(char** argv, const char* input, size_t inputsize,
                      char* output, size_t outputsize);
 int   check_process_running(const char* jobuuid, int* run);
@@ -47,6 +47,8 @@ int   SuperExecuteCmdEx(const char* user, const char* pwd, const char* cmd, int 
                         int mytimeout, char* output, int outputSize);
 int   SudoExecuteCmdEx(const char* pwd, const char* cmd, int block, int mytimeout,
                        char* output, int outputSize);
+/* SuperExecuteCmd(user, pwd, cmd, 1, NULL, 0) ended after seconds at most. */
+int   SuperExecuteCmdWithin(const char* user, const char* pwd, const char* cmd, int seconds);
 int   CheckRootUser(const char* user, const char* pwd, int* uid);
 
 /* ---- shell words (zelfunc_quote) ---- */

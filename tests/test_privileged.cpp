@@ -1,7 +1,11 @@
 /* su and sudo execution and the root check, run from the throwaway accounts. */
 #include <gtest/gtest.h>
 
+#include <fstream>
+#include <memory>
+
 #include "privileged_testkit.h"
+#include "test_exec_cmd_client.h"
 
 using kvxtest::AccountKind;
 using ptk::Pwd;
@@ -11,41 +15,61 @@ static ::testing::Environment* const g_env = ::testing::AddGlobalTestEnvironment
 
 static const std::string kStdPath = "/sbin:/bin:/usr/bin:/usr/sbin:/usr/local/sbin:/usr/local/bin";
 static const std::string kShowEnv = "echo \"$LD_LIBRARY_PATH|$PATH|$(id -un)\"";
-static const std::string kLong = ": " + std::string(5000, 'a');
+static const std::string kLongX = "x=" + std::string(65000, 'a');   /* as long as a request line allows */
+static const std::string kLong = kLongX + "; echo ${#x}";
 static const std::string kSu = "SuperExecuteCmdEx: execute command (";
 static const std::string kExports = "export LD_LIBRARY_PATH=\"/kvxt/lib\"; ";
+/* a command's own prompt: whatever it reads comes back between the brackets */
+static const std::string kOwnPrompt = "bash -c 'printf \"Password: \"; IFS= read -r -t 2 l; echo \"got[$l]\"'";
 
 struct RunCase {
     const char* name;
-    bool su;                    /* su to who as kvxt_run, else sudo as who */
-    AccountKind who;
+    AccountKind runner, who;    /* su to who as runner when they differ, else sudo as who */
     Pwd pwd;
     const char *ld, *path;      /* null: unset */
     bool libDir;                /* the agent's library directory exists */
     const char* cmd;
-    int timeout, rc;
+    int timeout, rc, answers;   /* answers: "write password to tty" lines */
     std::string out, logged;    /* the output when rc is 0; a line logged once */
+    int block = 1;              /* 0: out is what the command, running on, leaves in $TARGET_WORK_DIR/ran */
 };
 
 static const RunCase kRuns[] = {
-    { "SuRightPasswordRunsAfterExports", true, AccountKind::Plain, Pwd::Right, "/kvxt/lib", "/usr/bin:/bin",
-      false, kShowEnv.c_str(), -1, 0, "/kvxt/lib|/usr/bin:/bin:" + kStdPath + "|kvxt_plain",
+    { "SuRightPasswordRunsAfterExports", AccountKind::Runner, AccountKind::Plain, Pwd::Right, "/kvxt/lib",
+      "/usr/bin:/bin", false, kShowEnv.c_str(), -1, 0, 0, "/kvxt/lib|/usr/bin:/bin:" + kStdPath + "|kvxt_plain",
       kSu + kExports + "export PATH=\"/usr/bin:/bin:" + kStdPath + "\"; " + kShowEnv + ")\n" },
-    { "SuWrongPasswordIsSuExitCode", true, AccountKind::Plain, Pwd::Wrong, NULL, "/usr/bin:/bin", false,
-      "id -un", -1, 1, "", kSu + "id -un)\n" },
-    { "SuSecondRootAccountNullCommandIsId", true, AccountKind::RootAlias, Pwd::Right, "/kvxt/lib", NULL, false,
-      NULL, -1, 0, "uid=0(root) gid=0(root) groups=0(root)", kSu + kExports + "id)\n" },
-    { "SuLongCommandCutToFit", true, AccountKind::Plain, Pwd::Right, "/kvxt/lib", NULL, false, kLong.c_str(), -1, 0,
-      "", kSu + (kExports + kLong).substr(0, 4095) + ")\n" },
-    { "SuCommandOutlivingTimeoutIsMinusNine", true, AccountKind::Plain, Pwd::Right, NULL, NULL, false,
-      "sleep 20", 2, -9, "", kSu + "sleep 20)\n" },
-    { "SudoPasswordAnsweredStandardPathOnly", false, AccountKind::SudoPassword, Pwd::Right, "/kvxt/lib",
-      "/usr/bin:/bin", false, kShowEnv.c_str(), -1, 0, "|" + kStdPath + "|root",
+    { "SuUnsafePathValuesStayOneWord", AccountKind::Runner, AccountKind::Plain, Pwd::Right, "/kvxt/a b",
+      "/usr/bin:/bin:/opt/$(id -u)", false, kShowEnv.c_str(), -1, 0, 0,
+      "/kvxt/a b|/usr/bin:/bin:/opt/$(id -u):" + kStdPath + "|kvxt_plain", kSu + "export LD_LIBRARY_PATH='/kvxt/a b'; "
+      "export PATH='/usr/bin:/bin:/opt/$(id -u):" + kStdPath + "'; " + kShowEnv + ")\n" },
+    { "SuWrongPasswordIsSuExitCode", AccountKind::Runner, AccountKind::Plain, Pwd::Wrong, NULL, "/usr/bin:/bin", false,
+      "id -un", -1, 1, 0, "", kSu + "id -un)\n" },
+    { "SuPasswordTooLongRunsNothing", AccountKind::Runner, AccountKind::Plain, Pwd::TooLong, NULL, NULL, false,
+      "id -un", -1, -4, 0, "", "SuperExecuteCmdEx: password is too long (130 bytes), nothing run.\n" },
+    { "SuSecondRootAccountNullCommandIsId", AccountKind::Runner, AccountKind::RootAlias, Pwd::Right, "/kvxt/lib", NULL,
+      false, NULL, -1, 0, 0, "uid=0(root) gid=0(root) groups=0(root)", kSu + kExports + "id)\n" },
+    { "SuLongCommandRunsWhole", AccountKind::Runner, AccountKind::Plain, Pwd::Right, "/kvxt/lib", NULL, false,
+      kLong.c_str(), -1, 0, 0, "65000", kSu + kExports + kLongX.substr(0, 8000) },
+    { "SuCommandOutlivingTimeoutIsMinusNine", AccountKind::Runner, AccountKind::Plain, Pwd::Right, NULL, NULL, false,
+      "sleep 20", 2, -9, 0, "", kSu + "sleep 20)\n" },
+    /* su run by root asks nothing: the first text is the command's own, never answered */
+    { "SuAskingNothingKeepsThePasswordFromTheCommand", AccountKind::RootAlias, AccountKind::Plain, Pwd::Right, NULL, NULL,
+      false, kOwnPrompt.c_str(), -1, 0, 0, "got[]", "tty output is: Password: " },
+    { "SuNonBlockingCommandRunsOn", AccountKind::Runner, AccountKind::Plain, Pwd::Right, NULL, NULL, false,
+      "sleep 2; id -un >\"$TARGET_WORK_DIR/ran\"", -1, 0, 0, "kvxt_plain\n", kSu + "sleep 2; ", 0 },
+    { "SudoPasswordAnsweredStandardPathOnly", AccountKind::SudoPassword, AccountKind::SudoPassword, Pwd::Right,
+      "/kvxt/lib", "/usr/bin:/bin", false, kShowEnv.c_str(), -1, 0, 1, "|" + kStdPath + "|root",
       "SudoExecuteCmdEx: arg[1] -E, arg[2] PATH=" + kStdPath + ", arg[3] sh, arg[4]=-c.\n" },
-    { "SudoPasswordlessPassesLibraryPathAndPath", false, AccountKind::SudoNoPassword, Pwd::Empty, "/kvxt/lib",
-      "/usr/bin:/bin", true, kShowEnv.c_str(), -1, 0, "/kvxt/lib|/usr/bin:/bin:" + kStdPath + "|root",
+    { "SudoPasswordlessPassesLibraryPathAndPath", AccountKind::SudoNoPassword, AccountKind::SudoNoPassword, Pwd::Empty,
+      "/kvxt/lib", "/usr/bin:/bin", true, kShowEnv.c_str(), -1, 0, 0, "/kvxt/lib|/usr/bin:/bin:" + kStdPath + "|root",
       "SudoExecuteCmdEx: arg[1] -E, arg[2] LD_LIBRARY_PATH=/kvxt/lib, arg[3] PATH=/usr/bin:/bin:" + kStdPath +
       ", arg[4]=sh.\n" },
+    { "SudoPasswordlessKeepsThePasswordFromTheCommand", AccountKind::SudoNoPassword, AccountKind::SudoNoPassword,
+      Pwd::Right, NULL, NULL, false, kOwnPrompt.c_str(), -1, 0, 0, "got[]", "tty output is: Password: " },
+    { "SudoLongCommandRunsWhole", AccountKind::SudoNoPassword, AccountKind::SudoNoPassword, Pwd::Empty, NULL, NULL,
+      false, kLong.c_str(), -1, 0, 0, "65000", "SudoExecuteCmdEx: execute command (" + kLongX.substr(0, 8000) },
+    { "SudoWrongPasswordGivesUpAfterItsTries", AccountKind::SudoPassword, AccountKind::SudoPassword, Pwd::Wrong, NULL,
+      NULL, false, "id -un", -1, 1, 3, "", "SudoExecuteCmdEx: execute command (id -un)\n" },
 };
 
 static void PrintTo(const RunCase& c, std::ostream* os) { *os << c.name; }
@@ -56,24 +80,30 @@ TEST_P(ElevatedRun, ResultOutputAndLog)
     KVXT_REQUIRE_SUDO();
     const RunCase& c = GetParam();
     const kvxtest::TestAccount& who = kvxtest::Account(c.who);
-    std::string pwd = ptk::PasswordOf(c.pwd, who), lib = ptk::Env::work / "linux-kvx-client";
+    bool su = c.runner != c.who;
+    std::string pwd = ptk::PasswordOf(c.pwd, who), lib = ptk::Env::work / "linux-kvx-client",
+                ran = ptk::Env::work / "ran";
     c.libDir ? mkdir(lib.c_str(), 0755) : rmdir(lib.c_str());
+    std::ofstream(ran, std::ios::trunc).close();
+    chmod(ran.c_str(), 0666);
     size_t mark = TestLog::Size();
-    kvxtest::ChildResult r = kvxtest::RunAs(kvxtest::Account(c.su ? AccountKind::Runner : c.who), [&](std::string& text) {
+    kvxtest::ChildResult r = kvxtest::RunAs(kvxtest::Account(c.runner), [&](std::string& text) {
         c.ld != NULL ? setenv("LD_LIBRARY_PATH", c.ld, 1) : unsetenv("LD_LIBRARY_PATH");
         c.path != NULL ? setenv("PATH", c.path, 1) : unsetenv("PATH");
         char out[1024] = "";
-        int rc = c.su ? SuperExecuteCmdEx(who.name.c_str(), pwd.c_str(), c.cmd, 1, c.timeout, out, sizeof(out))
-                      : SudoExecuteCmdEx(pwd.c_str(), c.cmd, 1, c.timeout, out, sizeof(out));
+        int rc = su ? SuperExecuteCmdEx(who.name.c_str(), pwd.c_str(), c.cmd, c.block, c.timeout, out, sizeof(out))
+                    : SudoExecuteCmdEx(pwd.c_str(), c.cmd, c.block, c.timeout, out, sizeof(out));
         text = out;
         return rc;
     });
+    for (int i = 0; c.block == 0 && i < 100 && fkit::ReadFile(ran).empty(); i++)
+        usleep(100000);   /* a command left running writes within 10 s */
     rmdir(lib.c_str());
     ASSERT_TRUE(r.finished) << r.error;
     EXPECT_EQ(c.rc, r.code);
-    EXPECT_EQ(c.rc == 0 ? c.out : r.text, r.text);
+    EXPECT_EQ(c.rc == 0 ? c.out : r.text, c.block == 0 ? fkit::ReadFile(ran) : r.text);
     EXPECT_EQ(1, TestLog::Count(mark, c.logged));
-    EXPECT_EQ(!c.su && !pwd.empty(), TestLog::Count(mark, "write password to tty: " + std::to_string(pwd.size()) + "\n"));
+    EXPECT_EQ(c.answers, TestLog::Count(mark, "write password to tty: " + std::to_string(pwd.size()) + "\n"));
     EXPECT_EQ(0, TestLog::Count(mark, who.password));
 }
 
@@ -105,6 +135,11 @@ static const ptk::RootCase kRoot[] = {
     { "PasswordlessSudoIsRoot", AccountKind::SudoNoPassword, AccountKind::SudoNoPassword, Pwd::Empty, 0, 0 },
     { "NoSudoRightsFails", AccountKind::Plain, AccountKind::Plain, Pwd::Right, 1, -5,
       "CheckRootUser: sudo -v failed (1).\n" },
+    /* sudo's "Sorry, try again." comes with its next prompt, answered: sudo's own tries end it */
+    { "WrongSudoPasswordFails", AccountKind::SudoPassword, AccountKind::SudoPassword, Pwd::Wrong, 1, -5,
+      "CheckRootUser: sudo -v failed (%d).\n" },
+    { "KeyLoginAskedForPasswordTakenAsRoot", AccountKind::SudoPassword, AccountKind::SudoPassword, Pwd::Empty,
+      0, 0, "CheckRootUser: sudo -v failed but treat it succeed on redhat 7 or above.\n" },
 };
 
 class RootCheck : public ::testing::TestWithParam<ptk::RootCase> {};
@@ -122,4 +157,83 @@ TEST(Elevated, NoDescriptorLeftAfter200Runs)
                           : SuperExecuteCmdEx("root", "", i % 4 == 2 ? ": silent" : "echo x", i % 4 != 1, -1, out, sizeof(out)));
     EXPECT_EQ(fds, fkit::OpenFdCount());
     ptk::ReapAll();
+}
+
+/* Procedure 3 through an agent under an ordinary account: su to the second root account when the agent
+ * is kvxt_run, else sudo (flag set) with the agent's own password. */
+struct RequestCase {
+    const char* name;
+    AccountKind agent;
+    Pwd pwd;
+    bool msg, block;
+    std::string cmd;
+    int ret;
+    std::string str;
+    double within;        /* the reply comes sooner than this, in seconds */
+    const char* leaves;   /* a file the command makes in the work directory; null: none */
+};
+
+static const std::string kDaemon = "(trap '' HUP; exec sleep 8) & echo $! >\"$TARGET_WORK_DIR/daemon.pid\"";
+
+static const RequestCase kRequests[] = {
+    { "SudoWrongPasswordAnsweredSoon", AccountKind::SudoPassword, Pwd::Wrong, false, false, "true", 1, "no return", 20 },
+    { "SudoRightPasswordRuns", AccountKind::SudoPassword, Pwd::Right, true, false, "id -u", 0, "0", 5 },
+    { "SuDaemonOnTheTerminalDoesNotHoldTheReply", AccountKind::Runner, Pwd::Right, true, false, kDaemon, 0, "", 5,
+      "daemon.pid" },
+    { "SuPasswordTooLongRunsNothing", AccountKind::Runner, Pwd::TooLong, false, false, "true", 1, "no return", 5 },
+    { "SuLongWaitRunsWhole", AccountKind::Runner, Pwd::Right, false, false, kLongX + "; [ ${#x} -eq 65000 ]", 0,
+      "no return", 10 },
+    { "SuLongMessageRunsWhole", AccountKind::Runner, Pwd::Right, true, false, kLong, 0, "65000", 10 },
+    { "SuLongBackgroundRunsWhole", AccountKind::Runner, Pwd::Right, false, true, kLongX + "; [ ${#x} -eq 65000 ] && "
+      "touch \"$TARGET_WORK_DIR/su-long\"", 0, "create child process successfully!", 5, "su-long" },
+    { "SudoCommandPromptGetsNoPassword", AccountKind::SudoNoPassword, Pwd::Right, true, false, kOwnPrompt, 0, "got[]", 10 },
+    { "SudoLongWaitRunsWhole", AccountKind::SudoNoPassword, Pwd::Empty, false, false,
+      kLongX + "; [ ${#x} -eq 65000 ]", 0, "no return", 10 },
+    { "SudoLongMessageRunsWhole", AccountKind::SudoNoPassword, Pwd::Empty, true, false, kLong, 0, "65000", 10 },
+    { "SudoLongBackgroundRunsWhole", AccountKind::SudoNoPassword, Pwd::Empty, false, true, kLongX +
+      "; [ ${#x} -eq 65000 ] && touch \"$TARGET_WORK_DIR/sudo-long\"", 0, "create child process successfully!", 5,
+      "sudo-long" },
+};
+
+/* After its elevated requests the agent still serves, its memory is closed to its own account, no password in its log. */
+static void CheckAgentAfterRequests(AgentHarness& h, const std::string& password)
+{
+    struct stat st;
+    ASSERT_EQ(0, stat(("/proc/" + std::to_string(h.agent_pid()) + "/mem").c_str(), &st));
+    EXPECT_EQ(0u, st.st_uid);
+    EXPECT_EQ("alive\n", text(rpc(h, EA_PROC_EXEC_CMD, exec_args("echo alive", true)), "str"));
+    EXPECT_EQ(std::string::npos, h.log().find(password));
+}
+
+TEST(ElevatedAgent, RequestsAnswerInTimeAndRunWhole)
+{
+    KVXT_REQUIRE_SUDO();
+    const kvxtest::TestAccount& alias = kvxtest::Account(AccountKind::RootAlias);
+    std::unique_ptr<AgentHarness> h;
+    for (size_t i = 0; i < sizeof(kRequests) / sizeof(kRequests[0]); i++) {
+        const RequestCase& c = kRequests[i];
+        const kvxtest::TestAccount& agent = kvxtest::Account(c.agent);
+        bool su = c.agent == AccountKind::Runner;
+        SCOPED_TRACE(c.name);
+        if (i == 0 || c.agent != kRequests[i - 1].agent) {   /* one agent per account */
+            h = std::make_unique<AgentHarness>();
+            h->run_as(agent.uid, agent.gid);
+            ASSERT_TRUE(h->start());
+        }
+        double t0 = ptk::Seconds();
+        Reply r = rpc(*h, EA_PROC_EXEC_CMD, exec_args(c.cmd, c.msg, c.block, 0, su ? alias.name : "",
+                                                      ptk::PasswordOf(c.pwd, su ? alias : agent), !su), 60000);
+        EXPECT_LT(ptk::Seconds() - t0, c.within);
+        EXPECT_EQ(c.ret, num(r, "ret"));
+        EXPECT_EQ(c.str, text(r, "str"));
+        std::string left = c.leaves != NULL ? h->work_dir + "/" + c.leaves : "";
+        for (int n = 0; c.leaves != NULL && n < 50 && AgentHarness::read_file(left).empty(); n++)
+            usleep(100000);
+        EXPECT_TRUE(c.leaves == NULL || AgentHarness::exists(left));
+        pid_t daemon = c.leaves != NULL ? atoi(AgentHarness::read_file(left).c_str()) : 0;
+        if (daemon > 1)
+            kill(daemon, SIGKILL);
+        if (i + 1 == sizeof(kRequests) / sizeof(kRequests[0]) || kRequests[i + 1].agent != c.agent)
+            CheckAgentAfterRequests(*h, su ? alias.password : agent.password);
+    }
 }

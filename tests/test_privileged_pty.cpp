@@ -11,23 +11,31 @@ static ::testing::Environment* const g_env = ::testing::AddGlobalTestEnvironment
 /* Leaves the terminal at once, and outlives its hang-up. */
 #define QUIET "trap '' HUP; exec </dev/null >/dev/null 2>&1; "
 
+static const std::string kLongPwd(130, 'L');   /* with its newline, over the 128-byte buffer */
+
 static const ptk::PtyCase kRuns[] = {
     { "AnyCasePromptAnswered", { "bash", "-c", "stty -echo; printf '[sudo] PASSWORD for bob: '; "
       "IFS= read -r -t 5 l; printf '\\n'; [ \"$l\" = pw-1 ]" }, "pw-1", 1, -1, 0, 1 },
     { "NoPasswordAnswersBareNewline", { "bash", "-c", PROMPT "[ -z \"$l\" ]" }, "", 1, -1, 0, 0 },
-    { "TryAgainWithPromptInOneChunkNotAnswered", { "bash", "-c", "stty -echo; printf 'Sorry, try again. "
-      "[sudo] password for bob: '; IFS= read -r -t 2 l && exit 91; exit 0" }, "pw-2", 1, -1, 0, 0 },
+    { "PromptAfterTryAgainInOneChunkAnswered", { "bash", "-c", "stty -echo; printf 'Sorry, try again. "
+      "[sudo] password for bob: '; IFS= read -r -t 5 l; printf '\\n'; [ \"$l\" = pw-2 ]" }, "pw-2", 1, -1, 0, 1 },
+    { "PromptWithEchoOnIsOutput", { "bash", "-c", "printf 'Password: '; IFS= read -r -t 2 l; printf 'got[%s]' \"$l\"" },
+      "pw-9", 1, -1, 0, 0, false, "got[]", NULL, 0, 1.5 },
+    { "PasswordTooLongRunsNothing", { "bash", "-c", PROMPT "exit 7" }, kLongPwd.c_str(), 1, -1, -6, 0, false, "",
+      "ExecuteCmdInteractively: password is too long (130 bytes), nothing run.\n", 1 },
+    { "DaemonLeftOnTerminalDoesNotHoldReturn", { "sh", "-c", "echo out; (trap '' HUP; exec sleep 8) &" }, NULL, 1,
+      -1, 0, 0, false, "out" },
     { "PromptAfterTryAgainAnswered", { "bash", "-c", PROMPT "sleep 0.5; printf 'Sorry, try again.\\n'; "
       "sleep 0.5; " PROMPT "[ \"$l\" = pw-3 ]" }, "pw-3", 1, -1, 0, 2 },
     { "StopsAnsweringAfterFourthAnswer", { "bash", "-c", "stty -echo; n=0; while [ $n -lt 6 ]; do "
       "printf 'Password: '; IFS= read -r -t 2 l || break; n=$((n+1)); printf '\\n'; sleep 0.5; "
-      "done; exit $n" }, "secret-4", 1, -1, 4, 4 },
+      "done; exit $n" }, "secret-4", 1, -1, 4, 4, false, NULL, NULL, 0, 3.5 },
     { "PasswordChangeAfterTimeoutIsOne", { "bash", "-c", FOUR_PROMPTS "'Changing password for bob.'; "
       "sleep 3" }, "pw-5", 1, 2, 1, 4, true, "1", NULL, 0, 1.5 },
     { "PasswordChangeMatchIsCaseSensitive", { "bash", "-c", FOUR_PROMPTS "'changing password for bob.'; "
       "sleep 3" }, "pw-6", 1, 2, -8, 4, true, "", NULL, 0, 1.5 },
-    { "EchoedPasswordKeptOutOfLog", { "bash", "-c", "printf 'Password: '; IFS= read -r l; echo \"got $l\"; "
-      "exit 3" }, "Zq-distinctive-Pw-8841", 1, -1, 3, 1 },
+    { "EchoedPasswordKeptOutOfLog", { "bash", "-c", "stty -echo; printf 'Password: '; IFS= read -r l; "
+      "echo \"got $l\"; exit 3" }, "Zq-distinctive-Pw-8841", 1, -1, 3, 1 },
     { "TextWithoutPasswordNotAnsweredWarningDropped", { "sh", "-c", "printf 'Warning: no tty ticket\\n42\\n'" },
       "pw-7", 1, -1, 0, 0, false, "42" },
     { "OutputBoundedByItsSize", { "sh", "-c", "printf abcdefghijklmnopqrstuvwxyz0123456789" }, NULL, 1, -1, 0, 0,

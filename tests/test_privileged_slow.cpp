@@ -1,7 +1,8 @@
-/* Cases that wait out the 30-second terminal budget or sudo's retries: 30 to 50 s each. */
+/* Cases that wait out the 30-second terminal budget, or an agent's cleanup through su or sudo: 30 to 50 s each. */
 #include <gtest/gtest.h>
 
 #include "privileged_testkit.h"
+#include "test_exec_cmd_client.h"
 
 using kvxtest::AccountKind;
 using ptk::Pwd;
@@ -31,17 +32,44 @@ TEST(SuSlow, NothingPrintedWithin30SecondsIsMinusFive)   /* as root, su asks not
     ptk::ReapAll();
 }
 
-/* sudo's "Sorry, try again." usually comes with the next prompt, which then goes unanswered */
-static const ptk::RootCase kSlowRoot[] = {
-    { "KeyLoginAskedForPasswordTakenAsRoot", AccountKind::SudoPassword, AccountKind::SudoPassword, Pwd::Empty,
-      0, 0, "CheckRootUser: sudo -v failed but treat it succeed on redhat 7 or above.\n" },
-    /* sudo prints "Sorry, try again." and its next prompt in one chunk or in
-     * two: unanswered, the wait times out (-8); answered, sudo gives up (1) */
-    { "WrongPasswordFails", AccountKind::SudoPassword, AccountKind::SudoPassword, Pwd::Wrong, -8, -5,
-      "CheckRootUser: sudo -v failed (%d).\n", 1 },
+/* The cleanup after SIGHUP runs its commands through the account cached from the first elevated request. */
+struct CleanupCase {
+    const char* name;
+    AccountKind agent;    /* sudo with the agent's own account */
+    Pwd pwd;
+    const char* hang;     /* shell text of the driverinstall stub; null: no stub */
+    int within;           /* the agent has exited (status 1) within this many seconds of the signal */
 };
 
-class SudoRootCheckSlow : public ::testing::TestWithParam<ptk::RootCase> {};
+static const CleanupCase kCleanups[] = {
+    { "WrongCachedSudoPasswordStillExits", AccountKind::SudoPassword, Pwd::Wrong, NULL, 110 },
+    { "HangingCommandEndsAtItsLimit", AccountKind::SudoNoPassword, Pwd::Empty,
+      "echo $$ >\"$TARGET_WORK_DIR/hang.pid\"; exec sleep 90", 50 },
+};
 
-TEST_P(SudoRootCheckSlow, ResultAndUid) { KVXT_REQUIRE_SUDO(); ptk::CheckRootCase(GetParam()); }
-INSTANTIATE_TEST_SUITE_P(CheckRootUser, SudoRootCheckSlow, ::testing::ValuesIn(kSlowRoot), ptk::ByName());
+static void PrintTo(const CleanupCase& c, std::ostream* os) { *os << c.name; }
+class CleanupElevated : public ::testing::TestWithParam<CleanupCase> {};
+
+TEST_P(CleanupElevated, AgentExitsInTime)
+{
+    KVXT_REQUIRE_SUDO();
+    const CleanupCase& c = GetParam();
+    const kvxtest::TestAccount& agent = kvxtest::Account(c.agent);
+    AgentHarness h;
+    if (c.hang != NULL)
+        h.add_stub("driverinstall", 0, c.hang);
+    h.run_as(agent.uid, agent.gid);
+    ASSERT_TRUE(h.start());
+    Reply r = rpc(h, EA_PROC_EXEC_CMD, exec_args("true", false, false, 0, "", ptk::PasswordOf(c.pwd, agent), 1), 60000);
+    EXPECT_EQ(c.pwd == Pwd::Wrong ? 1 : 0, num(r, "ret"));
+    double t0 = ptk::Seconds();
+    h.signal_agent(SIGHUP);
+    EXPECT_EQ(1, h.wait_exit(c.within)) << ptk::Seconds() - t0;
+    EXPECT_EQ(1, log_count(h.log(), "svc_main", 144, "cleanup_target finished."));
+    pid_t hung = atoi(AgentHarness::read_file(h.work_dir + "/hang.pid").c_str());
+    EXPECT_EQ(c.hang != NULL, hung > 1);   /* the stub did hang the cleanup */
+    if (hung > 1)
+        kill(hung, SIGKILL);
+}
+
+INSTANTIATE_TEST_SUITE_P(Cleanup, CleanupElevated, ::testing::ValuesIn(kCleanups), ptk::ByName());

@@ -30,30 +30,74 @@ static const char* const kSudoFn = "SudoExecuteCmdEx";
 /* ---------------------------------------------------------------------- */
 
 /*
- * Builds the text su runs: the library path and PATH exports when the agent
- * has them, then cmd ("id" when null), the whole cut to size - 1 bytes.
+ * One export statement for the su command text: "export NAME=\"value\"; "
+ * for a value of safe characters, else the value single-quoted.  Heap
+ * string (caller frees), or null without memory.
  */
-static void build_su_command(const char* cmd, char* out, size_t size)
+static char* su_export(const char* name, const char* value)
 {
-    const char* ld = getenv("LD_LIBRARY_PATH");
-    const char* path = getenv("PATH");
-    size_t len = 0;
+    size_t wordSize = strlen(value) * 4 + 3;   /* every ' may become '\'' */
+    size_t size = wordSize + strlen(name) + 16;
+    char* word = (char*)malloc(wordSize);
+    char* out = (char*)malloc(size);
 
-    out[0] = '\0';
-    if (ld != NULL) {
-        snprintf(out, size, "export LD_LIBRARY_PATH=\"%s\"; ", ld);
-        if (path != NULL) {
-            len = strlen(out);
-            snprintf(out + len, size - len, "export PATH=\"%s:" STD_PATH "\"; ", path);
-        }
+    /* a library path or PATH with a blank or a quote stays one word; "" stays "" */
+    if (word == NULL || out == NULL ||
+        (value[0] != '\0' ? zel_shell_word(value, 1, word, wordSize) == NULL
+                           : snprintf(word, wordSize, "\"\"") < 0)) {
+        free(word);
+        free(out);
+        return NULL;
     }
-    /* a command longer than the space left is cut to fit */
-    len = strlen(out);
-    snprintf(out + len, size - len, "%s", cmd != NULL ? cmd : "id");
+    snprintf(out, size, "export %s=%s; ", name, word);
+    free(word);
+    return out;
 }
 
 /*
- * Takes su's first output as its prompt and answers it with password.
+ * Builds the text su runs: the library path and PATH exports when the agent
+ * has them, then cmd ("id" when null), whole.  Heap string (caller frees),
+ * or null without memory.
+ */
+static char* build_su_command(const char* cmd)
+{
+    const char* ld = getenv("LD_LIBRARY_PATH");
+    const char* path = getenv("PATH");
+    char* ldExport = NULL;
+    char* pathExport = NULL;
+    char* pathValue = NULL;
+    char* out = NULL;
+    size_t size;
+
+    if (cmd == NULL)
+        cmd = "id";
+    if (ld != NULL) {
+        ldExport = su_export("LD_LIBRARY_PATH", ld);
+        if (path != NULL) {
+            size = strlen(path) + sizeof(":" STD_PATH);
+            pathValue = (char*)malloc(size);
+            if (pathValue != NULL) {
+                snprintf(pathValue, size, "%s:" STD_PATH, path);
+                pathExport = su_export("PATH", pathValue);
+            }
+        }
+    }
+    if (ld == NULL || (ldExport != NULL && (path == NULL || pathExport != NULL))) {
+        /* sized from the command: every command the channel accepts runs whole */
+        size = (ldExport ? strlen(ldExport) : 0) + (pathExport ? strlen(pathExport) : 0) + strlen(cmd) + 1;
+        out = (char*)malloc(size);
+        if (out != NULL)
+            snprintf(out, size, "%s%s%s", ldExport ? ldExport : "", pathExport ? pathExport : "", cmd);
+    }
+    free(ldExport);
+    free(pathExport);
+    free(pathValue);
+    return out;
+}
+
+/*
+ * Takes su's first output as its prompt and answers it with password while
+ * the terminal's echo is off; other text is left as the command's output.
  * Returns 0, or -2 select error, -5 nothing printed in time, -3 read
  * failure, -4 short write.  buf (PTY_CHUNK + 1 bytes) keeps the last chunk read.
  */
@@ -63,7 +107,7 @@ static int su_answer_prompt(PtyRun* run, const char* password, char* buf)
     ssize_t n;
     int ready;
 
-    ready = pty_select(kSuFn, run->masterFd, 0, &tv, 1);
+    ready = pty_select(kSuFn, run, 0, &tv, 1);
     if (ready < 0)
         return -2;
     if (ready == 0) {
@@ -79,13 +123,16 @@ static int su_answer_prompt(PtyRun* run, const char* password, char* buf)
     }
     buf[n] = '\0';
     pty_log_text(3, __LINE__, "%stty output is: %s\n", "", buf, run->secret);
+    /* su that asks nothing prints the command's output: the password never goes there */
+    if (!pty_echo_off(run))
+        return 0;
 
     if (write(run->masterFd, password, strlen(password)) != (ssize_t)strlen(password)) {
         ZELLogFunction(0, ZELFUNC_SRC, __LINE__, "%s: failed to write password(%d).\n", kSuFn, errno);
         return -4;
     }
     /* the echo is read and dropped; a failed read leaves the prompt in buf */
-    n = read(run->masterFd, buf, PTY_CHUNK);
+    n = pty_read_answer(run, buf, PTY_CHUNK, -1);
     if (n >= 0)
         buf[n] = '\0';
     return 0;
@@ -111,31 +158,26 @@ static int su_finish_blocking(PtyRun* run, int mytimeout, char* output, int outp
     return WEXITSTATUS(status);
 }
 
-/*
- * Runs cmd (null: "id") as user through "su <user> -mc", answering su's
- * first output with pwd and a newline (an empty pwd sends a bare newline).
- * block and mytimeout as for ExecuteCmdInteractively(); output (may be
- * null) gets the cleaned terminal text, at most outputSize - 1 bytes.
- * Returns the exit code, 1 when a time-out meets a password-change
- * dialogue, or -1 null user or pwd / forkpty, -2 select, -3 read, -4 write,
- * -5 no prompt within 30 s, -6 wait, -7 killed by a signal, -9 time-out.
- * The master descriptor is closed and SIGCHLD restored on every return.
- */
-int SuperExecuteCmdEx(const char* user, const char* pwd, const char* cmd, int block,
-                      int mytimeout, char* output, int outputSize)
+/* SuperExecuteCmdEx() whose run gives up after limit seconds (0: no limit). */
+static int su_run(const char* user, const char* pwd, const char* cmd, int block, int mytimeout,
+                  int limit, char* output, int outputSize)
 {
-    char cmdline[4096];
-    char password[128];
+    char password[PTY_PASSWORD_SIZE];
     char buf[PTY_CHUNK + 1] = "";
     char* argv[5];
+    char* cmdline;
     PtyRun run;
     int rc;
 
     if (user == NULL || pwd == NULL)
         return -1;
+    if (pty_password_too_long(kSuFn, pwd))
+        return -4;
+    cmdline = build_su_command(cmd);
+    if (cmdline == NULL)
+        return -1;
 
-    pty_run_begin(&run, pwd);
-    build_su_command(cmd, cmdline, sizeof(cmdline));
+    pty_run_begin(&run, pwd, limit);
     ZELLogFunction(3, ZELFUNC_SRC, __LINE__, "%s: execute command (%s)\n", kSuFn, cmdline);
     snprintf(password, sizeof(password), "%s\n", pwd);
 
@@ -145,29 +187,70 @@ int SuperExecuteCmdEx(const char* user, const char* pwd, const char* cmd, int bl
     argv[3] = cmdline;
     argv[4] = NULL;
 
-    if (pty_fork(kSuFn, &run) < 0)
-        return -1;
-    if (run.pid == 0) {
-        execvp("su", argv);
-        int err = errno;
-        ZELLogFunction(0, ZELFUNC_SRC, __LINE__, "%s: failed to execute cmd: %s(%d).\n", kSuFn, cmdline, err);
-        pty_child_exit(err);
+    if (pty_fork(kSuFn, &run) < 0) {
+        rc = -1;
+    } else {
+        if (run.pid == 0) {
+            execvp("su", argv);
+            int err = errno;
+            ZELLogFunction(0, ZELFUNC_SRC, __LINE__, "%s: failed to execute cmd: %s(%d).\n", kSuFn, cmdline, err);
+            pty_child_exit(err);
+        }
+        rc = su_answer_prompt(&run, password, buf);
+        if (rc == 0 && block == 1)
+            rc = su_finish_blocking(&run, mytimeout, output, outputSize, buf);
+        else if (rc == 0)
+            pty_hand_over(&run);   /* the command runs on: its terminal stays open until it is done */
     }
-
-    rc = su_answer_prompt(&run, password, buf);
-    if (rc == 0 && block == 1)
-        rc = su_finish_blocking(&run, mytimeout, output, outputSize, buf);
+    explicit_bzero(password, sizeof(password));
     /* closed on every path, the non-blocking and successful ones included */
     pty_finish(&run);
+    free(cmdline);
     return rc;
+}
+
+/*
+ * Runs cmd (null: "id") as user through "su <user> -mc", answering su's
+ * first output with pwd and a newline (an empty pwd sends a bare newline)
+ * when the terminal's echo is off.  block and mytimeout as for
+ * ExecuteCmdInteractively(); with block != 1 the command runs on after the
+ * return.  output (may be null) gets the cleaned terminal text, at most
+ * outputSize - 1 bytes.  Returns the exit code, 1 when a time-out meets a
+ * password-change dialogue, or -1 null user or pwd / forkpty / no memory,
+ * -2 select, -3 read, -4 write (or a password too long to send whole:
+ * nothing run), -5 no prompt within 30 s, -6 wait, -7 killed by a signal,
+ * -9 time-out.  The master descriptor is closed, SIGCHLD restored and the
+ * password wiped on every return.
+ */
+int SuperExecuteCmdEx(const char* user, const char* pwd, const char* cmd, int block,
+                      int mytimeout, char* output, int outputSize)
+{
+    return su_run(user, pwd, cmd, block, mytimeout, 0, output, outputSize);
 }
 
 /* ---------------------------------------------------------------------- */
 /* sudo path                                                               */
 /* ---------------------------------------------------------------------- */
 
-/* Fills argv (capacity SUDO_ARGV_MAX) with the sudo call for cmd (null: -v). */
-static void build_sudo_argv(char** argv, const char* cmd)
+/*
+ * Stores a heap copy of s, whole, in argv's next free slot (capacity
+ * SUDO_ARGV_MAX, the last slot kept null): PushArgv() would cut it at 2047
+ * characters.  0, or -1 when full or without memory.
+ */
+static int push_whole(char** argv, const char* s)
+{
+    int i = 0;
+
+    while (i + 1 < SUDO_ARGV_MAX && argv[i] != NULL)
+        i++;
+    if (i + 1 >= SUDO_ARGV_MAX)
+        return -1;
+    argv[i] = strdup(s);
+    return argv[i] != NULL ? 0 : -1;
+}
+
+/* Fills argv (capacity SUDO_ARGV_MAX) with the sudo call for cmd (null: -v); -1 without memory. */
+static int build_sudo_argv(char** argv, const char* cmd)
 {
     struct stat st;
     const char* ld;
@@ -177,7 +260,7 @@ static void build_sudo_argv(char** argv, const char* cmd)
     if (cmd == NULL) {
         PushArgv(argv, SUDO_ARGV_MAX, "-v");
         ZELLogFunction(3, ZELFUNC_SRC, __LINE__, "%s: execute command (%s)\n", kSudoFn, "sudo -v");
-        return;
+        return 0;
     }
 
     PushArgv(argv, SUDO_ARGV_MAX, "-E");
@@ -193,34 +276,44 @@ static void build_sudo_argv(char** argv, const char* cmd)
     }
     PushArgv(argv, SUDO_ARGV_MAX, "sh");
     PushArgv(argv, SUDO_ARGV_MAX, "-c");
-    PushArgv(argv, SUDO_ARGV_MAX, "%s", cmd);
+    /* the command goes whole: every command the channel accepts runs as it was sent */
+    if (push_whole(argv, cmd) != 0)
+        return -1;
 
     ZELLogFunction(3, ZELFUNC_SRC, __LINE__, "%s: arg[1] %s, arg[2] %s, arg[3] %s, arg[4]=%s.\n", kSudoFn,
                    argv[1] ? argv[1] : "", argv[2] ? argv[2] : "", argv[3] ? argv[3] : "",
                    argv[4] ? argv[4] : "");
     ZELLogFunction(3, ZELFUNC_SRC, __LINE__, "%s: execute command (%s)\n", kSudoFn, cmd);
+    return 0;
 }
 
-/*
- * Runs cmd as root through "sudo -E [LD_LIBRARY_PATH=..] PATH=.. sh -c cmd"
- * on a pseudo-terminal (null cmd: "sudo -v"), answering sudo's prompt with
- * pwd.  Returns 127 when sudo is not installed, else what
- * ExecuteCmdInteractively() returns.
- */
-int SudoExecuteCmdEx(const char* pwd, const char* cmd, int block, int mytimeout,
-                     char* output, int outputSize)
+/* SudoExecuteCmdEx() whose run gives up after limit seconds (0: no limit). */
+static int sudo_run(const char* pwd, const char* cmd, int block, int mytimeout, int limit,
+                    char* output, int outputSize)
 {
     char* argv[SUDO_ARGV_MAX];
-    int rc;
+    int rc = -1;
 
     if (ExecuteCmd("which sudo >/dev/null 2>&1") != 0)
         return 127;
 
     memset(argv, 0, sizeof(argv));
-    build_sudo_argv(argv, cmd);
-    rc = ExecuteCmdInteractively(argv, pwd, block, mytimeout, output, outputSize);
+    if (build_sudo_argv(argv, cmd) == 0)
+        rc = pty_run_interactive(argv, pwd, block, mytimeout, limit, output, outputSize);
     CleanArgv(argv);
     return rc;
+}
+
+/*
+ * Runs cmd as root through "sudo -E [LD_LIBRARY_PATH=..] PATH=.. sh -c cmd"
+ * on a pseudo-terminal (null cmd: "sudo -v"), answering sudo's prompt with
+ * pwd.  Returns 127 when sudo is not installed, -1 without memory, else
+ * what ExecuteCmdInteractively() returns.
+ */
+int SudoExecuteCmdEx(const char* pwd, const char* cmd, int block, int mytimeout,
+                     char* output, int outputSize)
+{
+    return sudo_run(pwd, cmd, block, mytimeout, 0, output, outputSize);
 }
 
 /*
@@ -234,6 +327,18 @@ int SuperExecuteCmd(const char* user, const char* pwd, const char* cmd, int bloc
     if (user != NULL && user[0] != '\0')
         return SuperExecuteCmdEx(user, pwd, cmd, block, -1, output, outputSize);
     return SudoExecuteCmdEx(pwd, cmd, block, -1, output, outputSize);
+}
+
+/*
+ * SuperExecuteCmd(user, pwd, cmd, 1, NULL, 0) whose run, prompts included,
+ * gives up after seconds (> 0): the runner then returns its time-out code
+ * (-9 su, -8 sudo) and closes the terminal, which hangs the command up.
+ */
+int SuperExecuteCmdWithin(const char* user, const char* pwd, const char* cmd, int seconds)
+{
+    if (user != NULL && user[0] != '\0')
+        return su_run(user, pwd, cmd, 1, -1, seconds, NULL, 0);
+    return sudo_run(pwd, cmd, 1, -1, seconds, NULL, 0);
 }
 
 /* ---------------------------------------------------------------------- */
