@@ -4,9 +4,11 @@
 
 #include <signal.h>
 #include <string.h>
+#include <sys/select.h>
 #include <sys/stat.h>
 
 #include <chrono>
+#include <vector>
 
 #include "foundation_testkit.h"
 #include "test_accounts.h"
@@ -43,6 +45,7 @@ struct PtyCase {
     const char *out, *logged;          /* cleaned output (null: not checked); a line logged `count` times */
     int count;
     double seconds;                    /* the return takes at least this, and less than 3.5 s more */
+    bool highFd;                       /* the terminal's master lands above what an fd_set holds */
 };
 
 inline void PrintTo(const PtyCase& c, std::ostream* os) { *os << c.name; }
@@ -56,6 +59,11 @@ inline void CheckPtyCase(const PtyCase& c)
     ASSERT_EQ(0, sigaction(SIGCHLD, &mine, &before));
     char out[40] = "";
     memset(out + 1, 'X', sizeof(out) - 1);
+    std::vector<int> busy;   /* descriptors taken so that the next one is FD_SETSIZE or above */
+    for (int fd = 0; c.highFd && fd >= 0 && fd < FD_SETSIZE;)
+        busy.push_back(fd = dup(0));
+    /* the run ends at once: a child that has not yet set up its own trap must outlive the hang-up */
+    sighandler_t hup = signal(SIGHUP, c.highFd ? SIG_IGN : SIG_DFL);
     long fds = fkit::OpenFdCount();
     size_t mark = TestLog::Size();
     pid_t self = getpid();
@@ -67,6 +75,9 @@ inline void CheckPtyCase(const PtyCase& c)
     /* never sooner than its least time, nor waiting for a child left running or a daemon on the terminal */
     EXPECT_TRUE(took >= c.seconds && took < c.seconds + 3.5) << took;
     EXPECT_EQ(fds, fkit::OpenFdCount());
+    for (int fd : busy)
+        close(fd);
+    signal(SIGHUP, hup);
     ASSERT_EQ(0, sigaction(SIGCHLD, &before, &after));
     EXPECT_TRUE(after.sa_handler == mine.sa_handler && (after.sa_flags & (SA_NOCLDSTOP | SA_RESTART)) == SA_NOCLDSTOP);
     EXPECT_EQ(c.running, waitpid(-1, NULL, WNOHANG) == 0);

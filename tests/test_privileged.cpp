@@ -2,9 +2,11 @@
 #include <gtest/gtest.h>
 
 #include <fstream>
+#include <functional>
 #include <memory>
 
 #include "privileged_testkit.h"
+#include "ea_svc.h"
 #include "test_exec_cmd_client.h"
 
 using kvxtest::AccountKind;
@@ -235,5 +237,28 @@ TEST(ElevatedAgent, RequestsAnswerInTimeAndRunWhole)
             kill(daemon, SIGKILL);
         if (i + 1 == sizeof(kRequests) / sizeof(kRequests[0]) || kRequests[i + 1].agent != c.agent)
             CheckAgentAfterRequests(*h, su ? alias.password : agent.password);
+    }
+}
+
+/* Every procedure that takes a password overwrites the request's copy once it has run. */
+TEST(Passwords, HandlersWipeTheRequestCopy)
+{
+    std::vector<char> text(EA_EXEC_RES_SIZE), point(EA_MOUNT_POINT_SIZE);
+    std::string mnt = ptk::Env::work / "mnt";
+    const struct { const char* name; std::function<void(char*)> run; } handlers[] = {
+        { "exec", [&](char* pwd) { ExecCmdargs a = { 5, (char*)"true", 0, 0, 0, (char*)"", pwd, 1 };
+                                   ExecCmdres r = { 0, 0, text.data() }; exec_cmd_svc(&a, &r); } },
+        { "mount", [&](char* pwd) { Mountargs a = { (char*)"/nonexistent-kvxt/sess", (char*)"u", pwd, &mnt[0] };
+                                    Mountres r = { 0, 0, point.data() }; mount_svc(&a, &r); } },
+        { "vmdetect", [&](char* pwd) { ExecCmdargs a = { 7, (char*)"no-job", 0, 0, 0, (char*)"", pwd, 0 };
+                                       VMDetectInfores r = {}; detect_vm_info_svc(&a, &r); } },
+        { "checkmachine", [&](char* pwd) { ExecCmdargs a = { 8, (char*)"no-check", 0, 0, 0, (char*)"", pwd, 0 };
+                                           ExecCmdres r = { 0, 0, text.data() }; check_machine(&a, &r); } },
+    };
+    for (const auto& h : handlers) {
+        SCOPED_TRACE(h.name);
+        char pwd[] = "Wipe-Me-8c1f";
+        h.run(pwd);
+        EXPECT_EQ(std::string(sizeof(pwd), '\0'), std::string(pwd, sizeof(pwd)));
     }
 }

@@ -16,6 +16,10 @@ static const ptk::PtyCase kQuiet[] = {
       NULL, kNoData, 1, 29.5 },
     { "BlockingLogsSixteenTimesThenTimesOut", { "sh", "-c", "trap '' HUP; exec sleep 36" }, NULL, 1, 2, -8, 0,
       true, NULL, kNoData, 16, 31.5 },
+    /* after a time-out the runner's newline gets no answer: it waits 5 s for one, not for the child */
+    { "SilentTerminalAfterTimeoutWaitedFiveSeconds", { "bash", "-c", "trap '' HUP; for i in 1 2 3 4; do stty -echo; "
+      "printf 'Password: '; IFS= read -r -t 5 l || exit 90; printf '\\n'; done; exec sleep 16" }, "pw-s", 1, 2, -8, 4,
+      true, NULL, NULL, 0, 6.5 },
 };
 
 class QuietTerminal : public ::testing::TestWithParam<ptk::PtyCase> {};
