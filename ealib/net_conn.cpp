@@ -81,6 +81,7 @@ int STDIOChannel::read_pending_line(char* buffer, int size)
             buffer[take] = '\0';
             m_plen -= take;
             memmove(m_pend, m_pend + take, (size_t)m_plen);
+            explicit_bzero(m_pend + m_plen, (size_t)take);   /* no stale copy of a request */
             return (int)strlen(buffer);
         }
         if (m_eof)

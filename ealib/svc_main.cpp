@@ -334,6 +334,7 @@ int svc_main(ExecProto* proto)
     if (old_path != NULL)
         old_path = exstrncpy(old_path_buf, old_path, sizeof(old_path_buf));
     umask(0);
+    jxdr_wipe_freed_json();
 
     open_agent_log();
     take_product_lock();

@@ -59,6 +59,8 @@ TEST(ExecCmd, ModesAnswerAsTheServerExpects)
         EXPECT_EQ(c.ret, num(r, "ret"));
         EXPECT_EQ(c.str, text(r, "str"));
         EXPECT_EQ((long long)c.str.size(), num(r, "retmsg_len"));
+        if (*c.pwd != '\0')
+            EXPECT_FALSE(memory_holds(h.agent_pid(), c.pwd)) << "a used password stays in memory";
     }
     for (const auto& [fn, param, key, value] : kBadArgs) {
         SCOPED_TRACE(std::to_string(fn) + " " + param);
