@@ -59,8 +59,9 @@ TEST(ExecCmd, ModesAnswerAsTheServerExpects)
         EXPECT_EQ(c.ret, num(r, "ret"));
         EXPECT_EQ(c.str, text(r, "str"));
         EXPECT_EQ((long long)c.str.size(), num(r, "retmsg_len"));
-        if (*c.pwd != '\0')
+        if (*c.pwd != '\0') {
             EXPECT_FALSE(memory_holds(h.agent_pid(), c.pwd)) << "a used password stays in memory";
+        }
     }
     for (const auto& [fn, param, key, value] : kBadArgs) {
         SCOPED_TRACE(std::to_string(fn) + " " + param);
@@ -70,6 +71,12 @@ TEST(ExecCmd, ModesAnswerAsTheServerExpects)
         EXPECT_EQ(value, num(r, key));
     }
     EXPECT_EQ("invalid argument!", text(rpc(h, EA_PROC_EXEC_CMD, ""), "str"));
+    /* a daemon the command leaves holding its output does not hold the reply */
+    std::string done = h.root + "/daemon.done";
+    Reply d = rpc(h, EA_PROC_EXEC_CMD,
+                  exec_args("echo early; (until [ -e " + done + " ]; do sleep 0.1; done) &", true));
+    AgentHarness::write_file(done, "");
+    EXPECT_EQ("early\n", text(d, "str"));
 
     sleep(2);   /* the background child has run its command and ended */
     h.close_input();

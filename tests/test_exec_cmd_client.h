@@ -55,7 +55,9 @@ inline bool memory_holds(pid_t pid, const std::string& text)
     for (std::string line; mem >= 0 && !found && std::getline(maps, line);) {
         unsigned long long lo = 0, hi = 0;
         char perms[5] = "";
-        if (sscanf(line.c_str(), "%llx-%llx %4s", &lo, &hi, perms) != 3 || perms[1] != 'w')
+        /* a sanitizer's reserved regions are huge and hold no data of ours */
+        if (sscanf(line.c_str(), "%llx-%llx %4s", &lo, &hi, perms) != 3 || perms[1] != 'w' ||
+            hi - lo > (256ULL << 20))
             continue;
         std::string chunk(hi - lo, '\0');
         ssize_t n = pread(mem, &chunk[0], chunk.size(), (off_t)lo);
