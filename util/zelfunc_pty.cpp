@@ -9,18 +9,14 @@
  */
 #include <errno.h>
 #include <fcntl.h>
-#include <limits.h>
 #include <pty.h>
 #include <signal.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 #include <strings.h>
-#include <sys/select.h>
-#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <termios.h>
-#include <time.h>
 #include <unistd.h>
 
 #include "zelfunc.h"
@@ -28,8 +24,6 @@
 #include "zelfunc_pty.h"
 
 #define READ_PWD_MAX_TIME 3     /* answers given before the last one allowed */
-#define PTY_SLICE_MS      100   /* how often a wait for terminal text looks at the child */
-#define PTY_NUDGE_MS      5000  /* how long a timed-out terminal may take to answer a newline */
 
 /* Where the prompt phase leaves off. */
 enum { PROMPT_WAIT = 1, PROMPT_IDLE = 2 };
@@ -40,65 +34,6 @@ static const char* const kRunFn = "ExecuteCmdInteractively";
 /* pieces shared with the su path                                          */
 /* ---------------------------------------------------------------------- */
 
-static long long now_ms(void)
-{
-    struct timespec ts;
-
-    clock_gettime(CLOCK_MONOTONIC, &ts);
-    return (long long)ts.tv_sec * 1000 + ts.tv_nsec / 1000000;
-}
-
-/* 1 once the child has ended (or is no longer ours); it is left unreaped. */
-static int child_ended(pid_t pid)
-{
-    siginfo_t si;
-
-    memset(&si, 0, sizeof(si));
-    if (waitid(P_PID, (id_t)pid, &si, WEXITED | WNOHANG | WNOWAIT) != 0)
-        return errno != EINTR;
-    return si.si_pid == pid;
-}
-
-/*
- * Waits for the master to become readable, at most waitMs (-1: no bound)
- * and never past the run's limit.  1 readable, 0 nothing in time,
- * PTY_CHILD_GONE when the child has ended with nothing readable, -1 with
- * errno (EINTR included).
- */
-static int await_data(PtyRun* run, long long waitMs)
-{
-    long long end = waitMs < 0 ? LLONG_MAX : now_ms() + waitMs;
-    long long left, slice;
-    struct timeval tv;
-    fd_set fds;
-    int n;
-
-    if (run->masterFd < 0 || run->masterFd >= FD_SETSIZE) {
-        /* an fd_set cannot hold it: report a select failure, never overflow */
-        errno = EBADF;
-        return -1;
-    }
-    if (run->deadline > 0 && run->deadline < end)
-        end = run->deadline;
-    for (;;) {
-        left = end - now_ms();
-        left = left < 0 ? 0 : left;
-        slice = left < PTY_SLICE_MS ? left : PTY_SLICE_MS;
-        tv.tv_sec = (time_t)(slice / 1000);
-        tv.tv_usec = (suseconds_t)(slice % 1000) * 1000;
-        FD_ZERO(&fds);
-        FD_SET(run->masterFd, &fds);
-        n = select(run->masterFd + 1, &fds, NULL, NULL, &tv);
-        if (n != 0)
-            return n > 0 ? 1 : -1;
-        /* a daemon the command left on the terminal must not hold us: stop once the child is gone */
-        if (child_ended(run->pid))
-            return PTY_CHILD_GONE;
-        if (left <= PTY_SLICE_MS)
-            return 0;
-    }
-}
-
 void pty_run_begin(PtyRun* run, const char* pwd, int limit)
 {
     struct sigaction dfl;
@@ -107,7 +42,7 @@ void pty_run_begin(PtyRun* run, const char* pwd, int limit)
     run->pid = -1;
     run->masterFd = -1;
     if (limit > 0)
-        run->deadline = now_ms() + (long long)limit * 1000;
+        run->deadline = pty_now_ms() + (long long)limit * 1000;
     if (pwd != NULL)
         exstrncpy(run->secret, pwd, sizeof(run->secret));   /* what "%s\n" in 128 bytes sends */
 
@@ -164,49 +99,6 @@ void pty_child_exit(int err)
     _exit(err == ENOENT ? 127 : 126);
 }
 
-int pty_select(const char* fn, PtyRun* run, int forWrite, struct timeval* tv, int announce)
-{
-    long long budget, t0, left;
-    fd_set fds;
-    int n;
-
-    for (;;) {
-        if (announce)
-            ZELLogFunction(0, ZELFUNC_SRC, __LINE__, "%s: select....\n", fn);
-        if (!forWrite) {
-            budget = tv != NULL ? (long long)tv->tv_sec * 1000 + tv->tv_usec / 1000 : -1;
-            t0 = now_ms();
-            n = await_data(run, budget);
-            if (tv != NULL) {   /* the budget is counted down across calls */
-                left = budget - (now_ms() - t0);
-                left = left < 0 ? 0 : left;
-                tv->tv_sec = (time_t)(left / 1000);
-                tv->tv_usec = (suseconds_t)(left % 1000) * 1000;
-            }
-        } else if (run->masterFd < 0 || run->masterFd >= FD_SETSIZE) {
-            errno = EBADF;
-            n = -1;
-        } else {
-            FD_ZERO(&fds);
-            FD_SET(run->masterFd, &fds);
-            n = select(run->masterFd + 1, NULL, &fds, NULL, tv);
-        }
-        if (n >= 0)
-            return n;
-        if (errno != EINTR) {
-            ZELLogFunction(0, ZELFUNC_SRC, __LINE__, "%s: failed to excecute select(%d).\n", fn, errno);
-            return -1;
-        }
-        ZELLogFunction(0, ZELFUNC_SRC, __LINE__, "%s: select get system interruption.\n", fn);
-    }
-}
-
-ssize_t pty_read_answer(PtyRun* run, char* buf, size_t size, long long waitMs)
-{
-    (void)await_data(run, waitMs);   /* an interruption ends the wait, as it ended a blocking read */
-    return read(run->masterFd, buf, size);
-}
-
 int pty_echo_off(const PtyRun* run)
 {
     struct termios t;
@@ -214,60 +106,6 @@ int pty_echo_off(const PtyRun* run)
     /* the slave's settings through the master (pexpect's waitnoecho test); a password is read
      * a line at a time: sudo relaying a command's own terminal turns echo off in raw mode */
     return tcgetattr(run->masterFd, &t) == 0 && (t.c_lflag & ECHO) == 0 && (t.c_lflag & ICANON) != 0;
-}
-
-/* Closes every descriptor from 3 on. */
-static void close_from_three(void)
-{
-    long max = sysconf(_SC_OPEN_MAX);
-
-#ifdef SYS_close_range
-    if (syscall(SYS_close_range, 3U, ~0U, 0U) == 0)
-        return;
-#endif
-    for (long fd = 3; fd < (max > 0 && max < 65536 ? max : 65536); fd++)
-        close((int)fd);
-}
-
-/* The keeper: holds fd as its standard input until the terminal's last user has gone. */
-static void keep_terminal(int fd) __attribute__((noreturn));
-static void keep_terminal(int fd)
-{
-    char buf[PTY_CHUNK];
-    int devnull = open("/dev/null", O_RDWR);
-    ssize_t n;
-
-    setsid();
-    fcntl(fd, F_SETFL, fcntl(fd, F_GETFL) & ~O_NONBLOCK);
-    dup2(fd, 0);
-    if (devnull >= 0) {
-        dup2(devnull, 1);
-        dup2(devnull, 2);
-    }
-    close_from_three();   /* the protocol stream and the log stay with the agent */
-    /* a fresh program: nothing of the agent's memory stays with the terminal */
-    execlp("cat", "cat", (char*)NULL);
-    do {
-        errno = 0;
-        n = read(0, buf, sizeof(buf));
-    } while (n > 0 || (n < 0 && errno == EINTR));
-    _exit(0);
-}
-
-void pty_hand_over(PtyRun* run)
-{
-    pid_t middle;
-
-    explicit_bzero(run->secret, sizeof(run->secret));
-    middle = fork();
-    if (middle == 0) {
-        /* the keeper goes to init at once: the agent never has to reap it */
-        if (fork() == 0)
-            keep_terminal(run->masterFd);
-        _exit(0);
-    }
-    while (middle > 0 && waitpid(middle, NULL, 0) < 0 && errno == EINTR)
-        ;
 }
 
 void pty_log_text(int level, int line, const char* fmt, const char* fn,
@@ -293,106 +131,6 @@ void pty_log_text(int level, int line, const char* fmt, const char* fn,
         memset(p, '*', slen);
     ZELLogFunction(level, ZELFUNC_SRC, line, fmt, fn, copy);
     free(copy);
-}
-
-/* Polls for mytimeout rounds; 1 when timed out, 0 reaped, -1 waitpid error. */
-static int poll_child(PtyRun* run, int mytimeout, int* status)
-{
-    int timeElapse = 0;
-    pid_t r;
-
-    /* the count is taken before its test: a reap in the last round is a time-out */
-    while (timeElapse++ < mytimeout) {
-        r = waitpid(run->pid, status, WNOHANG);
-        if (r < 0)
-            return -1;
-        if (r == run->pid)
-            break;
-        sleep(1);
-    }
-    return timeElapse >= mytimeout ? 1 : 0;
-}
-
-/* Waits until the run's limit; 1 when it passed, 0 reaped, -1 waitpid error. */
-static int wait_until_limit(PtyRun* run, int* status)
-{
-    useconds_t pause = 1000;
-    pid_t r;
-
-    for (;;) {
-        r = waitpid(run->pid, status, WNOHANG);
-        if (r < 0 && errno != EINTR)
-            return -1;
-        if (r == run->pid)
-            return 0;
-        if (now_ms() >= run->deadline)
-            return 1;
-        usleep(pause);
-        pause = pause < 64000 ? pause * 2 : 100000;
-    }
-}
-
-/* After a time-out: nudge the terminal and look for a password-change dialogue. */
-static int check_change_password(const char* fn, PtyRun* run, char* output, int outputSize)
-{
-    char buf[PTY_CHUNK];
-    ssize_t n;
-
-    if (write(run->masterFd, "\n", 1) != 1) {
-        ZELLogFunction(0, ZELFUNC_SRC, __LINE__, "%s: Failed to write new line.\n", fn);
-        return PTY_WAIT_TIMEOUT;
-    }
-    memset(buf, 0, sizeof(buf));
-    /* the child still runs: a terminal that stays silent is not waited on for ever */
-    n = pty_read_answer(run, buf, sizeof(buf) - 1, PTY_NUDGE_MS);
-    if (n <= 0)
-        return PTY_WAIT_TIMEOUT;
-    buf[n] = '\0';
-    pty_log_text(3, __LINE__, "%s: read %s\n", fn, buf, run->secret);
-    if (strstr(buf, "Changing password for") == NULL)
-        return PTY_WAIT_TIMEOUT;
-    ZELLogFunction(3, ZELFUNC_SRC, __LINE__, "%s: need change password.\n", fn);
-    if (output != NULL && outputSize >= 1)
-        exstrncpy(output, "1", (size_t)outputSize);
-    return PTY_WAIT_CHANGE_PWD;
-}
-
-/* A timed-out child: the password-change dialogue, or the time-out logged. */
-static int finish_timeout(const char* fn, PtyRun* run, char* output, int outputSize)
-{
-    int rc = check_change_password(fn, run, output, outputSize);
-
-    if (rc == PTY_WAIT_TIMEOUT)
-        ZELLogFunction(0, ZELFUNC_SRC, __LINE__, "%s: wait for child (%d) timed out.\n", fn, (int)run->pid);
-    return rc;
-}
-
-int pty_wait_child(const char* fn, PtyRun* run, int mytimeout, int* status,
-                   char* output, int outputSize)
-{
-    int rc;
-
-    ZELLogFunction(3, ZELFUNC_SRC, __LINE__, "waiting for process %d\n", (int)run->pid);
-    if (mytimeout <= 0) {
-        /* a run with a limit ends there, as a time-out, however long the command takes */
-        rc = run->deadline > 0 ? wait_until_limit(run, status) : (waitpid(run->pid, status, 0) < 0 ? -1 : 0);
-        if (rc < 0) {
-            ZELLogFunction(0, ZELFUNC_SRC, __LINE__, "%s: failed to wait child exit(%d).\n", fn, errno);
-            return PTY_WAIT_BLOCK_ERROR;
-        }
-        if (rc == 0)
-            return PTY_WAIT_EXITED;
-        return finish_timeout(fn, run, output, outputSize);
-    }
-
-    rc = poll_child(run, mytimeout, status);
-    if (rc < 0) {
-        ZELLogFunction(0, ZELFUNC_SRC, __LINE__, "%s: failed to wait child exit(%d).\n", fn, errno);
-        return PTY_WAIT_POLL_ERROR;
-    }
-    if (rc == 0)
-        return PTY_WAIT_EXITED;
-    return finish_timeout(fn, run, output, outputSize);
 }
 
 void pty_capture_output(PtyRun* run, char* output, int outputSize, const char* lastChunk)

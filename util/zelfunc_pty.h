@@ -1,6 +1,7 @@
 /*
  * zelfunc_pty.h - pieces shared by the pseudo-terminal runner
- * (zelfunc_pty.cpp) and the su path (zelfunc_su.cpp).  Private to the
+ * (zelfunc_pty.cpp, its waits in zelfunc_ptywait.cpp) and the su path
+ * (zelfunc_su.cpp).  Private to the
  * utility library; the public entry points are declared in zelfunc.h.
  */
 #ifndef ZELFUNC_PTY_H
@@ -42,6 +43,9 @@ enum {
 
 /* pty_select() for reading: the child has ended and nothing was readable. */
 #define PTY_CHILD_GONE 2
+
+/* Milliseconds of the monotonic clock. */
+long long pty_now_ms(void);
 
 /*
  * Saves the SIGCHLD disposition into run->oldChld, sets it to default (the
