@@ -69,6 +69,7 @@ const ReportCase kReports[] = {
     {404, "i-0abc123", kReport, 0, 0, kFlat, ""},
     {200, "i-0abc123", "\"NodeUUID\":\"1234\"\n", 0, 0, "\"NodeUUID\":\"1234\" ", ""},
     {200, "i-0abc123", "a\tb\nc\n", 4, 4, "a b c ", ""},
+    {0, "", "caf\xe9\n", 0, 0, "caf? ", ""},
     {0, "", std::string(204799, 'r'), 0, 0, "",
      "read_checkmachine_file: checkmachine output is too big(204800.)"},
     {0, "", std::string(204800, 'r'), 0, -1, "",

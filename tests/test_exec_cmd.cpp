@@ -23,6 +23,9 @@ const ModeCase kModes[] = {
     {"printf 'x\\n'; exit 3", true, false, 0, "x\n"},
     {"echo out; echo err >&2", true, false, 0, "out\n"},
     {"head -c 5000 /dev/zero | tr '\\000' a", true, false, 0, std::string(1024, 'a')},
+    /* output that is not UTF-8, or cut inside a character, still makes a reply */
+    {"printf 'caf\\351\\n'", true, false, 0, "caf?\n"},
+    {"head -c 1023 /dev/zero | tr '\\000' a; printf '\\303\\251'", true, false, 0, std::string(1023, 'a')},
     {"sh -c 'echo visible; echo err >&2'", false, true, 0, "create child process successfully!"},
     {"false", false, false, 1, "no return"},
     {"sh -c 'echo noise; echo more >&2'", false, false, 0, "no return"},

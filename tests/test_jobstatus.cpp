@@ -94,7 +94,8 @@ TEST(JobStatus, ConvertsMonitorCounters)
         EXPECT_EQ(c.out, (std::vector<UINT64>{r.dt_fin, r.tm_usd, r.vol.tm_usd, r.vol.dt_all,
                                                r.vol.dt_fin, r.processed_data_w, r.throughput_w}));
         EXPECT_EQ("4 7 9", std::to_string(r.typ) + " " + std::to_string(r.sts) + " " + std::to_string(r.stg));
-        EXPECT_EQ(std::string(sizeof(r.vol.name) - 1, 'D'), r.vol.name) << "bounded copy";
+        EXPECT_EQ(std::string(sizeof(r.vol.name), 'D'), std::string(r.vol.name, strnlen(r.vol.name, 255)))
+            << "all 255 bytes, no more";
     }
     gst_nblk_p = {0, 0, 0};
     DetachSHM(m);

@@ -18,12 +18,14 @@ TEST(Loop, AnswersWhatDecodesSkipsTheRestThenEndsCleanly)
 {
     struct {
         int seq, fn;
-        std::string param, echo;   // echo: of procedure 1, cut to 1023 bytes
+        std::string param, echo;   // echo: of procedure 1, cut to at most 1023 bytes
         bool answered;
     } steps[] = {
         {1, 1, "{\"str\": \"hello\", \"sp\": 5}", "hello", true},
         {2147483647, 1, "{\"str\": \"caf\xc3\xa9 \\\"q\\\"\"}", "caf\xc3\xa9 \"q\"", true},
         {-4, 1, "{\"str\": \"" + std::string(3000, 'b') + "\"}", std::string(1023, 'b'), true},
+        // the cut would split the last character: it goes whole, the reply still packs
+        {3, 1, "{\"str\": \"" + std::string(1022, 'c') + "\\u00e9\"}", std::string(1022, 'c'), true},
         {5, 9, "{\"str\": \"x\"}", "", false},
         {7, -7, "", "", false},
         // Arguments that do not decode reach the handler as a null record.

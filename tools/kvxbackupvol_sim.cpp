@@ -5,12 +5,13 @@
  * and exits with the code it was told to.  It writes through the utility
  * library's own writer code, exactly as the real backup program does.
  *
- *   kvxbackupvol [--seconds N] [--exit CODE] [--delay S] [--no-shm]
+ *   kvxbackupvol [--seconds N] [--exit CODE] [--delay S] [--no-shm] [--disk NAME]
  *
  *   --seconds N  run N progress steps a second apart (default 3)
  *   --exit CODE  exit status at the end (default 0)
  *   --delay S    wait S seconds before creating the segment (default 0)
  *   --no-shm     never create the segment (a program without a monitor)
+ *   --disk NAME  the disk name published (default /dev/simdisk0; 255 bytes at most)
  *
  * The work directory is $TARGET_WORK_DIR (default /tmp).  Standard input is
  * never read: it is the agent's protocol stream, so it is replaced with
@@ -19,7 +20,7 @@
  *
  * Values, at step k of N (k = 0 at start), chosen above 2^32 where the wire
  * has 64-bit fields:
- *   typ 1, sts 1, phase 2, disk "/dev/simdisk0"
+ *   typ 1, sts 1, phase 2, disk "/dev/simdisk0" (or --disk)
  *   processed = SIM_BASE + k GiB (ulRPProcessed_data, ulXferBytesJob)
  *   disk: estimated 100 GiB, transferred k * 100 / N percent of it
  *   processed_data_w = processed / 2, elapsed = k seconds
@@ -49,6 +50,7 @@ typedef struct sim_opts {
     int exit_code;
     int delay;
     int no_shm;
+    const char* disk;
 } sim_opts;
 
 static void on_stop(int sig)
@@ -78,6 +80,7 @@ static int parse_args(int argc, char** argv, sim_opts* o)
     o->exit_code = 0;
     o->delay = 0;
     o->no_shm = 0;
+    o->disk = SIM_DISK_NAME;
     for (int i = 1; i < argc; i++) {
         int bad = 0;
         if (strcmp(argv[i], "--seconds") == 0)
@@ -88,11 +91,13 @@ static int parse_args(int argc, char** argv, sim_opts* o)
             bad = parse_int(i + 1 < argc ? argv[++i] : NULL, &o->delay);
         else if (strcmp(argv[i], "--no-shm") == 0)
             o->no_shm = 1;
+        else if (strcmp(argv[i], "--disk") == 0 && i + 1 < argc)
+            o->disk = argv[++i];
         else
             bad = -1;
         if (bad || o->exit_code > 255) {
-            fprintf(stderr, "usage: %s [--seconds N] [--exit CODE] [--delay S] [--no-shm]\n",
-                    argv[0]);
+            fprintf(stderr, "usage: %s [--seconds N] [--exit CODE] [--delay S] [--no-shm] "
+                    "[--disk NAME]\n", argv[0]);
             return -1;
         }
     }
@@ -121,7 +126,7 @@ static void publish_step(RECOVERYPOINT_MONITOR* m, int k, int n)
     m->job_statistic.CompressedDataSize = processed / 4;
 }
 
-static void publish_start(RECOVERYPOINT_MONITOR* m)
+static void publish_start(RECOVERYPOINT_MONITOR* m, const char* disk)
 {
     JOB_MONITOR* jm = &m->job_monitor;
 
@@ -130,7 +135,7 @@ static void publish_start(RECOVERYPOINT_MONITOR* m)
     jm->ulJobType = 1;
     jm->ulJobStatus = 1;
     jm->ulJobPhase = 2;
-    snprintf(jm->wszDiskName, sizeof(jm->wszDiskName), "%s", SIM_DISK_NAME);
+    snprintf(jm->wszDiskName, sizeof(jm->wszDiskName), "%s", disk);
     jm->ulEstBytesDisk = SIM_DISK_SIZE;
     jm->ulEstBytesJob = 8 * (1ULL << 40);
     jm->ulBackupStartTime = (UINT64)time(NULL);
@@ -202,7 +207,7 @@ int main(int argc, char** argv)
                 DelSHM(shmid);
             return 70;
         }
-        publish_start(m);
+        publish_start(m, o.disk);
         publish_step(m, 0, o.seconds);
     }
     for (int k = 1; k <= o.seconds && !g_stop_signal; k++) {
