@@ -87,8 +87,7 @@ static void fill_from_monitor(const RECOVERYPOINT_MONITOR* m, JOB_STATUS* res)
     res->typ = m->usJobType;
     res->sts = m->usJobStatus;
     res->stg = jm->ulJobPhase;
-    /* All 255 bytes of the field, unterminated when full (the codec reads it
-     * so); the writer may leave its own 256 unterminated. */
+    /* all 255 bytes of the field (unterminated when full, as the codec reads it) */
     size_t len = strnlen(jm->wszDiskName, sizeof(jm->wszDiskName));
     if (len > sizeof(res->vol.name))
         len = sizeof(res->vol.name);

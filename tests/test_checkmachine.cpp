@@ -81,16 +81,16 @@ TEST(CheckMachine, ReportComesBackAsOneLineWithInstanceId)
     std::string why = enter_private_netns();
     if (!why.empty())
         GTEST_SKIP() << "no private network namespace: " << why;
-    AgentHarness h;
+    AgentHarness h("kvx node");   /* the report's path is one word in the command line */
     ASSERT_TRUE(h.start());
     const std::string source = h.root + "/report.txt", script = h.boot_dir + "/checkmachine",
-                      report = h.boot_dir + "//.checkmachinetxt";
+                      report = h.boot_dir + "//.checkmachinetxt", word = "'" + report + "'";
     for (const ReportCase& c : kReports) {
         SCOPED_TRACE(c.reply + c.log_line);
         pid_t responder = serve_metadata(c.http_code, c.metadata);
         AgentHarness::write_file(source, c.report);
-        AgentHarness::write_script(script, "cat " + source + "\nexit " + std::to_string(c.status) + "\n");
-        Reply r = rpc(h, EA_PROC_CHECK_MACHINE, exec_args(script, true), 60000);
+        AgentHarness::write_script(script, "cat '" + source + "'\nexit " + std::to_string(c.status) + "\n");
+        Reply r = rpc(h, EA_PROC_CHECK_MACHINE, exec_args("'" + script + "'", true), 60000);
         if (responder > 0 && kill(responder, SIGKILL) == 0)
             waitpid(responder, nullptr, 0);
         EXPECT_EQ(c.ret, num(r, "ret"));
@@ -100,9 +100,9 @@ TEST(CheckMachine, ReportComesBackAsOneLineWithInstanceId)
         EXPECT_NE(std::string::npos, h.log().find(c.log_line));
         unlink(report.c_str());
     }
-    EXPECT_NE(std::string::npos, h.log().find("touch " + report + " >/dev/null 2>&1; chmod 666 " +
-                                               report + " >/dev/null 2>&1; " + script + " >" +
-                                               report + " 2>/dev/null"));
+    EXPECT_NE(std::string::npos, h.log().find("touch " + word + " >/dev/null 2>&1; chmod 666 " +
+                                               word + " >/dev/null 2>&1; '" + script + "' >" +
+                                               word + " 2>/dev/null"));
 }
 
 TEST(CheckMachine, LockQueryAnswersOnlyTheExactCommand)

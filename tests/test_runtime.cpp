@@ -1,6 +1,7 @@
 // The agent as the server sees it: the service loop, its end, and the
 // cleanup after a stop signal, each through a staged kvx_ea.
 #include <signal.h>
+#include <sys/stat.h>
 #include <time.h>
 
 #include "test_runtime_support.h"
@@ -75,20 +76,28 @@ TEST(Loop, AnswersWhatDecodesSkipsTheRestThenEndsCleanly)
     EXPECT_EQ(AgentHarness::read_file(h.root + "/journal"), "");
 }
 
+// Paths with blanks and quotes stay one word in every command line: the
+// start-up trims the agent's log, the cleanup removes exactly what was staged.
 TEST(Cleanup, StopSignalRemovesFilesKillsParentExitsOne)
 {
     const struct {
         int sig, flag, line;   // SIGHUP: sent when the parent dies
-        const char* text;
+        const char *text, *tree;
     } cases[] = {
-        {SIGHUP, 1, 364, "receive signal: SIGHUP."},
-        {SIGALRM, 2, 365, "receive signal: SIGALRM."},
-        {SIGPIPE, 3, 366, "receive signal: SIGPIPE."},
+        {SIGHUP, 1, 364, "receive signal: SIGHUP.", ""},
+        {SIGALRM, 2, 365, "receive signal: SIGALRM.", "kvx node"},
+        {SIGPIPE, 3, 366, "receive signal: SIGPIPE.", "kvx node's \"$HOME\""},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.text);
-        AgentHarness h;
+        AgentHarness h(c.tree);
         stage_node(h);
+        AgentHarness::write_file(h.base + "/kvx", "beside the tree");
+        std::string lines;
+        for (int i = 1; i <= 20005; i++)
+            lines += "line " + std::to_string(i) + "\n";
+        mkdir((h.work_dir + "/logs").c_str(), 0755);
+        AgentHarness::write_file(h.work_dir + "/logs/kvx-agent.log", lines);
         ASSERT_TRUE(h.start());
         ASSERT_TRUE(run_cmd(h, 1, ":") && wait_reading(h));
         kill(h.parent_pid(), SIGSTOP);   // a stopped parent cannot reap the agent it dies for
@@ -102,6 +111,9 @@ TEST(Cleanup, StopSignalRemovesFilesKillsParentExitsOne)
         EXPECT_EQ(log_count(log, "svc_main", 74, "cleanup_target started, non root user flag: 0."), 1);
         EXPECT_EQ(log_count(log, "svc_main", 145, "ea[" + std::to_string(h.agent_pid()) + "] finished."), 1);
         expect_cleaned(h.root, {});
+        EXPECT_EQ(0u, log.rfind("line 6\n", 0)) << "the oldest 5 lines trimmed";
+        EXPECT_FALSE(AgentHarness::exists(h.work_dir + "/a.js") || AgentHarness::exists(h.client_dir));
+        EXPECT_TRUE(AgentHarness::exists(h.base + "/kvx") && AgentHarness::exists(h.work_dir + "/logs"));
     }
 }
 

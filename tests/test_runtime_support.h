@@ -97,22 +97,25 @@ static inline bool wait_reading(const AgentHarness& h)
 }
 
 // Stub that also appends its call line to <root>/journal, which outlives
-// the client directory the cleanup removes.
+// the client directory the cleanup removes.  Found from the stub's own
+// directory ($d), so that any root path will do.
 static inline void add_journal_stub(AgentHarness& h, const std::string& name, int exit_code = 0,
                                     const std::string& extra_sh = "")
 {
-    h.add_stub(name, exit_code, "printf '%s\\n' \"$line\" >> " + h.root + "/journal\n" + extra_sh);
+    h.add_stub(name, exit_code, "printf '%s\\n' \"$line\" >> \"$d/../../journal\"\n" + extra_sh);
 }
 
 // ---- a node prepared for the target cleanup ----
 
-// Stages job scripts and journal stubs of what the cleanup runs.
+// Stages job scripts and journal stubs of what the cleanup runs; "rm"
+// removes for real.
 static inline void stage_node(AgentHarness& h)
 {
     AgentHarness::write_file(h.work_dir + "/a.js", "staged");
     AgentHarness::write_file(h.work_dir + "/b.js", "staged");
-    for (const char* name : {"driverinstall", "kvxmonitor", "killall", "umount", "rm"})
+    for (const char* name : {"driverinstall", "kvxmonitor", "killall", "umount"})
         add_journal_stub(h, name);
+    add_journal_stub(h, "rm", 0, "exec /bin/rm \"$@\"");
 }
 
 // After a cleanup the journal holds calls, then the driver unload, the

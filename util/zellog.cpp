@@ -263,13 +263,14 @@ int GetProcessPath(char* path, int path_len)
 /* Line count through "wc -l"; 0 when the command fails or prints nothing. */
 int GetFileLines(const char* path)
 {
-    char cmd[LOG_PATH_MAX];
+    /* the path is one word whatever it holds ("wc -l \"...\"" when it is safe) */
+    char* cmd = zel_shell_cmdline("wc -l %W", path);
     char out[129];
     FILE* fp;
     size_t n;
 
-    snprintf(cmd, sizeof(cmd), "wc -l \"%s\"", path != NULL ? path : "");
-    fp = popen(cmd, "r");
+    fp = cmd != NULL ? popen(cmd, "r") : NULL;
+    free(cmd);
     if (fp == NULL)
         return 0;
     n = fread(out, 1, sizeof(out) - 1, fp);
@@ -286,14 +287,18 @@ int GetFileLines(const char* path)
  */
 int LimitFileLines(const char* file, int linesLeft)
 {
-    char cmd[LOG_PATH_MAX];
     int count = GetFileLines(file);
+    char* cmd;
+    int rc;
 
     if (count <= linesLeft)
         return 0;
-    snprintf(cmd, sizeof(cmd), "sed -i '1,%d d' \"%s\"", count - linesLeft,
-             file != NULL ? file : "");
-    return ExecuteCmdSilently(cmd);
+    cmd = zel_shell_cmdline("sed -i '1,%d d' %W", count - linesLeft, file);
+    if (cmd == NULL)
+        return -1;
+    rc = ExecuteCmdSilently(cmd);
+    free(cmd);
+    return rc;
 }
 
 /* Same as LimitFileLines(), for the log file. */
