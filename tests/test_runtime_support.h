@@ -81,6 +81,17 @@ static inline pid_t start_program(AgentHarness& h, int seq, const std::string& c
     return -1;
 }
 
+// Waits (10 s at most) until process pid runs with argv[0] name: a fork
+// is not yet the program it is about to execute.
+static inline bool wait_exec(pid_t pid, const std::string& name)
+{
+    std::string cmdline = "/proc/" + std::to_string(pid) + "/cmdline";
+    for (int i = 0; i < 500; i++, usleep(20000))
+        if (AgentHarness::read_file(cmdline).compare(0, name.size() + 1, name + '\0') == 0)
+            return true;
+    return false;
+}
+
 // Stub that also appends its call line to <root>/journal, which outlives
 // the client directory the cleanup removes.
 static inline void add_journal_stub(AgentHarness& h, const std::string& name, int exit_code = 0,
