@@ -66,6 +66,7 @@ static void sleep_fully(unsigned secs)
 static int wait_program_gone(const char* prog)
 {
     for (int round = 0; round < CANCEL_ROUNDS; round++) {
+        child_exit_events();   /* the cancelled program's end is logged as it happens */
         if (query_process_pid(prog) == 0)
             return 1;
         sleep_fully(CANCEL_ROUND_SECS);
