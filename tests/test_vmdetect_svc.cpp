@@ -39,7 +39,9 @@ TEST(VmDetectService, RootAgentReportsThisMachineAndLocalJob)
             execl("/bin/sleep", ("jobscript-" + row.uuid).c_str(), "30", (char*)nullptr);
             _exit(127);
         }
-        usleep(300000);
+        if (job > 0) {
+            ASSERT_TRUE(wait_exec(job, "jobscript-" + row.uuid));
+        }
         Reply r = rpc(h, EA_PROC_VMDETECT, exec_args(row.uuid, false));
         if (job > 0 && kill(job, SIGKILL) == 0)
             waitpid(job, nullptr, 0);

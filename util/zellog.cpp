@@ -171,8 +171,9 @@ int ZELLogFunction(int level, const char* filename, int lineNo, const char* fmt,
     fflush(gfpDebug);
 
     if (zelConsoleDebugLog == 1) {
-        fprintf(stdout, "%s", header);
-        fprintf(stdout, "%s", message);
+        /* standard error: standard output is the agent's protocol stream */
+        fprintf(stderr, "%s", header);
+        fprintf(stderr, "%s", message);
     }
     return 0;
 }
@@ -266,18 +267,12 @@ int GetFileLines(const char* path)
     /* the path is one word whatever it holds ("wc -l \"...\"" when it is safe) */
     char* cmd = zel_shell_cmdline("wc -l %W", path);
     char out[129];
-    FILE* fp;
-    size_t n;
 
-    fp = cmd != NULL ? popen(cmd, "r") : NULL;
+    int n = cmd != NULL ? zel_shell_capture(cmd, out, sizeof(out), NULL) : -1;
+
     free(cmd);
-    if (fp == NULL)
+    if (n <= 0)
         return 0;
-    n = fread(out, 1, sizeof(out) - 1, fp);
-    pclose(fp);
-    if (n == 0)
-        return 0;
-    out[n] = '\0';
     return atoi(out);
 }
 
