@@ -68,7 +68,8 @@ int jxdr_PINGres(JXDR* xdrs, PINGres*& rec)
         return rec && rec->msg ? 0 : -1;
     }
     if (xdrs->x_op == JXDR_ENCODE) {
-        jxdr_set_param(xdrs, json_pack("{s:o,s:i}", "str", jxdr_text(rec->msg, EA_PING_MSG_SIZE - 1, NULL),
+        jxdr_set_param(xdrs, json_pack("{s:o,s:i}",
+                                       "str", jxdr_text(rec->msg, EA_PING_MSG_SIZE - 1, NULL),
                                        "sp", (int)rec->stamp));
         return 0;
     }

@@ -237,8 +237,8 @@ int check_machine(ExecCmdargs* args, ExecCmdres* res)
     memset(path, 0, sizeof(path));
     path_join(GetTargetBootstrapDir(), CHECK_REPORT_NAME, path, sizeof(path));
     /* never cut; the report path is one shell word, the server's command stays a command */
-    char* command = zel_shell_cmdline("touch %w >/dev/null 2>&1; chmod 666 %w >/dev/null 2>&1; %s >%w 2>/dev/null",
-                                      path, path, args->cmd, path);
+    char* command = zel_shell_cmdline("touch %w >/dev/null 2>&1; chmod 666 %w >/dev/null 2>&1; "
+                                      "%s >%w 2>/dev/null", path, path, args->cmd, path);
     res->cmd_len = 0;
     if (command == NULL)
         res->cmd_ret = -1;
