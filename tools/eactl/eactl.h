@@ -152,7 +152,7 @@ std::string eactl_bytes(unsigned long long bytes);
 std::string eactl_duration(long seconds);
 /* MiB/s from a rate in KiB per minute, the unit of the job status replies. */
 double eactl_mib_per_s(unsigned long long kib_per_min);
-/* The progress line of a running job: a bar, the current volume's percent,
+/* The progress line of a running job: the current volume's percent,
  * done and estimated total, the rate, elapsed time (seconds, < 0 unknown),
  * time left and the volume name.  At most 79 characters. */
 std::string eactl_progress_line(const JOB_STATUS& st, long elapsed_s);

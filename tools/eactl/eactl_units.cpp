@@ -14,7 +14,6 @@
 namespace {
 
 const char* const kUnits[] = {"B", "KiB", "MiB", "GiB", "TiB", "PiB"};
-const int kBarWidth = 10;
 
 /* The unit index that shows bytes as a number from 1 to 1023. */
 int unit_of(unsigned long long bytes)
@@ -81,12 +80,10 @@ std::string eactl_progress_line(const JOB_STATUS& st, long elapsed_s)
     unsigned long long rate = st.tm_usd ? st.tm_usd : st.vol.tm_usd;   /* KiB per minute */
     if (elapsed_s < 0 && rate > 0)
         elapsed_s = (long)(st.dt_fin * 60 / rate);
-    long left = pct >= 100 ? 0 : total > done && rate > 0 ? (long)(((total - done) >> 10) * 60 / rate) : -1;
+    long left = pct >= 100 ? 0
+                : total > done && rate > 0 ? (long)((((total - done) >> 10) * 60 + rate / 2) / rate)
+                                           : -1;
 
-    char bar[kBarWidth + 1];
-    for (int k = 0; k < kBarWidth; k++)
-        bar[k] = (unsigned long long)k < pct * kBarWidth / 100 ? '#' : '.';
-    bar[kBarWidth] = '\0';
     int unit = total || done ? unit_of(total ? total : done) : 3;
     unit = unit ? unit : 1;
     char size[48];
@@ -94,10 +91,10 @@ std::string eactl_progress_line(const JOB_STATUS& st, long elapsed_s)
         snprintf(size, sizeof(size), "%.1f/%.1f %s", in_unit(done, unit), in_unit(total, unit), kUnits[unit]);
     else
         snprintf(size, sizeof(size), "%.1f/? %s", in_unit(done, unit), kUnits[unit]);
-    char line[160];
-    snprintf(line, sizeof(line), "[%s] %3llu%%  %s  %.1f MiB/s  elapsed %s  ETA %s  %.24s", bar, pct,
-             size, eactl_mib_per_s(rate), eactl_duration(elapsed_s).c_str(),
-             eactl_duration(left).c_str(), st.vol.name);
+    char line[384];
+    snprintf(line, sizeof(line), "%3llu%%  %s  %.1f MiB/s  elapsed %s  ETA %s  %.*s", pct, size,
+             eactl_mib_per_s(rate), eactl_duration(elapsed_s).c_str(), eactl_duration(left).c_str(),
+             (int)sizeof(st.vol.name), st.vol.name);
     line[79] = '\0';
     return line;
 }
