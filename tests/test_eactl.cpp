@@ -139,7 +139,7 @@ TEST_F(EactlClient, RefusesBadArgumentsBeforeDeployingAnything)
         {"ping", "x", "then", "mount"}, {"status", "--id"}, {"log", "extra"},
         {"checkmachine"}, {"demo", "--seconds", "x"}, {"demo", "--exit", "256"},
         {"--parallel", "0", "ping"}, {"--timeout", "-1", "ping"}, {"--ssh", " ", "ping"},
-        {"--host", "-oProxyCommand=touch /tmp/x", "ping"}, {"--hosts-file", dir + "/missing", "ping"},
+        {"--host", "-oProxyCommand=false", "ping"}, {"--hosts-file", dir + "/missing", "ping"},
         {"--hosts-file", dir + "/hosts", "ping"}, {"--host"}, {"--bogus", "ping"}, {},
     };
     for (std::vector<std::string> args : cases) {
