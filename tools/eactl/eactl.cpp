@@ -157,6 +157,7 @@ int parse_options(int argc, char** argv, EactlSession* s, std::vector<std::strin
         } else if (!value) {
             break;
         } else if (strcmp(opt, "--host") == 0) {
+            /* ssh would read a destination that starts with '-' as one of its options. */
             if (value[0] == '-' || value[0] == '\0') {
                 fprintf(stderr, "kvx-eactl: --host '%s' is not an ssh destination\n", value);
                 return -1;

@@ -23,6 +23,7 @@ void on_timeout(int)
 {
     g_timed_out = 1;
     if (g_shell > 0) {
+        /* The whole group: the agent under the shell, or ssh's proxy command, ends with it. */
         kill(-(pid_t)g_shell, SIGKILL);
         kill((pid_t)g_shell, SIGKILL);
     }
