@@ -15,6 +15,8 @@
 #include <string>
 #include <vector>
 
+#include "sshd_sandbox.h"
+
 struct Outcome {
     int status = -1;       /* exit status, 128 + signal */
     std::string out, err;
@@ -23,15 +25,7 @@ struct Outcome {
 
 inline std::string slurp(const std::string& path)
 {
-    std::string text;
-    FILE* f = fopen(path.c_str(), "r");
-    char buf[4096];
-    size_t n;
-    while (f && (n = fread(buf, 1, sizeof(buf), f)) > 0)
-        text.append(buf, n);
-    if (f)
-        fclose(f);
-    return text;
+    return sshd_sandbox_read(path);
 }
 
 inline void spill(const std::string& path, const std::string& text, mode_t mode = 0644)

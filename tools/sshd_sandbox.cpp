@@ -32,19 +32,6 @@ int remove_entry(const char* path, const struct stat*, int, struct FTW*)
     return 0;
 }
 
-std::string read_text(const std::string& path)
-{
-    std::string text;
-    FILE* f = fopen(path.c_str(), "r");
-    char buf[4096];
-    size_t n;
-    while (f && (n = fread(buf, 1, sizeof(buf), f)) > 0)
-        text.append(buf, n);
-    if (f)
-        fclose(f);
-    return text;
-}
-
 bool write_text(const std::string& path, const std::string& text)
 {
     FILE* f = fopen(path.c_str(), "w");
@@ -52,28 +39,6 @@ bool write_text(const std::string& path, const std::string& text)
         return false;
     bool ok = fwrite(text.data(), 1, text.size(), f) == text.size();
     return fclose(f) == 0 && ok;
-}
-
-/* Runs argv with its output discarded; its exit status, -1 when it failed. */
-int run_quiet(std::vector<std::string> args)
-{
-    pid_t pid = fork();
-    if (pid == 0) {
-        int null_fd = open("/dev/null", O_RDWR);
-        dup2(null_fd, 0);
-        dup2(null_fd, 1);
-        dup2(null_fd, 2);
-        std::vector<char*> argv;
-        for (std::string& a : args)
-            argv.push_back(&a[0]);
-        argv.push_back(nullptr);
-        execvp(argv[0], argv.data());
-        _exit(127);
-    }
-    int st = 0;
-    if (pid < 0 || waitpid(pid, &st, 0) != pid)
-        return -1;
-    return WIFEXITED(st) ? WEXITSTATUS(st) : -1;
 }
 
 /* A socket bound to a free port of 127.0.0.1; its port in *port. */
@@ -165,7 +130,7 @@ int start_sshd(SshdSandbox* sb, std::string* error)
     }
     sb->pid = pid;
     for (int ms = 0; ms < kReadyMs; ms += 10) {
-        std::string text = read_text(log);
+        std::string text = sshd_sandbox_read(log);
         if (text.find("Server listening on 127.0.0.1 port") != std::string::npos)
             return 1;
         int st;
@@ -179,7 +144,7 @@ int start_sshd(SshdSandbox* sb, std::string* error)
         struct timespec nap = {0, 10 * 1000 * 1000};
         nanosleep(&nap, NULL);
     }
-    *error = "sshd did not listen within 10 s: " + read_text(log);
+    *error = "sshd did not listen within 10 s: " + sshd_sandbox_read(log);
     return -1;
 }
 
@@ -200,14 +165,14 @@ bool sshd_sandbox_start(SshdSandbox* sb, const std::vector<std::string>& aliases
     struct passwd* pw = getpwuid(getuid());
     std::string user = pw ? pw->pw_name : "root";
     for (const char* key : {"host_key", "user_key"}) {
-        if (run_quiet({"ssh-keygen", "-q", "-t", "ed25519", "-N", "", "-C", "kvx-sshd-sandbox",
+        if (sshd_sandbox_run({"ssh-keygen", "-q", "-t", "ed25519", "-N", "", "-C", "kvx-sshd-sandbox",
                        "-f", sb->dir + "/" + key}) != 0) {
             *error = std::string("ssh-keygen could not make ") + key;
             sshd_sandbox_stop(sb);
             return false;
         }
     }
-    std::string host_pub = read_text(sb->dir + "/host_key.pub");
+    std::string host_pub = sshd_sandbox_read(sb->dir + "/host_key.pub");
     int dead_port = 0;
     sb->dead_fd = bound_socket(&dead_port);
     sb->client_config = sb->dir + "/ssh_config";
@@ -219,7 +184,7 @@ bool sshd_sandbox_start(SshdSandbox* sb, const std::vector<std::string>& aliases
         if (fd < 0)
             break;
         close(fd);   /* free again for sshd; if another takes it first, try anew */
-        if (!write_text(sb->dir + "/authorized_keys", read_text(sb->dir + "/user_key.pub")) ||
+        if (!write_text(sb->dir + "/authorized_keys", sshd_sandbox_read(sb->dir + "/user_key.pub")) ||
             !write_text(sb->dir + "/known_hosts", "kvx-sshd-sandbox " + host_pub) ||
             !write_text(sb->dir + "/sshd_config", server_config(sb, user)) ||
             !write_text(sb->client_config, client_config(sb, aliases, user, dead_port))) {
@@ -258,4 +223,38 @@ void sshd_sandbox_stop(SshdSandbox* sb)
         nftw(sb->dir.c_str(), remove_entry, 16, FTW_DEPTH | FTW_PHYS);
         sb->dir.clear();
     }
+}
+
+std::string sshd_sandbox_read(const std::string& path)
+{
+    std::string text;
+    FILE* f = fopen(path.c_str(), "r");
+    char buf[4096];
+    size_t n;
+    while (f && (n = fread(buf, 1, sizeof(buf), f)) > 0)
+        text.append(buf, n);
+    if (f)
+        fclose(f);
+    return text;
+}
+
+int sshd_sandbox_run(std::vector<std::string> args)
+{
+    pid_t pid = fork();
+    if (pid == 0) {
+        int null_fd = open("/dev/null", O_RDWR);
+        dup2(null_fd, 0);
+        dup2(null_fd, 1);
+        dup2(null_fd, 2);
+        std::vector<char*> argv;
+        for (std::string& a : args)
+            argv.push_back(&a[0]);
+        argv.push_back(nullptr);
+        execvp(argv[0], argv.data());
+        _exit(127);
+    }
+    int st = 0;
+    if (pid < 0 || waitpid(pid, &st, 0) != pid)
+        return -1;
+    return WIFEXITED(st) ? WEXITSTATUS(st) : -1;
 }

@@ -29,4 +29,10 @@ bool sshd_sandbox_start(SshdSandbox* sb, const std::vector<std::string>& aliases
 /* Stops sshd and removes the directory; safe to call twice. */
 void sshd_sandbox_stop(SshdSandbox* sb);
 
+/* A file's whole text, "" when it cannot be read. */
+std::string sshd_sandbox_read(const std::string& path);
+/* Runs args (args[0] looked up in PATH) with /dev/null for its standard
+ * input, output and error; its exit status, -1 when it did not exit. */
+int  sshd_sandbox_run(std::vector<std::string> args);
+
 #endif /* SSHD_SANDBOX_H */
