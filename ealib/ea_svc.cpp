@@ -45,6 +45,7 @@ static int cmd_names(const char* cmd, const char* prog)
  */
 void set_global_process_st(const char* cmd, int pid)
 {
+    child_exit_events();   /* an earlier child's end belongs to the old record */
     memset(&gst_nblk_p, 0, sizeof(gst_nblk_p));
     if (cmd_names(cmd, backup_program_flag) || cmd_names(cmd, restore_program_flag))
         gst_nblk_p.pid = pid;
@@ -62,24 +63,47 @@ static int decode_wait_status(int status)
 }
 
 /*
- * SIGCHLD handler: reaps one child that has ended.  The tracked child's
- * decoded status is recorded (finished_flag 1); a failed backup program has
- * its driver unloaded right here.  A foreign child only counts while nothing is
- * tracked: its raw status then lands in ret_status.
+ * Children reaped by the SIGCHLD handler and not yet looked at by the main
+ * flow.  The handler only fills the ring (waitpid is async-signal-safe);
+ * logging and running commands wait for child_exit_events().
  */
+#define CHILD_EVENTS 64
+static struct { pid_t pid; int status; } child_ring[CHILD_EVENTS];
+static volatile sig_atomic_t child_head = 0, child_tail = 0;
+
+/* Reaps ended children into the ring; with the ring full the rest stay
+ * zombies until the main flow has made room. */
+static void reap_into_ring(void)
+{
+    while (child_head - child_tail < CHILD_EVENTS) {
+        int status = 0;
+        pid_t pid = waitpid(-1, &status, WNOHANG);   /* never waits for a running child */
+        if (pid <= 0)
+            return;
+        child_ring[child_head % CHILD_EVENTS].pid = pid;
+        child_ring[child_head % CHILD_EVENTS].status = status;
+        child_head = child_head + 1;
+    }
+}
+
+/* SIGCHLD handler: records the children that ended and wakes the loop. */
 void signal_child(int sig)
 {
     int saved_errno = errno;   /* the interrupted code may still look at errno */
-    int status = 0;
-    /* Non-blocking: when pclose() already reaped the child this signal was
-     * for, a blocking wait() would hang on any child still running. */
-    pid_t pid = waitpid(-1, &status, WNOHANG);
-    if (pid == 0) {
-        errno = saved_errno;
-        return;
-    }
+    reap_into_ring();
+    svc_wake();
+    errno = saved_errno;
+}
 
-    ZELLogFunction(3, SRC, 38, "%s: child pid=%d exist %d.\n", __func__, (int)pid, status);
+/*
+ * What the handler used to do for one reaped child: log it, and for the
+ * tracked child record the decoded status (finished_flag 1) and unload the
+ * driver after a failed backup.  A foreign child only counts while nothing
+ * is tracked: its raw status then lands in ret_status.
+ */
+static void record_child_exit(pid_t pid, int status)
+{
+    ZELLogFunction(3, SRC, 38, "%s: child pid=%d exist %d.\n", "signal_child", (int)pid, status);
     if (pid == gst_nblk_p.pid) {
         int ret = decode_wait_status(status);
         gst_nblk_p.finished_flag = 1;
@@ -89,15 +113,46 @@ void signal_child(int sig)
     } else if (gst_nblk_p.pid == 0) {
         gst_nblk_p.ret_status = status;
     }
-    errno = saved_errno;
 }
 
 /*
- * 1 while the tracked child runs, 0 when there is none or it was reaped.
+ * Takes every child that has ended, also those whose SIGCHLD was lost while
+ * a runner had the signal at its default disposition, and records each in
+ * the order reaped.  Main flow only.
+ */
+void child_exit_events(void)
+{
+    sigset_t chld, old;
+    sigemptyset(&chld);
+    sigaddset(&chld, SIGCHLD);
+    for (;;) {
+        struct { pid_t pid; int status; } batch[CHILD_EVENTS];
+        int n = 0;
+        sigprocmask(SIG_BLOCK, &chld, &old);
+        reap_into_ring();
+        while (child_tail != child_head) {
+            batch[n].pid = child_ring[child_tail % CHILD_EVENTS].pid;
+            batch[n].status = child_ring[child_tail % CHILD_EVENTS].status;
+            child_tail = child_tail + 1;
+            n++;
+        }
+        sigprocmask(SIG_SETMASK, &old, NULL);
+        for (int i = 0; i < n; i++)
+            record_child_exit(batch[i].pid, batch[i].status);
+        if (n < CHILD_EVENTS)
+            return;
+    }
+}
+
+/*
+ * 1 while the tracked child runs, 0 when there is none or it has ended.
+ * Children that ended are recorded first, so an ended child that nobody had
+ * reaped yet (a zombie answers kill(pid, 0)) is never taken for running.
  * Reports a reaped child's exit in the log once.
  */
 int query_global_process_exist(void)
 {
+    child_exit_events();
     if (gst_nblk_p.finished_flag == 1) {
         ZELLogFunction(3, SRC, 75, "%s: Child process pid=[%d] has exited, status: %d.\n",
                        __func__, (int)gst_nblk_p.pid, gst_nblk_p.ret_status);
@@ -111,6 +166,7 @@ int query_global_process_exist(void)
 /* The tracked child's decoded exit status (or a foreign child's raw one). */
 int query_global_process_return_status(void)
 {
+    child_exit_events();
     return gst_nblk_p.ret_status;
 }
 

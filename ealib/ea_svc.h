@@ -31,6 +31,8 @@ void set_global_process_st(const char* cmd, int pid);
 int  query_global_process_exist(void);
 int  query_global_process_return_status(void);
 void signal_child(int sig);
+/* Logs and records the children the handler reaped (main flow only). */
+void child_exit_events(void);
 
 /* ---- procedures ---- */
 int ping_svc(PINGargs* args, PINGres* res);

@@ -15,6 +15,7 @@
 #include <unistd.h>
 
 #include "ea_svc.h"
+#include "svc_main.h"
 #include "zelutil.h"
 
 #define EXEC_BUF_SIZE   1024   /* command line and captured output */
@@ -102,6 +103,8 @@ static int exec_background(int elevate, const ExecCmdargs* args, ExecCmdres* res
         return -1;
     }
     if (pid == 0) {
+        svc_wake_close();   /* the child's own signals must not wake the service loop */
+        zel_stdin_devnull();
         sleep(1);
         snprintf(command, sizeof(command), "%s >>%s 2>&1", args->cmd, EXEC_DEVNULL);
         int rc = exec_run_blocking(elevate, args, command);
@@ -159,38 +162,29 @@ static int exec_message_elevated(const ExecCmdargs* args, ExecCmdres* res)
 }
 
 /*
- * Message mode as the agent's own user: one read of at most 1024 bytes of
- * the command's output; a command that prints nothing is a failure.
+ * Message mode as the agent's own user: at most 1024 bytes of what the
+ * command prints; a command that prints nothing is a failure.
  */
-static int exec_message_popen(const ExecCmdargs* args, ExecCmdres* res)
+static int exec_message_plain(const ExecCmdargs* args, ExecCmdres* res)
 {
     char output[EXEC_BUF_SIZE + 1];   /* one spare byte keeps a full read terminated */
-    memset(output, 0, sizeof(output));
 
-    FILE* fp = popen(args->cmd, "r");
-    if (fp == NULL) {
+    /* our own sh -c instead of popen(): the command's input is /dev/null */
+    int got = zel_shell_capture(args->cmd, output, sizeof(output), NULL);
+    if (got < 0) {
         ZELLogFunction(0, "ea_svc", 237, "%s: popen Error! errno=%d, errmsg=%s\n",
                        EXEC_FN, errno, strerror(errno));
         exec_set_text(res, "popen error!");
         res->cmd_ret = 1;
         return -1;
     }
-    size_t got = fread(output, 1, EXEC_BUF_SIZE, fp);
-    /* A SIGCHLD of an earlier background child may break the read off
-     * before anything arrived; read on instead of reporting no output. */
-    while (got < EXEC_BUF_SIZE && ferror(fp) && errno == EINTR) {
-        clearerr(fp);
-        got += fread(output + got, 1, EXEC_BUF_SIZE - got, fp);
-    }
     if (got == 0) {
         ZELLogFunction(0, "ea_svc", 247, "%s: no data is read! errno=%d, errms=%s\n",
                        EXEC_FN, errno, strerror(errno));
         exec_set_text(res, "fread return 0!");
         res->cmd_ret = 1;
-        pclose(fp);
         return -1;
     }
-    pclose(fp);   /* status ignored: the output is the answer */
     int len = (int)strlen(output);
     ZELLogFunction(4, "ea_svc", 257, "%s: buf size=%d, buf=%s\n", EXEC_FN, len, output);
     if (len > EA_EXEC_RES_SIZE - 1) {
@@ -250,5 +244,5 @@ int exec_cmd_svc(ExecCmdargs* args, ExecCmdres* res)
         return exec_wait(elevate, args, res);
     if (elevate != 0)
         return exec_message_elevated(args, res);
-    return exec_message_popen(args, res);
+    return exec_message_plain(args, res);
 }

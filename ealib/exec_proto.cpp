@@ -47,9 +47,9 @@ int ExecProto::receive(JXDR*& jxdr)
         dlog2("exec_proto", 27, "%s: %d.", buffer, len);
         if (len > EP_LOG_LONG)
             dlog2("exec_proto", 29, "%s: %d.", buffer + len - EP_LOG_TAIL, len);
-        return -5;
     }
-    return 0;
+    explicit_bzero(buffer, (size_t)n);   /* the line may carry a password */
+    return jxdr ? 0 : -5;
 }
 
 /* Writes the envelope as one record.  The byte count written including the

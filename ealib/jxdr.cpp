@@ -4,6 +4,7 @@
  *
  * The protocol debug log (dlog, dlog2) lives in jxdr_dlog.cpp.
  */
+#include <malloc.h>
 #include <stdlib.h>
 #include <string.h>
 #include "jxdr.h"
@@ -175,9 +176,27 @@ bool_t jxdr_destroy(JXDR* xdrs)
         return 0;
     if (xdrs->x_hd)
         json_decref(xdrs->x_hd);
+    /* a request's records may hold a password: they do not outlive it */
+    if (xdrs->x_op == JXDR_DECODE && xdrs->x_param.p_org)
+        explicit_bzero(xdrs->x_param.p_org, (size_t)(xdrs->x_param.l_all - xdrs->x_param.l_rem));
     free(xdrs->x_param.p_org);
     free(xdrs);
     return 1;
+}
+
+/* free() for the JSON library: a parsed request's text and values (a
+ * password among them) are wiped before their memory is given back. */
+static void jxdr_wiping_free(void* p)
+{
+    if (p) {
+        explicit_bzero(p, malloc_usable_size(p));
+        free(p);
+    }
+}
+
+void jxdr_wipe_freed_json(void)
+{
+    json_set_alloc_funcs(malloc, jxdr_wiping_free);
 }
 
 int jxdr_proc_num(JXDR* xdrs)

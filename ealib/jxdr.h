@@ -79,6 +79,9 @@ int    jxdr_copy_text(char* dst, int cap, const char* src, int max);
 /* Makes param (reference taken over) the message's "param"; 0 or -1. */
 int    jxdr_set_param(JXDR* xdrs, json_t* param);
 bool_t jxdr_destroy(JXDR* xdrs);
+/* From now on memory the JSON library frees is wiped first (the agent's
+ * requests carry passwords).  Call before the first envelope exists. */
+void   jxdr_wipe_freed_json(void);
 int    jxdr_proc_num(JXDR* xdrs);
 char*  jxdr_to_string(JXDR* xdrs);
 char*  jxdr_reply(JXDR* xdrs, jxdrproc_t fun, char* result);

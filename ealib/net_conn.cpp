@@ -5,21 +5,41 @@
  * Inbound: one request per text line.  Outbound: the text, its NUL byte and
  * "\n\n", so a reader sees <json> 00 0A 0A.
  */
+#include <errno.h>
+#include <poll.h>
 #include <stdio.h>
+#include <stdlib.h>
 #include <string.h>
 #include <unistd.h>
 #include "net_conn.h"
 
-STDIOChannel::STDIOChannel() : m_fin(stdin), m_fout(stdout)
+#define CH_PENDING 65536   /* one line of the largest size read_line() hands out */
+
+STDIOChannel::STDIOChannel()
+    : m_fin(stdin), m_fout(stdout), m_wake(-1), m_pend(NULL), m_plen(0), m_eof(0)
 {
 }
 
-STDIOChannel::STDIOChannel(FILE* fin, FILE* fout) : m_fin(fin), m_fout(fout)
+STDIOChannel::STDIOChannel(FILE* fin, FILE* fout)
+    : m_fin(fin), m_fout(fout), m_wake(-1), m_pend(NULL), m_plen(0), m_eof(0)
 {
 }
 
 STDIOChannel::~STDIOChannel()
 {
+    free(m_pend);
+}
+
+/*
+ * From now on lines are read straight from the input descriptor through a
+ * buffer of this channel, waiting for input or for fd to become readable.
+ * Call it before the first read_line().
+ */
+void STDIOChannel::set_wakeup(int fd)
+{
+    if (fd >= 0 && m_pend == NULL)
+        m_pend = (char*)malloc(CH_PENDING);
+    m_wake = m_pend != NULL ? fd : -1;   /* without the buffer: plain fgets() */
 }
 
 /*
@@ -30,12 +50,59 @@ STDIOChannel::~STDIOChannel()
  */
 int STDIOChannel::read_line(char* buffer, int size)
 {
+    if (m_wake >= 0)
+        return read_pending_line(buffer, size);
     if (!fgets(buffer, size, m_fin)) {
         /* result looked at only through feof below */
     }
     if (feof(m_fin))
         return -2;
     return (int)strlen(buffer);
+}
+
+/*
+ * read_line() with a wake-up descriptor: the same lines and results, but a
+ * signal only interrupts the wait.  Bytes already received stay in m_pend,
+ * so a line whose read a signal cut is handed out whole once its end has
+ * arrived.  Returns 0 when the wake-up descriptor is readable.
+ */
+int STDIOChannel::read_pending_line(char* buffer, int size)
+{
+    int fd = fileno(m_fin);
+    int max = size - 1 < CH_PENDING ? size - 1 : CH_PENDING;
+
+    if (max < 1)
+        return 0;
+    for (;;) {
+        char* nl = (char*)memchr(m_pend, '\n', (size_t)(m_plen < max ? m_plen : max));
+        int take = nl != NULL ? (int)(nl - m_pend) + 1 : (m_plen >= max ? max : 0);
+        if (take > 0) {
+            memcpy(buffer, m_pend, (size_t)take);
+            buffer[take] = '\0';
+            m_plen -= take;
+            memmove(m_pend, m_pend + take, (size_t)m_plen);
+            explicit_bzero(m_pend + m_plen, (size_t)take);   /* no stale copy of a request */
+            return (int)strlen(buffer);
+        }
+        if (m_eof)
+            return -2;   /* a last line without "\n" is dropped */
+
+        struct pollfd pfd[2] = { { fd, POLLIN, 0 }, { m_wake, POLLIN, 0 } };
+        if (poll(pfd, 2, -1) < 0) {
+            if (errno != EINTR)
+                m_eof = 1;
+            continue;   /* interrupted: the handler has made m_wake readable */
+        }
+        if (pfd[1].revents != 0)
+            return 0;
+        if (pfd[0].revents == 0)
+            continue;
+        ssize_t r = read(fd, m_pend + m_plen, (size_t)(CH_PENDING - m_plen));
+        if (r > 0)
+            m_plen += (int)r;
+        else if (r == 0 || (errno != EINTR && errno != EAGAIN))
+            m_eof = 1;   /* a broken input ends the session instead of failing forever */
+    }
 }
 
 /*

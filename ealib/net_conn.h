@@ -16,6 +16,9 @@ public:
     virtual int read_line(char* buffer, int size) = 0;
     /* Writes text+NUL then "\n\n"; returns strlen(buffer)+1. */
     virtual int write_line(char* buffer) = 0;
+    /* A descriptor that becomes readable when the waiting read must give up
+     * (a signal arrived); -1 for none.  Channels without a wait ignore it. */
+    virtual void set_wakeup(int fd) {}
 };
 
 class STDIOChannel : public NetChannel {
@@ -25,9 +28,18 @@ public:
     virtual ~STDIOChannel();
     virtual int read_line(char* buffer, int size);
     virtual int write_line(char* buffer);
+    virtual void set_wakeup(int fd);
 
     FILE* m_fin;
     FILE* m_fout;
+
+private:
+    int read_pending_line(char* buffer, int size);
+
+    int   m_wake;    /* wake-up descriptor, -1: plain fgets() reads */
+    char* m_pend;    /* bytes received and not yet handed out as a line */
+    int   m_plen;
+    int   m_eof;     /* the input has ended (or failed for good) */
 };
 
 class NetConn {

@@ -8,6 +8,7 @@
  * procedures: adding one is adding a row.
  */
 #include <errno.h>
+#include <fcntl.h>
 #include <signal.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -169,9 +170,39 @@ static void take_product_lock(void)
 
 /* ---- signals ---- */
 
-static void signal_hup(int sig)   { _kill_self = 1; }
-static void signal_alarm(int sig) { _kill_self = 2; }
-static void signal_pipe(int sig)  { _kill_self = 3; }
+/* Self-pipe: every handler writes a byte, so a waiting read wakes up. */
+static int svc_wake_pipe[2] = { -1, -1 };
+
+void svc_wake(void)
+{
+    int saved_errno = errno;
+    if (svc_wake_pipe[1] >= 0) {
+        ssize_t w = write(svc_wake_pipe[1], "", 1);   /* a full pipe already wakes */
+        (void)w;
+    }
+    errno = saved_errno;
+}
+
+void svc_wake_close(void)
+{
+    for (int i = 0; i < 2; i++) {
+        if (svc_wake_pipe[i] >= 0)
+            close(svc_wake_pipe[i]);
+        svc_wake_pipe[i] = -1;
+    }
+}
+
+/* Empties the self-pipe: what woke the loop so far has been looked at. */
+static void svc_wake_drain(void)
+{
+    char buf[64];
+    while (svc_wake_pipe[0] >= 0 && read(svc_wake_pipe[0], buf, sizeof(buf)) > 0)
+        ;
+}
+
+static void signal_hup(int sig)   { _kill_self = 1; svc_wake(); }
+static void signal_alarm(int sig) { _kill_self = 2; svc_wake(); }
+static void signal_pipe(int sig)  { _kill_self = 3; svc_wake(); }
 
 /* Installs handler without restart semantics: a blocked read returns EINTR. */
 static int install_handler(int sig, void (*handler)(int))
@@ -187,6 +218,9 @@ static int install_handler(int sig, void (*handler)(int))
 /* 0, or -1 after logging which handler could not be installed. */
 static int install_signals(void)
 {
+    /* the wait for the next request must end when a signal arrives */
+    if (pipe2(svc_wake_pipe, O_CLOEXEC | O_NONBLOCK) != 0)
+        svc_wake_pipe[0] = svc_wake_pipe[1] = -1;
     if (install_handler(SIGCHLD, signal_child) < 0) {
         ZELLogFunction(0, SRC, 305, "Sigaction(SIGCHLD) failed.\n");
         return -1;
@@ -255,10 +289,15 @@ static void log_stop_signal(int flag)
 /* Serves until end of input or a stop flag. */
 static void serve(ExecProto* proto)
 {
+    proto->m_channel->set_wakeup(svc_wake_pipe[0]);
     for (;;) {
         JXDR* request = NULL;
+        svc_wake_drain();
+        child_exit_events();   /* children that ended are logged before the next read */
         alarm(EA_IDLE_SECONDS);
-        int rc = proto->receive(request);
+        /* a stop signal that came while a request was served ends the loop
+         * now, not after the next request or the idle alarm */
+        int rc = _kill_self != 0 ? -1 : proto->receive(request);
 
         int flag = _kill_self;
         if (flag != 0) {
@@ -295,6 +334,7 @@ int svc_main(ExecProto* proto)
     if (old_path != NULL)
         old_path = exstrncpy(old_path_buf, old_path, sizeof(old_path_buf));
     umask(0);
+    jxdr_wipe_freed_json();
 
     open_agent_log();
     take_product_lock();

@@ -40,6 +40,14 @@ typedef struct ea_proc_entry {
 /* The row for procedure fn, or null for an unknown number. */
 const ea_proc_entry* ea_proc_lookup(int fn);
 
+/*
+ * Wakes the service loop's wait for input (async-signal-safe; every signal
+ * handler calls it).  A forked child that goes on without the loop calls
+ * svc_wake_close() so that its signals do not wake its parent.
+ */
+void svc_wake(void);
+void svc_wake_close(void);
+
 /* Returns 0 after a normal stop, -1 when a signal handler cannot be installed. */
 int  svc_main(ExecProto* proto);
 /* Never returns once it has started: ends with exit(1). */

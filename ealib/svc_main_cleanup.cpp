@@ -41,21 +41,17 @@ int ExecuteCmdWrapper(const char* cmd, int silent)
  */
 int query_process_pid(const char* name)
 {
+    char cmd[4096];
     char buf[4096];
-    snprintf(buf, sizeof(buf), "ps -e -o pid,comm | grep \"%s\"", name);
-    FILE* fp = popen(buf, "r");
-    if (fp == NULL) {
-        ZELLogFunction(0, SRC, 47, "%s: open pipe(%s) failed.\n", __func__, buf);
+    snprintf(cmd, sizeof(cmd), "ps -e -o pid,comm | grep \"%s\"", name);
+    if (zel_shell_capture(cmd, buf, sizeof(buf), NULL) < 0) {
+        ZELLogFunction(0, SRC, 47, "%s: open pipe(%s) failed.\n", __func__, cmd);
         return -1;
     }
-    memset(buf, 0, sizeof(buf));
-    size_t n = fread(buf, 1, sizeof(buf), fp);
-    pclose(fp);
-    if (n == 0) {
+    if (buf[0] == '\0') {
         ZELLogFunction(3, SRC, 61, "%s: process(%s) is exited.\n", __func__, name);
         return 0;
     }
-    buf[sizeof(buf) - 1] = '\0';
     return atoi(buf);
 }
 
@@ -70,6 +66,7 @@ static void sleep_fully(unsigned secs)
 static int wait_program_gone(const char* prog)
 {
     for (int round = 0; round < CANCEL_ROUNDS; round++) {
+        child_exit_events();   /* the cancelled program's end is logged as it happens */
         if (query_process_pid(prog) == 0)
             return 1;
         sleep_fully(CANCEL_ROUND_SECS);

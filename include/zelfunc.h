@@ -33,6 +33,26 @@ int   check_process_running(const char* jobuuid, int* run);
 char* GetProcessModulePath(char* path, int len);
 int   isdigitstring(const char* s);
 
+/* ---- "sh -c" with standard input on /dev/null (zelfunc_spawn) ---- */
+
+/* Starts sh -c cmd with stdin on /dev/null and, when out_fd >= 0, stdout on
+ * out_fd.  The child's pid, or -1 with errno set. */
+pid_t zel_spawn_shell(const char* cmd, int out_fd);
+/* Puts /dev/null on descriptor 0 (a forked child that runs commands). */
+void  zel_stdin_devnull(void);
+/* system(cmd) with stdin on /dev/null and SIGCHLD at its default
+ * disposition meanwhile: the wait status (127 << 8 when no shell could
+ * run), -1 when the wait failed. */
+int   zel_system(const char* cmd);
+/*
+ * popen(cmd, "r") and one fread of size - 1 bytes, with stdin on /dev/null:
+ * out gets what the command printed until it ended or filled the buffer
+ * (always terminated); a daemon left holding the output open is not waited
+ * for.  Waits for the shell; *status (may be null) gets its wait status.
+ * Returns the count read, or -1 when the command could not be started.
+ */
+int   zel_shell_capture(const char* cmd, char* out, size_t size, int* status);
+
 /* ---- pseudo-terminal runner (zelfunc_pty) ---- */
 
 int   ExecuteCmdInteractively(char** argv, const char* pwd, int block, int mytimeout,

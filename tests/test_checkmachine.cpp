@@ -131,7 +131,7 @@ TEST(CheckMachine, LockQueryAnswersOnlyTheExactCommand)
         execl(vol.c_str(), "kvxbackupvol", "60", (char*)nullptr);
         _exit(127);
     }
-    usleep(200000);
+    ASSERT_TRUE(wait_exec(backup, "kvxbackupvol"));
     EXPECT_EQ(-2, num(rpc(h, EA_PROC_CHECK_MACHINE, exec_args(query, true)), "ret"));
     kill(backup, SIGKILL);
     waitpid(backup, nullptr, 0);

@@ -9,19 +9,22 @@
 
 namespace {
 
-TEST(ChildTrack, ReapsRecordsAndUnloadsTheDriverAfterAFailedBackup)
+TEST(ChildTrack, HandlerOnlyRecordsQueriesReapAndUnloadTheDriverAfterAFailedBackup)
 {
     const struct {
         const char* cmd;   // command line the agent started
         int child;         // exit code, or -signal
         int ret_status;    // what the record holds afterwards
         bool tracked, driver_unloaded;
+        bool signal_lost;  // ended while SIGCHLD was at its default (a runner waited)
     } cases[] = {
-        {"/w/kvxbackupvol -j 3", 5, 5, true, true},
-        {"nohup KVXBACKUPVOL --x", -SIGKILL, 9, true, true},
-        {"kvxbackupvol", 0, 0, true, false},
-        {"kvxbmr --restore", 5, 5, true, false},
-        {"sleep 100", 3, 3 << 8, false, false},   // a foreign child: the raw status
+        {"/w/kvxbackupvol -j 3", 5, 5, true, true, false},
+        {"nohup KVXBACKUPVOL --x", -SIGKILL, 9, true, true, false},
+        {"kvxbackupvol", 0, 0, true, false, false},
+        {"kvxbmr --restore", 5, 5, true, false, false},
+        {"sleep 100", 3, 3 << 8, false, false, false},   // a foreign child: the raw status
+        {"kvxbackupvol -j 4", 0, 0, true, false, true},
+        {"kvxbackupvol -j 5", 2, 2, true, true, true},
     };
     char dir[] = "/tmp/kvxtrack.XXXXXX";
     ASSERT_NE(mkdtemp(dir), nullptr);
@@ -45,22 +48,30 @@ TEST(ChildTrack, ReapsRecordsAndUnloadsTheDriverAfterAFailedBackup)
         SCOPED_TRACE(c.cmd);
         unlink(calls.c_str());
         sigprocmask(SIG_BLOCK, &chld, NULL);
+        if (c.signal_lost)
+            signal(SIGCHLD, SIG_DFL);
         pid_t pid = fork();
         if (pid == 0)
             _exit(c.child < 0 ? raise(-c.child) : c.child);
         set_global_process_st(c.cmd, pid);
         siginfo_t info;
         ASSERT_EQ(waitid(P_PID, pid, &info, WEXITED | WNOWAIT), 0);   // ended, not reaped
-        EXPECT_EQ(query_global_process_exist(), c.tracked ? 1 : 0);
-        sigprocmask(SIG_UNBLOCK, &chld, NULL);   // the handler reaps it here
+        sigprocmask(SIG_UNBLOCK, &chld, NULL);   // the handler (if any) runs here
+        signal(SIGCHLD, signal_child);
+        std::string id = std::to_string(pid);
+        // The handler has only recorded the child: nothing logged, nothing run.
+        EXPECT_EQ(log_count(AgentHarness::read_file(log), "ea_svc", 38, "child pid=" + id + " "), 0);
+        EXPECT_EQ(AgentHarness::read_file(calls), "");
+        // An ended child is never taken for running, its signal lost or not.
+        EXPECT_EQ(query_global_process_exist(), 0);
         EXPECT_EQ(query_global_process_return_status(), c.ret_status);
         EXPECT_EQ(AgentHarness::read_file(calls), c.driver_unloaded ? "driverinstall -u\n" : "");
-        // Asked twice: the exit is logged once.
-        EXPECT_EQ(query_global_process_exist() + query_global_process_exist(), 0);
-        std::string id = std::to_string(pid), text = AgentHarness::read_file(log);
-        EXPECT_EQ(log_count(text, "ea_svc", 38, "child pid=" + id + " exist"), 1);
+        EXPECT_EQ(query_global_process_exist(), 0);   // asked twice: the exit is logged once
+        std::string text = AgentHarness::read_file(log);
+        EXPECT_EQ(log_count(text, "ea_svc", 38, "signal_child: child pid=" + id + " exist"), 1);
         EXPECT_EQ(log_count(text, "ea_svc", 75, "Child process pid=[" + id + "] has exited, status: " +
                                                     std::to_string(c.ret_status) + "."), c.tracked);
+        EXPECT_EQ(waitpid(pid, NULL, WNOHANG), -1) << "left unreaped";
     }
     kill(idle, SIGKILL);
     (void)!system(("rm -rf " + std::string(dir)).c_str());

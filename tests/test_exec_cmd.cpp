@@ -27,6 +27,9 @@ const ModeCase kModes[] = {
     {"false", false, false, 1, "no return"},
     {"sh -c 'echo noise; echo more >&2'", false, false, 0, "no return"},
     {"kill -9 $$", false, false, 1, "no return"},
+    /* a command that reads its input gets end of file, not the server's requests */
+    {"read x; echo \"[$x]\"", true, false, 0, "[]\n"},
+    {"read x", false, false, 1, "no return"},
     /* too long for the command buffer: refused, not cut and run */
     {"true; : " + std::string(1100, 'p'), false, false, 1, "command is too long!"},
     {"true; : " + std::string(1100, 'p'), false, true, 1, "command is too long!"},
@@ -47,6 +50,7 @@ const std::tuple<int, const char*, const char*, int> kBadArgs[] = {
 TEST(ExecCmd, ModesAnswerAsTheServerExpects)
 {
     AgentHarness h;
+    h.set_env("ZEL_LOG_TO_CONSOLE", "1");   /* the log echo must not reach the protocol stream */
     ASSERT_TRUE(h.start());
     for (const ModeCase& c : kModes) {
         SCOPED_TRACE(c.cmd.substr(0, 40));
@@ -55,6 +59,10 @@ TEST(ExecCmd, ModesAnswerAsTheServerExpects)
         EXPECT_EQ(c.ret, num(r, "ret"));
         EXPECT_EQ(c.str, text(r, "str"));
         EXPECT_EQ((long long)c.str.size(), num(r, "retmsg_len"));
+        if (*c.pwd != '\0') {   /* once the next request is answered, this one is gone */
+            EXPECT_EQ("x", text(rpc(h, EA_PROC_PING, "{\"str\": \"x\"}"), "str"));
+            EXPECT_FALSE(memory_holds(h.agent_pid(), c.pwd)) << "a used password stays in memory";
+        }
     }
     for (const auto& [fn, param, key, value] : kBadArgs) {
         SCOPED_TRACE(std::to_string(fn) + " " + param);
@@ -64,6 +72,12 @@ TEST(ExecCmd, ModesAnswerAsTheServerExpects)
         EXPECT_EQ(value, num(r, key));
     }
     EXPECT_EQ("invalid argument!", text(rpc(h, EA_PROC_EXEC_CMD, ""), "str"));
+    /* a daemon the command leaves holding its output does not hold the reply */
+    std::string done = h.root + "/daemon.done";
+    Reply d = rpc(h, EA_PROC_EXEC_CMD,
+                  exec_args("echo early; (until [ -e " + done + " ]; do sleep 0.1; done) &", true));
+    AgentHarness::write_file(done, "");
+    EXPECT_EQ("early\n", text(d, "str"));
 
     sleep(2);   /* the background child has run its command and ended */
     h.close_input();
@@ -73,6 +87,7 @@ TEST(ExecCmd, ModesAnswerAsTheServerExpects)
     EXPECT_EQ(1, log_count(log, "ea_svc", 197, "exec_cmd_svc: Current JOB ID is: -7"));
     EXPECT_EQ(1, log_count(log, "ea_svc", 199, "sudo_flag=0, user=, pwd=9."));
     EXPECT_EQ(std::string::npos, log.find("Sekr3t-pw"));
+    EXPECT_EQ(1, log_count(h.agent_stderr(), "ea_svc", 197, "exec_cmd_svc: Current JOB ID is: -7"));
 }
 
 } /* namespace */

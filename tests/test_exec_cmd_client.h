@@ -2,6 +2,7 @@
 #ifndef TEST_EXEC_CMD_CLIENT_H
 #define TEST_EXEC_CMD_CLIENT_H
 
+#include <fcntl.h>
 #include "test_runtime_support.h"
 
 typedef std::shared_ptr<json_t> Reply;
@@ -42,6 +43,29 @@ inline std::string exec_args(const std::string& cmd, bool msg, bool block = fals
     std::unique_ptr<char, void (*)(void*)> s(json_dumps(p, 0), free);
     json_decref(p);
     return s ? s.get() : "{}";
+}
+
+/* True when text lies anywhere in the writable memory of process pid. */
+inline bool memory_holds(pid_t pid, const std::string& text)
+{
+    std::string proc = "/proc/" + std::to_string(pid);
+    std::istringstream maps(AgentHarness::read_file(proc + "/maps"));
+    int mem = open((proc + "/mem").c_str(), O_RDONLY);
+    bool found = false;
+    for (std::string line; mem >= 0 && !found && std::getline(maps, line);) {
+        unsigned long long lo = 0, hi = 0;
+        char perms[5] = "";
+        /* a sanitizer's reserved regions are huge and hold no data of ours */
+        if (sscanf(line.c_str(), "%llx-%llx %4s", &lo, &hi, perms) != 3 || perms[1] != 'w' ||
+            hi - lo > (256ULL << 20))
+            continue;
+        std::string chunk(hi - lo, '\0');
+        ssize_t n = pread(mem, &chunk[0], chunk.size(), (off_t)lo);
+        found = n > 0 && chunk.find(text) < (size_t)n;
+    }
+    if (mem >= 0)
+        close(mem);
+    return found;
 }
 
 #endif /* TEST_EXEC_CMD_CLIENT_H */

@@ -83,6 +83,22 @@ TEST(JobAgent, ProgressEventsResultAndFailureReachServer)
     EXPECT_EQ(10, num(st, "sts"));
     EXPECT_EQ(3, num(st, "stg"));
     EXPECT_EQ(std::vector<std::string>{"driverinstall -u"}, h.stub_calls("driverinstall"));
+
+    /* A job that ends while a wait-mode command runs (its SIGCHLD is lost) is
+     * reported ended at once, and end of input then leaves the node alone. */
+    h.add_stub("kvxbmr", 0, "sleep 0.5");
+    rpc(h, EA_PROC_EXEC_CMD, exec_args("kvxbmr --restore", false, true));
+    std::string log = h.log(), tag = "kvxbmr --restore, child pid=";
+    std::string pid = log.substr(log.rfind(tag) + tag.size());
+    pid = pid.substr(0, pid.find('\n'));
+    Reply w = rpc(h, EA_PROC_EXEC_CMD, exec_args("until grep -q ') Z' /proc/" + pid + "/stat; do "
+                                                 "sleep 0.05; done", false));
+    EXPECT_EQ(0, num(w, "ret"));
+    st = rpc(h, EA_PROC_JOBSTATUS, "{\"id\": 0}", 20000);
+    EXPECT_EQ("10 1", std::to_string(num(st, "sts")) + " " + std::to_string(num(st, "stg")));
+    h.close_input();
+    EXPECT_EQ(0, h.wait_exit(20));
+    EXPECT_EQ(0, log_count(h.log(), "svc_main", 74, "cleanup_target started"));
 }
 
 } // namespace

@@ -149,7 +149,7 @@ TEST(ShellWord, SafeValuesStayAsTheyWereOthersAreOneQuotedWord)
         { "it's $(x)`y`\"z\";*", 0, 64, "'it'\\''s $(x)`y`\"z\";*'" },
         { "", 0, 64, "''" },
         { NULL, 1, 64, "''" },
-        { "abc", 1, 5, "\"abc\"" }, { "abc", 1, 4, NULL },
+        { "abc", 1, 6, "\"abc\"" }, { "abc", 1, 5, NULL },
         { "a b", 0, 6, "'a b'" },   { "a b", 0, 5, NULL },   { "'", 0, 6, NULL },
     };
     for (const auto& c : cases) {

@@ -35,6 +35,19 @@ TEST(Loop, AnswersWhatDecodesSkipsTheRestThenEndsCleanly)
     AgentHarness h;
     stage_node(h);
     ASSERT_TRUE(h.start());
+    // A request whose read is interrupted by a background command ending
+    // between its two pieces is answered once its end arrives.
+    ASSERT_TRUE(run_cmd(h, 100, "sleep 0.2", true));
+    std::string split = request_line(101, 1, "{\"str\": \"in two pieces\"}");
+    h.send_raw(split.substr(0, 30), false);
+    for (int i = 0; i < 500 && log_count(h.log(), "ea_svc", 38, "signal_child: child pid=") == 0; i++)
+        usleep(20000);
+    h.send_raw(split.substr(30));
+    json_t* r = read_reply(h);
+    ASSERT_NE(r, nullptr) << "the request was lost";
+    EXPECT_EQ(int_of(r, "seq"), 101);
+    EXPECT_STREQ(json_string_value(json_object_get(json_object_get(r, "param"), "str")), "in two pieces");
+    json_decref(r);
     // Five lines that are no envelope: empty, not JSON, an array, a string
     // version, an unterminated object.
     h.send_raw("\ngarbage\n[1, 2]\n{\"ver\": \"1\", \"type\": 1, \"seq\": 1, \"fn\": 1, \"status\": 0}\n"
@@ -73,25 +86,42 @@ TEST(Loop, AnswersWhatDecodesSkipsTheRestThenEndsCleanly)
     EXPECT_EQ(AgentHarness::read_file(h.root + "/journal"), "");
 }
 
+// A stop signal ends the session at once, whether the agent waits for the
+// next request or is serving one: no further input, no idle alarm needed.
 TEST(Cleanup, StopSignalRemovesFilesKillsParentExitsOne)
 {
     const struct {
         int sig, flag, line;   // SIGHUP: sent when the parent dies
         const char* text;
+        bool busy;             // sent while a wait-mode command runs
     } cases[] = {
-        {SIGHUP, 1, 364, "receive signal: SIGHUP."},
-        {SIGALRM, 2, 365, "receive signal: SIGALRM."},
-        {SIGPIPE, 3, 366, "receive signal: SIGPIPE."},
+        {SIGHUP, 1, 364, "receive signal: SIGHUP.", false},
+        {SIGALRM, 2, 365, "receive signal: SIGALRM.", false},
+        {SIGPIPE, 3, 366, "receive signal: SIGPIPE.", false},
+        {SIGHUP, 1, 364, "receive signal: SIGHUP.", true},
+        {SIGALRM, 2, 365, "receive signal: SIGALRM.", true},
+        {SIGPIPE, 3, 366, "receive signal: SIGPIPE.", true},
     };
     for (const auto& c : cases) {
-        SCOPED_TRACE(c.text);
+        SCOPED_TRACE(std::string(c.text) + (c.busy ? " busy" : " idle"));
         AgentHarness h;
         stage_node(h);
         ASSERT_TRUE(h.start());
-        ASSERT_TRUE(run_cmd(h, 1, ":") && wait_reading(h));
+        std::string busy = h.root + "/busy", go = h.root + "/go";
+        if (c.busy) {
+            h.send_raw(request_line(1, 3, "{\"str\": \"touch " + busy + "; until [ -e " + go +
+                                              " ]; do sleep 0.02; done\", \"msg_mode\": false, "
+                                              "\"block_mode\": false, \"jobid\": 0, \"user\": \"\", "
+                                              "\"passwd\": \"\", \"sudoflag\": 0}"));
+            for (int i = 0; i < 500 && !AgentHarness::exists(busy); i++)
+                usleep(20000);
+        } else {
+            ASSERT_TRUE(run_cmd(h, 1, ":"));
+        }
         kill(h.parent_pid(), SIGSTOP);   // a stopped parent cannot reap the agent it dies for
         h.signal_agent(c.sig);
-        ASSERT_EQ(h.wait_exit(60), 1);
+        AgentHarness::write_file(go, "");
+        ASSERT_EQ(h.wait_exit(30), 1);
         EXPECT_FALSE(h.parent_alive());
         std::string log = h.log();
         EXPECT_EQ(log_count(log, "svc_main", c.line, c.text), 1);

@@ -19,7 +19,7 @@ TEST(CleanupSlow, StubbornProgramIsKilledAndItsLocationUnmounted)
                                          h.root + "/prog.pid\nwhile :; do sleep 1; done");
     ASSERT_TRUE(h.start({"--targetworkdir", h.work_dir, "--zelrootdir", zelroot}, false));
     pid_t prog = start_program(h, 1, "kvxbmr --restore");
-    ASSERT_TRUE(prog > 0 && wait_reading(h));
+    ASSERT_GT(prog, 0);
 
     time_t start = time(NULL);
     kill(h.parent_pid(), SIGSTOP);   // a stopped parent cannot reap the agent it dies for

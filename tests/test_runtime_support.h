@@ -7,7 +7,6 @@
 #include <stdlib.h>
 #include <string.h>
 #include <unistd.h>
-#include <sys/syscall.h>
 #include <jansson.h>
 #include <sstream>
 
@@ -82,16 +81,13 @@ static inline pid_t start_program(AgentHarness& h, int seq, const std::string& c
     return -1;
 }
 
-// Waits (5 s at most) for the agent to block reading its input: a stop
-// signal that comes before is only seen after the next request.
-static inline bool wait_reading(const AgentHarness& h)
+// Waits (10 s at most) until process pid runs with argv[0] name: a fork
+// is not yet the program it is about to execute.
+static inline bool wait_exec(pid_t pid, const std::string& name)
 {
-    std::string proc = "/proc/" + std::to_string(h.agent_pid());
-    // read(2) is number 3 for a 32-bit agent (ELF class byte 1), else this build's SYS_read.
-    std::string elf = AgentHarness::read_file(proc + "/exe").substr(0, 5);
-    std::string reading = std::to_string(elf.size() == 5 && elf[4] == 1 ? 3 : SYS_read) + " 0x0 ";
-    for (int i = 0; i < 250; i++, usleep(20000))
-        if (AgentHarness::read_file(proc + "/syscall").rfind(reading, 0) == 0)
+    std::string cmdline = "/proc/" + std::to_string(pid) + "/cmdline";
+    for (int i = 0; i < 500; i++, usleep(20000))
+        if (AgentHarness::read_file(cmdline).compare(0, name.size() + 1, name + '\0') == 0)
             return true;
     return false;
 }

@@ -36,7 +36,9 @@ TEST(VmDetectService, RootAgentReportsThisMachineAndLocalJob)
             execl("/bin/sleep", ("jobscript-" + uuid).c_str(), "30", (char*)nullptr);
             _exit(127);
         }
-        usleep(300000);
+        if (job > 0) {
+            ASSERT_TRUE(wait_exec(job, "jobscript-" + uuid));
+        }
         Reply r = rpc(h, EA_PROC_VMDETECT, exec_args(uuid, false));
         if (job > 0 && kill(job, SIGKILL) == 0)
             waitpid(job, nullptr, 0);

@@ -65,7 +65,7 @@ int readn(int fd, void* buf, int n, int redirect)
 /*
  * Writes exactly n bytes.  Returns the count written (short only when a
  * write returned 0), or -1 for n < 0 and for a write error other than
- * EINTR.  Every failed write prints "writen error:<errno>" on stdout.
+ * EINTR.  Every failed write prints "writen error:<errno>" on stderr.
  */
 int writen(int fd, void* buf, int n, int redirect)
 {
@@ -84,7 +84,7 @@ int writen(int fd, void* buf, int n, int redirect)
             break;
         } else {
             int err = errno;
-            printf("writen error:%d\n", err);
+            fprintf(stderr, "writen error:%d\n", err);   /* never into the protocol stream */
             if (err == EINTR)
                 continue;
             return -1;

@@ -30,27 +30,28 @@ int get_uuid(uuid* puuid)
 
     if (puuid == NULL)
         return -1;
+    /* failures are told on standard error: standard output carries the agent's replies */
     fp = fopen(KERNEL_UUID_PATH, "r");
     if (fp == NULL) {
-        printf("Open UUID file failed (%s)!\n", strerror(errno));
+        fprintf(stderr, "Open UUID file failed (%s)!\n", strerror(errno));
         return -1;
     }
     n = fread(text, 1, UUID_TEXT_LEN, fp);
     fclose(fp);
     text[n] = '\0';
     if (n != UUID_TEXT_LEN) {
-        printf("Wrong UUID format (%s)!\n", text);
+        fprintf(stderr, "Wrong UUID format (%s)!\n", text);
         return -1;
     }
 
     last[0] = '\0';
     if (sscanf(text, "%x-%hx-%hx-%hx-%36s", &time_low, &puuid->time_mid,
                &puuid->time_hi_and_version, &puuid->clock_seq, last) != 5) {
-        printf("Wrong UUID format (%s)!\n", strerror(errno));
+        fprintf(stderr, "Wrong UUID format (%s)!\n", strerror(errno));
         return -1;
     }
     if (strlen(last) != UUID_NODE_LEN) {
-        printf("Wrong UUID format: the last number should be 12 chars!\n");
+        fprintf(stderr, "Wrong UUID format: the last number should be 12 chars!\n");
         return -1;
     }
     puuid->time_low = time_low;

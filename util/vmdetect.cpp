@@ -218,17 +218,8 @@ int fetch_cpu_socks(int assume_single_core)
         ? "cat /proc/cpuinfo | grep 'physical id' | sort | uniq | wc -l"
         : "cat /proc/cpuinfo | grep 'processor' | sort | uniq | wc -l";
     char out[4096];
-    size_t n = 0, r;
-    FILE* fp;
 
-    fp = popen(cmd, "r");
-    if (fp == NULL)
-        return 0;
-    while (n < sizeof(out) - 1 && (r = fread(out + n, 1, sizeof(out) - 1 - n, fp)) > 0)
-        n += r;
-    pclose(fp);
-    out[n] = '\0';
-    return n == 0 ? 0 : atoi(out);
+    return zel_shell_capture(cmd, out, sizeof(out), NULL) <= 0 ? 0 : atoi(out);
 }
 
 /*

@@ -117,13 +117,8 @@ static void set_handler(int sig, void (*handler)(int), struct sigaction* old)
  */
 static int run_system(const char* cmd, int* err)
 {
-    struct sigaction old;
-    int r;
-
-    set_handler(SIGCHLD, SIG_DFL, &old);
-    r = system(cmd);
+    int r = zel_system(cmd);   /* stdin on /dev/null: the command never reads our requests */
     *err = errno;
-    sigaction(SIGCHLD, &old, NULL);
     return r;
 }
 

@@ -171,8 +171,9 @@ int ZELLogFunction(int level, const char* filename, int lineNo, const char* fmt,
     fflush(gfpDebug);
 
     if (zelConsoleDebugLog == 1) {
-        fprintf(stdout, "%s", header);
-        fprintf(stdout, "%s", message);
+        /* standard error: standard output is the agent's protocol stream */
+        fprintf(stderr, "%s", header);
+        fprintf(stderr, "%s", message);
     }
     return 0;
 }
@@ -265,18 +266,10 @@ int GetFileLines(const char* path)
 {
     char cmd[LOG_PATH_MAX];
     char out[129];
-    FILE* fp;
-    size_t n;
 
     snprintf(cmd, sizeof(cmd), "wc -l \"%s\"", path != NULL ? path : "");
-    fp = popen(cmd, "r");
-    if (fp == NULL)
+    if (zel_shell_capture(cmd, out, sizeof(out), NULL) <= 0)
         return 0;
-    n = fread(out, 1, sizeof(out) - 1, fp);
-    pclose(fp);
-    if (n == 0)
-        return 0;
-    out[n] = '\0';
     return atoi(out);
 }
 

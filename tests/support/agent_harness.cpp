@@ -331,9 +331,9 @@ int AgentHarness::call(int fn, jxdrproc_t f_args, char* args, jxdrproc_t f_resp,
     return rc;
 }
 
-void AgentHarness::send_raw(const std::string& text)
+void AgentHarness::send_raw(const std::string& text, bool newline)
 {
-    std::string line = text + "\n";
+    std::string line = newline ? text + "\n" : text;
     size_t off = 0;
     while (m_to_agent >= 0 && off < line.size()) {
         ssize_t w = write(m_to_agent, line.data() + off, line.size() - off);

@@ -55,8 +55,9 @@ public:
      * killed, which makes the call return -2. */
     int call(int fn, jxdrproc_t f_args, char* args, jxdrproc_t f_resp, char* resp,
              int timeout_ms = 30000);
-    /* Writes text followed by "\n" to the agent's standard input. */
-    void send_raw(const std::string& text);
+    /* Writes text followed by "\n" (unless newline is false) to the agent's
+     * standard input. */
+    void send_raw(const std::string& text, bool newline = true);
     /* Reads one raw record (up to and including "\n") within timeout_ms;
      * false when nothing arrived. */
     bool read_raw(std::string& out, int timeout_ms);
