@@ -48,8 +48,6 @@ double now_us()
  * only kills its parent when it cleans up, which a ping never causes. */
 bool spawn(EactlSession* p, const std::string& program, const std::string& work)
 {
-    p->keep = false;
-    p->own_dir = false;
     return eactl_start(p, {program, "--targetworkdir", work}, false) == 0;
 }
 
@@ -81,33 +79,33 @@ int job_status(ExecProto* proto, JOB_STATUS* st)
                        JXDR_PROC(JOB_STATUS, jxdr_JOBSTATUSres), (char*)st);
 }
 
-/* Deploys program as kvx-eactl deploys the agent (a copy under its own sh). */
-bool deploy(EactlSession* s, const std::string& program)
+/* Deploys program as kvx-eactl deploys the agent (a copy under its own sh),
+ * with more files installed beside it. */
+bool deploy(EactlSession* s, const std::string& program, const std::vector<EactlFile>& files = {})
 {
     s->agent_path = program;
-    s->keep = false;
-    s->own_dir = false;
-    s->json = false;
-    s->shell_pid = -1;
-    s->from_agent = s->to_agent = nullptr;
-    s->channel = nullptr;
-    s->proto = nullptr;
+    s->files = files;
     return eactl_deploy(s) == 0;
 }
 
-/* The deployed program: the only child of the session's shell. */
+/* The deployed program: the innermost only child below the session's shell. */
 pid_t deployed_pid(const EactlSession* s)
 {
-    char path[64];
-    snprintf(path, sizeof(path), "/proc/%d/task/%d/children", (int)s->shell_pid, (int)s->shell_pid);
-    FILE* f = fopen(path, "r");
-    int pid = -1;
-    if (f) {
-        if (fscanf(f, "%d", &pid) != 1)
-            pid = -1;
-        fclose(f);
+    pid_t pid = s->shell_pid;
+    for (;;) {
+        char path[64];
+        snprintf(path, sizeof(path), "/proc/%d/task/%d/children", (int)pid, (int)pid);
+        FILE* f = fopen(path, "r");
+        int child = -1;
+        if (f) {
+            if (fscanf(f, "%d", &child) != 1)
+                child = -1;
+            fclose(f);
+        }
+        if (child <= 0)
+            return pid;
+        pid = child;
     }
-    return pid;
 }
 
 /* A /proc/<pid>/status value in KiB ("VmHWM", "VmRSS"), -1 if absent. */
@@ -158,11 +156,11 @@ bool interleaved(request_fn fn, const char* text, ExecProto* a, ExecProto* b, in
 }
 
 /* Mean microseconds per job status poll while the simulated backup program
- * runs; starts it in the background first.  -1 when it never showed up. */
-double status_rtt(EactlSession* s, const std::string& simulator, int* polls)
+ * (deployed with the agent) runs; starts it in the background first.  -1
+ * when it never showed up. */
+double status_rtt(EactlSession* s, int* polls)
 {
-    if (eactl_install_client_file(s, simulator.c_str(), "kvxbackupvol") != 0 ||
-        exec(s->proto, "kvxbackupvol --seconds 4 --exit 0", 1) != 0)
+    if (exec(s->proto, "kvxbackupvol --seconds 4 --exit 0", 1) != 0)
         return -1;
     JOB_STATUS st;
     do {   /* the first poll waits for the program's segment */
@@ -224,7 +222,8 @@ int main(int argc, char** argv)
 
     /* Round trips, agent and baseline deployed side by side in the same run. */
     EactlSession a, e;
-    if (!deploy(&a, agent) || !deploy(&e, echo)) {
+    if (!deploy(&a, agent, {{bindir + "kvxbackupvol-sim", "work/linux-kvx-client/kvxbackupvol"}}) ||
+        !deploy(&e, echo)) {
         fprintf(stderr, "bench_agent: cannot deploy %s or %s\n", agent.c_str(), echo.c_str());
         return 1;
     }
@@ -247,7 +246,7 @@ int main(int argc, char** argv)
     int sync_rc = ping(a.proto, "sync");
     long rss_after = status_kib(agent_pid, "VmRSS");
     int polls = 0;
-    double poll_us = status_rtt(&a, bindir + "kvxbackupvol-sim", &polls);
+    double poll_us = status_rtt(&a, &polls);
     eactl_finish(&e);
     eactl_finish(&a);
 

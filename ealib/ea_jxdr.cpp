@@ -7,7 +7,8 @@
  * a reply it carves an empty result record; encode (x_op 1) turns the
  * record into "param".  0 on success, -1 when "param" does not match (the
  * caller's record pointer is then left as it was).  A null char* field is
- * encoded as "" (the JSON library refuses a null string).
+ * encoded as "" (the JSON library refuses a null string); the texts of
+ * replies go through jxdr_text(), so that every reply packs.
  */
 #include <stddef.h>
 #include <stdio.h>
@@ -67,7 +68,8 @@ int jxdr_PINGres(JXDR* xdrs, PINGres*& rec)
         return rec && rec->msg ? 0 : -1;
     }
     if (xdrs->x_op == JXDR_ENCODE) {
-        jxdr_set_param(xdrs, json_pack("{s:s,s:i}", "str", str_or_empty(rec->msg),
+        jxdr_set_param(xdrs, json_pack("{s:o,s:i}",
+                                       "str", jxdr_text(rec->msg, EA_PING_MSG_SIZE - 1, NULL),
                                        "sp", (int)rec->stamp));
         return 0;
     }
@@ -151,8 +153,11 @@ int jxdr_ExecCmdres(JXDR* xdrs, ExecCmdres*& rec)
         return rec && rec->cmd ? 0 : -1;
     }
     if (xdrs->x_op == JXDR_ENCODE) {
-        jxdr_set_param(xdrs, json_pack("{s:s,s:i,s:i}", "str", str_or_empty(rec->cmd),
-                                       "retmsg_len", rec->cmd_len, "ret", rec->cmd_ret));
+        /* the handlers cut command output at their own limits */
+        len = rec->cmd_len;
+        json_t* str = jxdr_text(rec->cmd, -1, &len);
+        jxdr_set_param(xdrs, json_pack("{s:o,s:i,s:i}", "str", str,
+                                       "retmsg_len", len, "ret", rec->cmd_ret));
         return 0;
     }
     if (xdrs->x_op != JXDR_DECODE)
@@ -224,9 +229,9 @@ int jxdr_Mountres(JXDR* xdrs, Mountres*& rec)
         return rec && rec->mount_point ? 0 : -1;
     }
     if (xdrs->x_op == JXDR_ENCODE) {
-        jxdr_set_param(xdrs, json_pack("{s:s,s:i,s:i}",
-                                       "str", str_or_empty(rec->mount_point),
-                                       "len", rec->mount_point_len, "ret", rec->ret));
+        len = rec->mount_point_len;
+        json_t* str = jxdr_text(rec->mount_point, EA_MOUNT_POINT_SIZE - 1, &len);
+        jxdr_set_param(xdrs, json_pack("{s:o,s:i,s:i}", "str", str, "len", len, "ret", rec->ret));
         return 0;
     }
     if (xdrs->x_op != JXDR_DECODE)

@@ -10,18 +10,6 @@
 #include <string.h>
 #include "ea_proto.h"
 
-/* Text of a fixed field that may lack its terminator, cut to the field. */
-static const char* fixed_text(char* out, size_t out_size, const char* field, size_t field_size)
-{
-    size_t n = strnlen(field, field_size);
-
-    if (n > out_size - 1)
-        n = out_size - 1;
-    memcpy(out, field, n);
-    out[n] = '\0';
-    return out;
-}
-
 /* ---- procedure 2 ---- */
 
 int jxdr_JOBSTATUSargs(JXDR* xdrs, JOBSTATUSargs*& rec)
@@ -47,21 +35,23 @@ int jxdr_JOBSTATUSargs(JXDR* xdrs, JOBSTATUSargs*& rec)
     return 0;
 }
 
-#define JOBSTATUS_FMT \
-    "{s:i, s:i, s:i, s:i, s:s, s:{s:s, s:i, s:i, s:I, s:I}, s:i, s:i, s:I, s:I, " \
+/* Texts are "s" when read and "o" (a jxdr_text string) when written. */
+#define JOBSTATUS_FORMAT(t) \
+    "{s:i, s:i, s:i, s:i, s:" t ", s:{s:" t ", s:i, s:i, s:I, s:I}, s:i, s:i, s:I, s:I, " \
     "s:i, s:i, s:i, s:I, s:i, s:{s:i,s:i,s:I,s:I,s:I}}"
 
 static json_t* pack_job_status(const JOB_STATUS* r)
 {
-    char name[sizeof(r->vol.name) + 1];
     const JOBSTAT* st = &r->job_statistic;
+    int act_size = (int)r->act_size;
+    json_t* act_log = jxdr_text(r->act_log, EA_ACT_LOG_SIZE - 1, &act_size);
 
     /* vol.name may fill its 255 bytes without a terminator */
-    fixed_text(name, sizeof(name), r->vol.name, sizeof(r->vol.name));
-    return json_pack(JOBSTATUS_FMT,
+    return json_pack(JOBSTATUS_FORMAT("o"),
         "sts", (int)r->sts, "typ", (int)r->typ, "stg", (int)r->stg,
-        "act_size", (int)r->act_size, "act_log", r->act_log ? r->act_log : "",
-        "vol", "name", name, "tm_usd", (int)r->vol.tm_usd, "tm_rem", (int)r->vol.tm_rem,
+        "act_size", act_size, "act_log", act_log,
+        "vol", "name", jxdr_text(r->vol.name, (int)sizeof(r->vol.name), NULL),
+        "tm_usd", (int)r->vol.tm_usd, "tm_rem", (int)r->vol.tm_rem,
         "dt_all", (json_int_t)r->vol.dt_all, "dt_fin", (json_int_t)r->vol.dt_fin,
         "tm_usd", (int)r->tm_usd, "tm_rem", (int)r->tm_rem,
         "dt_all", (json_int_t)r->dt_all, "dt_fin", (json_int_t)r->dt_fin,
@@ -86,7 +76,7 @@ static int unpack_job_status(json_t* hd, job_status_wire* w)
 {
     char fmt[256];
 
-    snprintf(fmt, sizeof(fmt), "{s:%s}", JOBSTATUS_FMT);
+    snprintf(fmt, sizeof(fmt), "{s:%s}", JOBSTATUS_FORMAT("s"));
     return json_unpack(hd, fmt, "param",
         "sts", &w->sts, "typ", &w->typ, "stg", &w->stg,
         "act_size", &w->act_size, "act_log", &w->act_log,
@@ -168,8 +158,9 @@ int jxdr_JOBSTATUSres(JXDR* xdrs, JOB_STATUS*& rec)
     rec->job_statistic.TotalDataSize = w.total;
     rec->job_statistic.UniqueDataSize = w.unique;
     rec->job_statistic.CompressedDataSize = w.compressed;
-    /* the name is cut to the 255-byte field */
-    jxdr_copy_text(rec->vol.name, sizeof(rec->vol.name), w.name, -1);
+    /* all 255 bytes of the field; a terminator only where there is room */
+    memset(rec->vol.name, 0, sizeof(rec->vol.name));
+    memcpy(rec->vol.name, w.name, strnlen(w.name, sizeof(rec->vol.name)));
     rec->act_size = (UINT32)w.act_size;
     if (w.act_size != 0) {
         char* log = rec->act_log;     /* the packed field cannot bind a reference */
@@ -194,8 +185,9 @@ int jxdr_AGENTLOGres(JXDR* xdrs, AGENTLOGres*& rec)
         return rec && rec->pLog ? 0 : -1;
     }
     if (xdrs->x_op == JXDR_ENCODE) {
-        jxdr_set_param(xdrs, json_pack("{s:i, s:s}", "size", rec->logSize,
-                                       "ActivityLogs", rec->pLog ? rec->pLog : ""));
+        size = rec->logSize;
+        json_t* text_json = jxdr_text(rec->pLog, EA_ACT_LOG_SIZE - 1, &size);
+        jxdr_set_param(xdrs, json_pack("{s:i, s:o}", "size", size, "ActivityLogs", text_json));
         return 0;
     }
     if (xdrs->x_op != JXDR_DECODE)
@@ -216,13 +208,11 @@ int jxdr_AGENTLOGres(JXDR* xdrs, AGENTLOGres*& rec)
 
 /* ---- procedure 6 ---- */
 
-#define JOBRESULT_FMT "{s:I, s:i, s:I, s:i, s:i, s:I, s:s, s:s}"
+#define JOBRESULT_FORMAT(t) "{s:I, s:i, s:I, s:i, s:i, s:I, s:" t ", s:" t "}"
 
 int jxdr_JOBRESULTres(JXDR* xdrs, JOB_RESULT*& rec)
 {
     char fmt[64];
-    char session[sizeof(rec->sessionNo) + 1];
-    char guid[sizeof(rec->sessionGuid) + 1];
     json_int_t rd = 0, wr = 0, prot = 0;
     int thr_r = 0, thr_w = 0, count = 0;
     const char *s_no = NULL, *s_guid = NULL;
@@ -233,20 +223,20 @@ int jxdr_JOBRESULTres(JXDR* xdrs, JOB_RESULT*& rec)
     }
     if (xdrs->x_op == JXDR_ENCODE) {
         /* the two texts come from a file and may lack their terminators */
-        jxdr_set_param(xdrs, json_pack(JOBRESULT_FMT,
+        jxdr_set_param(xdrs, json_pack(JOBRESULT_FORMAT("o"),
             "proc_data_r", (json_int_t)rec->processed_data_read,
             "throughput_r", (int)rec->throughput_read,
             "proc_data_w", (json_int_t)rec->processed_data_write,
             "throughput_w", (int)rec->throughput_write,
             "rec_count", (int)rec->recovery_count,
             "protect_data", (json_int_t)rec->protected_data,
-            "session", fixed_text(session, sizeof(session), rec->sessionNo, sizeof(rec->sessionNo)),
-            "sessionGuid", fixed_text(guid, sizeof(guid), rec->sessionGuid, sizeof(rec->sessionGuid))));
+            "session", jxdr_text(rec->sessionNo, (int)sizeof(rec->sessionNo), NULL),
+            "sessionGuid", jxdr_text(rec->sessionGuid, (int)sizeof(rec->sessionGuid), NULL)));
         return 0;
     }
     if (xdrs->x_op != JXDR_DECODE)
         return -1;
-    snprintf(fmt, sizeof(fmt), "{s:%s}", JOBRESULT_FMT);
+    snprintf(fmt, sizeof(fmt), "{s:%s}", JOBRESULT_FORMAT("s"));
     if (json_unpack(xdrs->x_hd, fmt, "param", "proc_data_r", &rd, "throughput_r", &thr_r,
                     "proc_data_w", &wr, "throughput_w", &thr_w, "rec_count", &count,
                     "protect_data", &prot, "session", &s_no, "sessionGuid", &s_guid) != 0) {

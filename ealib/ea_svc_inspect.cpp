@@ -16,7 +16,6 @@
 #include "svc_main.h"
 #include "zelutil.h"
 
-#define INSPECT_CMD_SIZE      1024
 #define INSPECT_PATH_SIZE     4096
 #define INSPECT_META_SIZE     128
 #define CHECK_FN              "check_machine"   /* log lines of the helpers too */
@@ -28,9 +27,12 @@
 /* Re-runs the agent as root in a one-shot mode; its exit status answers. */
 static int vmdetect_root_rerun(const char* user, const char* pwd, const char* mode)
 {
-    char cmd[INSPECT_CMD_SIZE];
-    snprintf(cmd, sizeof(cmd), "%s %s > /dev/null 2>&1", GetEATarget(), mode);
-    return SuperExecuteCmd(user, pwd, cmd, 1, NULL, 0);
+    /* the agent's path is one shell word, whatever directory the server chose */
+    char* cmd = zel_shell_cmdline("%w %s > /dev/null 2>&1", GetEATarget(), mode);
+    int rc = cmd != NULL ? SuperExecuteCmd(user, pwd, cmd, 1, NULL, 0) : -1;
+
+    free(cmd);
+    return rc;
 }
 
 /*
@@ -61,7 +63,8 @@ int detect_vm_info_svc(ExecCmdargs* args, VMDetectInfores* res)
     ZELLogFunction(3, "ea_svc", __LINE__, "%s: check_process_running return: %d.\n",
                    __FUNCTION__, rc);
 
-    if (geteuid() != 0) {
+    /* arguments that did not decode name no account: no su or sudo, the probes run unelevated */
+    if (geteuid() != 0 && decoded) {
         int st = vmdetect_root_rerun(user, pwd, "EA_CMD_DETECT_VM");
         res->vpt_type = st & ~0x80;
         res->is_oracle_uek = (st & 0x80) ? 1 : 0;
@@ -233,19 +236,19 @@ int check_machine(ExecCmdargs* args, ExecCmdres* res)
     }
 
     char path[INSPECT_PATH_SIZE];
-    char command[INSPECT_CMD_SIZE];
     memset(path, 0, sizeof(path));
     path_join(GetTargetBootstrapDir(), CHECK_REPORT_NAME, path, sizeof(path));
-    /* cut to the 1023 characters the command buffer holds */
-    if (snprintf(command, sizeof(command),
-                 "touch %s >/dev/null 2>&1; chmod 666 %s >/dev/null 2>&1; %s >%s 2>/dev/null",
-                 path, path, args->cmd, path) >= (int)sizeof(command))
-        command[sizeof(command) - 1] = '\0';
+    /* never cut; the report path is one shell word, the server's command stays a command */
+    char* command = zel_shell_cmdline("touch %w >/dev/null 2>&1; chmod 666 %w >/dev/null 2>&1; "
+                                      "%s >%w 2>/dev/null", path, path, args->cmd, path);
     res->cmd_len = 0;
-    if (account == 1)
+    if (command == NULL)
+        res->cmd_ret = -1;
+    else if (account == 1)
         res->cmd_ret = SuperExecuteCmd(args->user, args->pwd, command, 1, NULL, 0);
     else
         res->cmd_ret = ExecuteCmd(command);
+    free(command);
     if (res->cmd_ret < 0)
         return res->cmd_ret;
     return check_collect_report(path, res);

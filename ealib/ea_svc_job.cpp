@@ -87,10 +87,10 @@ static void fill_from_monitor(const RECOVERYPOINT_MONITOR* m, JOB_STATUS* res)
     res->typ = m->usJobType;
     res->sts = m->usJobStatus;
     res->stg = jm->ulJobPhase;
-    /* The writer may leave the name unterminated: stop at both buffers' ends. */
+    /* all 255 bytes of the field (unterminated when full, as the codec reads it) */
     size_t len = strnlen(jm->wszDiskName, sizeof(jm->wszDiskName));
-    if (len > sizeof(res->vol.name) - 1)
-        len = sizeof(res->vol.name) - 1;
+    if (len > sizeof(res->vol.name))
+        len = sizeof(res->vol.name);
     memcpy(res->vol.name, jm->wszDiskName, len);
 
     res->vol.dt_all = est_disk != 0 ? xfer_disk * 100 / est_disk : 0;

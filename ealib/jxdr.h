@@ -76,6 +76,18 @@ char*  jxdr_result_alloc(JXDR* xdrs, int rec_size, size_t buf_field, int buf_siz
 /* Copies min(max, strlen(src), cap - 1) bytes of src into dst (max < 0:
  * no limit of its own) and terminates; returns the count copied. */
 int    jxdr_copy_text(char* dst, int cap, const char* src, int max);
+/*
+ * JSON string of a reply's text that always packs.  The text is s up to its
+ * NUL or max bytes (null s: "").  max is the most the text's buffer or field
+ * holds: a character cut off at the end of a text that fills it was cut by
+ * that limit and is dropped whole; max < 0 sets no limit and says the text
+ * may have been cut anywhere, so a character cut off at its end is always
+ * dropped.  Every other byte that is not UTF-8 becomes "?"; valid UTF-8 is
+ * taken as it is.  *len (may be null), a length sent with the text, is
+ * lowered by the bytes the text lost (not below 0) and otherwise left alone.
+ * New reference for "s:o" of json_pack; null only when out of memory.
+ */
+json_t* jxdr_text(const char* s, int max, int* len);
 /* Makes param (reference taken over) the message's "param"; 0 or -1. */
 int    jxdr_set_param(JXDR* xdrs, json_t* param);
 bool_t jxdr_destroy(JXDR* xdrs);

@@ -78,6 +78,15 @@ int query_process_pid(const char* name)
     return atoi(buf);
 }
 
+/* Runs a command line of zel_shell_cmdline (logged) and frees it; -1 for none. */
+static int run_cmdline(char* cmd)
+{
+    int rc = cmd != NULL ? ExecuteCmdWrapper(cmd, 0) : -1;
+
+    free(cmd);
+    return rc;
+}
+
 /* sleep() that a SIGCHLD cannot cut short. */
 static void sleep_fully(unsigned secs)
 {
@@ -89,6 +98,7 @@ static void sleep_fully(unsigned secs)
 static int wait_program_gone(const char* prog)
 {
     for (int round = 0; round < CANCEL_ROUNDS; round++) {
+        child_exit_events();   /* the cancelled program's end is logged as it happens */
         if (query_process_pid(prog) == 0)
             return 1;
         sleep_fully(CANCEL_ROUND_SECS);
@@ -120,32 +130,27 @@ static void cancel_product_program(void)
     snprintf(cmd, sizeof(cmd), "kill -9 %d", pid);
     ExecuteCmdWrapper(cmd, 1);
     ZELLogFunction(3, SRC, 108, "force stop program: %s, pid: %d.\n", prog, pid);
-    snprintf(cmd, sizeof(cmd), "umount -f %s", GetZelRootDir());
-    if (ExecuteCmdWrapper(cmd, 0) != 0) {
-        snprintf(cmd, sizeof(cmd), "umount -l %s", GetZelRootDir());
-        ExecuteCmdWrapper(cmd, 0);
-    }
+    if (run_cmdline(zel_shell_cmdline("umount -f %w", GetZelRootDir())) != 0)
+        run_cmdline(zel_shell_cmdline("umount -l %w", GetZelRootDir()));
 }
 
 /* Removes the packages, lists and scripts the server copied, and ourselves. */
 static void remove_staged_files(void)
 {
-    char cmd[4096];
     const char* work = GetTargetWorkDir();
     const char* boot = GetTargetBootstrapDir();
 
-    snprintf(cmd, sizeof(cmd),
-             "rm -rf %s/%s %s/%s %s/%s %s/%s %s/%s %s/%s %s/%s %s/%s %s",
-             work, "linux-kvx-client",
-             work, "LinuxImage-backup-client-x86.tar.gz",
-             work, "LinuxImage-backup-client-x64.tar.gz",
-             work, "LinuxImage-restore-client-x86.tar.gz",
-             work, "LinuxImage-restore-client-x64.tar.gz",
-             work, "drv_target.lst",
-             work, "*.js",
-             boot, "checkmachine",
-             GetEATarget());
-    ExecuteCmdWrapper(cmd, 0);
+    /* each directory is one shell word ("/srv/kvx node" never removes "/srv/kvx"); *.js still expands */
+    run_cmdline(zel_shell_cmdline("rm -rf %w/%s %w/%s %w/%s %w/%s %w/%s %w/%s %w/%s %w/%s %w",
+                                  work, "linux-kvx-client",
+                                  work, "LinuxImage-backup-client-x86.tar.gz",
+                                  work, "LinuxImage-backup-client-x64.tar.gz",
+                                  work, "LinuxImage-restore-client-x86.tar.gz",
+                                  work, "LinuxImage-restore-client-x64.tar.gz",
+                                  work, "drv_target.lst",
+                                  work, "*.js",
+                                  boot, "checkmachine",
+                                  GetEATarget()));
 }
 
 /*

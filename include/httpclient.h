@@ -5,6 +5,7 @@
 #ifndef HTTPCLIENT_H
 #define HTTPCLIENT_H
 
+#include <sys/time.h>
 #include <string>
 
 namespace KVXHttpC {
@@ -23,9 +24,12 @@ public:
     int HttpStatus() const { return m_status; }
     /* A response that carries a secret (a session token) is never logged. */
     void HttpSetSecret(bool secret) { m_secret = secret; }
+    /* Connecting and reading end by this time of http_now_ms() (0: no deadline). */
+    void HttpSetDeadline(long long ms) { m_deadline = ms; }
 
 private:
     const char* Shown() const;
+    int HttpTimeLeft(struct timeval* tv) const;
     int HttpGetConLen();
     int HttpContentIsReady();
     int HttpReadResponse();
@@ -39,6 +43,7 @@ private:
     int  m_len;
     int  m_status;
     bool m_secret;
+    long long m_deadline;
     char m_buf[8192];
 };
 
@@ -58,9 +63,15 @@ int http_get(const char* ip, int port, const char* uri, char* out, int* outlen);
  * http_get with a method and extra header lines; *status (if given) gets the
  * response's status code, also when the result is -2 for a status not 200.
  * secret non-zero keeps the body out of the log (a session token).
+ * deadline_ms (http_now_ms() time, 0: none): connecting and reading end by
+ * then, -1 and -4 as for their time-outs.
  */
 int http_request(const char* ip, int port, const char* method, const char* uri,
-                 const char* headers, char* out, int* outlen, int* status, int secret);
+                 const char* headers, char* out, int* outlen, int* status, int secret,
+                 long long deadline_ms);
+
+/* Milliseconds of the monotonic clock. */
+long long http_now_ms(void);
 
 /*
  * Value of one instance metadata key ("instance-id", ...) from
@@ -68,9 +79,12 @@ int http_request(const char* ip, int port, const char* method, const char* uri,
  * out and *outlen of http_get.  0, -1 for a null key, else http_get's result.
  * Only when that plain request is answered 401 (the node requires session
  * tokens) a token is fetched with PUT /latest/api/token and the GET repeated
- * with it; the result is then that of the token or the second GET.
+ * with it; the result is then that of the token or the second GET.  The
+ * whole lookup ends within 60 seconds, however slowly the service answers.
  */
 int get_meta_value_by_key(const char* key, char* value, int* pvaluelen);
+/* The same lookup ending within the given seconds. */
+int get_meta_value_within(const char* key, char* value, int* pvaluelen, int seconds);
 
 /* ---- response parsing (no I/O; safe on arbitrary bytes) ----
  * The response text is buf up to its first NUL byte or len bytes, whichever

@@ -83,6 +83,15 @@ int   zel_shell_safe(const char* s);
  * runs a command line with a word cut short.
  */
 char* zel_shell_word(const char* s, int dquote, char* out, size_t size);
+/*
+ * Command line built from fmt and sized from its parts, so it is never cut:
+ * "%s" pastes the next string as it is (command words, fixed texts, the
+ * server's own command), "%w" pastes it as one shell word (zel_shell_word),
+ * "%W" likewise but inside double quotes when it is safe, "%d" an int, "%%"
+ * a percent sign.  A null string is "".  Malloc'ed, the caller frees; null
+ * when out of memory or for any other directive.
+ */
+char* zel_shell_cmdline(const char* fmt, ...);
 
 /* ---- directories and paths (zelfunc_paths) ---- */
 

@@ -13,6 +13,7 @@ PACKAGES=(
   libjansson-dev libgtest-dev googletest
   sudo passwd login procps psmisc util-linux mount iproute2 coreutils sed grep
   clang libclang-rt-dev file
+  openssh-client openssh-server man-db dpkg-dev
 )
 I386_PACKAGES=(gcc-multilib g++-multilib libjansson-dev:i386)
 
@@ -52,7 +53,30 @@ if [ $add_i386 = yes ]; then
 fi
 echo "setup: installing ${missing[*]}"
 export DEBIAN_FRONTEND=noninteractive
+# The tests start sshd themselves, on a port of their own.  A system sshd that
+# this script installs is never started (policy-rc.d answers 101 during the
+# installation, sshd_not_to_be_run keeps it from starting later) and is left
+# disabled.
+new_sshd=no
+case " ${missing[*]} " in *" openssh-server "*) new_sshd=yes ;; esac
+if [ $new_sshd = yes ]; then
+  mkdir -p /etc/ssh
+  touch /etc/ssh/sshd_not_to_be_run
+  if [ ! -e /usr/sbin/policy-rc.d ]; then
+    printf '#!/bin/sh\nexit 101\n' >/usr/sbin/policy-rc.d
+    chmod 755 /usr/sbin/policy-rc.d
+    trap 'rm -f /usr/sbin/policy-rc.d' EXIT
+  fi
+fi
 # A mirror that is half-way through a sync fails one index; what the other
 # indexes hold may still be enough, and apt-get install says when it is not.
 apt-get update -qq || echo "setup: apt-get update reported errors, installing anyway" >&2
 apt-get install -y -qq --no-install-recommends "${missing[@]}"
+if [ $new_sshd = yes ]; then
+  if command -v deb-systemd-helper >/dev/null; then
+    deb-systemd-helper disable ssh.service ssh.socket >/dev/null 2>&1 || true
+  fi
+  if command -v update-rc.d >/dev/null; then
+    update-rc.d ssh disable >/dev/null 2>&1 || true
+  fi
+fi

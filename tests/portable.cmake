@@ -3,7 +3,4 @@
 if(TARGET kvx_ea-static)
   kvx_add_test(test_portable SOURCES test_portable.cpp LOCKS machine)
   add_dependencies(test_portable kvx_ea-static)
-  if(TARGET kvx-eactl)
-    add_dependencies(test_portable kvx-eactl)
-  endif()
 endif()

@@ -69,6 +69,7 @@ const ReportCase kReports[] = {
     {404, "i-0abc123", kReport, 0, 0, kFlat, ""},
     {200, "i-0abc123", "\"NodeUUID\":\"1234\"\n", 0, 0, "\"NodeUUID\":\"1234\" ", ""},
     {200, "i-0abc123", "a\tb\nc\n", 4, 4, "a b c ", ""},
+    {0, "", "caf\xe9\n", 0, 0, "caf? ", ""},
     {0, "", std::string(204799, 'r'), 0, 0, "",
      "read_checkmachine_file: checkmachine output is too big(204800.)"},
     {0, "", std::string(204800, 'r'), 0, -1, "",
@@ -80,16 +81,16 @@ TEST(CheckMachine, ReportComesBackAsOneLineWithInstanceId)
     std::string why = enter_private_netns();
     if (!why.empty())
         GTEST_SKIP() << "no private network namespace: " << why;
-    AgentHarness h;
+    AgentHarness h("kvx node");   /* the report's path is one word in the command line */
     ASSERT_TRUE(h.start());
     const std::string source = h.root + "/report.txt", script = h.boot_dir + "/checkmachine",
-                      report = h.boot_dir + "//.checkmachinetxt";
+                      report = h.boot_dir + "//.checkmachinetxt", word = "'" + report + "'";
     for (const ReportCase& c : kReports) {
         SCOPED_TRACE(c.reply + c.log_line);
         pid_t responder = serve_metadata(c.http_code, c.metadata);
         AgentHarness::write_file(source, c.report);
-        AgentHarness::write_script(script, "cat " + source + "\nexit " + std::to_string(c.status) + "\n");
-        Reply r = rpc(h, EA_PROC_CHECK_MACHINE, exec_args(script, true), 60000);
+        AgentHarness::write_script(script, "cat '" + source + "'\nexit " + std::to_string(c.status) + "\n");
+        Reply r = rpc(h, EA_PROC_CHECK_MACHINE, exec_args("'" + script + "'", true), 60000);
         if (responder > 0 && kill(responder, SIGKILL) == 0)
             waitpid(responder, nullptr, 0);
         EXPECT_EQ(c.ret, num(r, "ret"));
@@ -99,9 +100,9 @@ TEST(CheckMachine, ReportComesBackAsOneLineWithInstanceId)
         EXPECT_NE(std::string::npos, h.log().find(c.log_line));
         unlink(report.c_str());
     }
-    EXPECT_NE(std::string::npos, h.log().find("touch " + report + " >/dev/null 2>&1; chmod 666 " +
-                                               report + " >/dev/null 2>&1; " + script + " >" +
-                                               report + " 2>/dev/null"));
+    EXPECT_NE(std::string::npos, h.log().find("touch " + word + " >/dev/null 2>&1; chmod 666 " +
+                                               word + " >/dev/null 2>&1; '" + script + "' >" +
+                                               word + " 2>/dev/null"));
 }
 
 TEST(CheckMachine, LockQueryAnswersOnlyTheExactCommand)
@@ -131,7 +132,7 @@ TEST(CheckMachine, LockQueryAnswersOnlyTheExactCommand)
         execl(vol.c_str(), "kvxbackupvol", "60", (char*)nullptr);
         _exit(127);
     }
-    usleep(200000);
+    ASSERT_TRUE(wait_exec(backup, "kvxbackupvol"));
     EXPECT_EQ(-2, num(rpc(h, EA_PROC_CHECK_MACHINE, exec_args(query, true)), "ret"));
     kill(backup, SIGKILL);
     waitpid(backup, nullptr, 0);

@@ -47,16 +47,33 @@ const UINT64 B53 = 9007199254740993ULL; /* 2^53 + 1: not exact in a double */
 
 } // namespace
 
-/* Over-long fields come back cut to the receiving buffers. */
+/* Over-long fields come back cut to the buffers that send or receive them.
+ * Reply texts always pack: a character cut by a buffer is dropped (and the
+ * length sent with the text lowered), other bytes that are not UTF-8 become
+ * "?", valid UTF-8 (a 4-byte character here) is left alone. */
 TEST(Codec, EveryRecordSurvivesEncodeTextDecode)
 {
     std::string ping(1500, 'm'), point = "/" + std::string(1500, 'p'), log(40000, 'a');
     PINGargs pa = {0, (char*)"h\xc3\xa9llo", true};
     PINGres pr = {1700000000, 0, (char*)ping.c_str()};
     JOBSTATUSargs ja = {-5};
+    const char* latin1 = "1 0 caf\xe9\n";
+    std::string cut_log = std::string(32766, 'a') + "\xc3\xa9";    /* read up to 32767 bytes */
+    std::string mixed = "ok \xf0\x9f\x98\x80 \xc0\xaf \xed\xa0\x80 \xf4\x90\x80\x80 caf\xe9\n\xe2\x82";
+    const std::string mended_len = std::to_string(mixed.size() - 2);
     JOB_STATUS js = {4, 5, 7, {"", 5100, 3, 42, BIG + 1}, 6000, 8, B53, BIG + 5, 1, 2, 3, 40000,
-                     (char*)log.c_str(), B53 + 2, 99, {1, 2, BIG, B53 + 1, 77, 55}};
+                     (char*)log.c_str(), B53 + 2, 99, {1, 2, BIG, B53 + 1, 77, 55}}, js2 = js;
     memset(js.vol.name, 'n', sizeof(js.vol.name));      /* no terminator */
+    memcpy(js2.vol.name, js.vol.name, sizeof(js.vol.name));
+    js2.vol.name[254] = '\xc3';
+    js2.act_size = 10;
+    js2.act_log = (char*)latin1;
+    std::string cut_ping = std::string(1022, 'c') + "\xc3\xa9\xe9";    /* 1023 bytes taken */
+    PINGres pr2 = {1700000000, 0, &cut_ping[0]};
+    ExecCmdres er3 = {0, (int)mixed.size(), &mixed[0]};
+    Mountres mr2 = {0, 9, (char*)"/mnt/caf\xe9"};
+    AGENTLOGres ar3 = {32768, &cut_log[0]};
+    JOB_RESULT jr2 = {1, 2, 3, 4, 5, 6, "S\xff\xc3", ""};
     ExecCmdargs ea = {0, (char*)"echo hi", 1, 0, 42, nullptr, (char*)"secret", 1};
     ExecCmdres er1 = {-1, 3, (char*)"hello"}, er2 = {0, 100000, (char*)"abc"};
     Mountargs ma = {(char*)"//srv/share", (char*)"CORP\\bob", (char*)"p w", (char*)""};
@@ -74,10 +91,14 @@ TEST(Codec, EveryRecordSurvivesEncodeTextDecode)
                  std::string param, back; } rows[] = {
         {"ping args", P(PINGargs, jxdr_PINGargs), 0, &pa, "{\"str\":\"h\xc3\xa9llo\"}", ""},
         {"ping res", P(PINGres, jxdr_PINGres), sizeof(PINGres), &pr,
-         "{\"sp\":1700000000,\"str\":\"m*1500\"}", "{\"sp\":1700000000,\"str\":\"m*1023\"}"},
+         "{\"sp\":1700000000,\"str\":\"m*1023\"}", ""},
+        {"ping res, not UTF-8", P(PINGres, jxdr_PINGres), sizeof(PINGres), &pr2,
+         "{\"sp\":1700000000,\"str\":\"c*1022\"}", ""},
         {"job status args", P(JOBSTATUSargs, jxdr_JOBSTATUSargs), 0, &ja, "{\"id\":-5}", ""},
         {"job status res", P(JOB_STATUS, jxdr_JOBSTATUSres), sizeof(JOB_STATUS), &js,
-         job_status("a*40000", 40000, "n*255"), job_status("a*32767", 32768, "n*254")},
+         job_status("a*32767", 40000, "n*255"), job_status("a*32767", 32768, "n*255")},
+        {"job status res, not UTF-8", P(JOB_STATUS, jxdr_JOBSTATUSres), sizeof(JOB_STATUS), &js2,
+         job_status("1 0 caf?\\n", 10, "n*254"), ""},
         {"exec args", P(ExecCmdargs, jxdr_ExecCmdargs), 0, &ea,
          "{\"block_mode\":false,\"jobid\":42,\"msg_mode\":true,\"passwd\":\"secret\","
          "\"str\":\"echo hi\",\"sudoflag\":1,\"user\":\"\"}", ""},
@@ -85,19 +106,28 @@ TEST(Codec, EveryRecordSurvivesEncodeTextDecode)
          "{\"ret\":-1,\"retmsg_len\":3,\"str\":\"hello\"}", "{\"ret\":-1,\"retmsg_len\":3,\"str\":\"hel\"}"},
         {"exec res, longer length", P(ExecCmdres, jxdr_ExecCmdres), sizeof(ExecCmdres), &er2,
          "{\"ret\":0,\"retmsg_len\":100000,\"str\":\"abc\"}", ""},
+        {"exec res, not UTF-8", P(ExecCmdres, jxdr_ExecCmdres), sizeof(ExecCmdres), &er3,
+         "{\"ret\":0,\"retmsg_len\":" + mended_len + ",\"str\":\"ok \xf0\x9f\x98\x80 ?? ??? ???? caf?\\n\"}", ""},
         {"mount args", P(Mountargs, jxdr_Mountargs), 0, &ma,
          "{\"location\":\"//srv/share\",\"point\":\"\",\"pwd\":\"p w\",\"user\":\"CORP\\\\bob\"}", ""},
         {"mount res", P(Mountres, jxdr_Mountres), sizeof(Mountres), &mr,
-         "{\"len\":1501,\"ret\":5,\"str\":\"/p*1500\"}", "{\"len\":1501,\"ret\":5,\"str\":\"/p*1022\"}"},
+         "{\"len\":1501,\"ret\":5,\"str\":\"/p*1022\"}", ""},
+        {"mount res, not UTF-8", P(Mountres, jxdr_Mountres), sizeof(Mountres), &mr2,
+         "{\"len\":9,\"ret\":0,\"str\":\"/mnt/caf?\"}", ""},
         {"agent log, too large", P(AGENTLOGres, jxdr_AGENTLOGres), sizeof(AGENTLOGres), &ar1,
-         "{\"ActivityLogs\":\"a*40000\",\"size\":40001}", "{\"ActivityLogs\":\"a*32767\",\"size\":32768}"},
+         "{\"ActivityLogs\":\"a*32767\",\"size\":40001}", "{\"ActivityLogs\":\"a*32767\",\"size\":32768}"},
         {"agent log, size below text", P(AGENTLOGres, jxdr_AGENTLOGres), sizeof(AGENTLOGres), &ar2,
          "{\"ActivityLogs\":\"0123456789\",\"size\":4}", "{\"ActivityLogs\":\"012\",\"size\":4}"},
+        {"agent log, not UTF-8", P(AGENTLOGres, jxdr_AGENTLOGres), sizeof(AGENTLOGres), &ar3,
+         "{\"ActivityLogs\":\"a*32766\",\"size\":32767}", ""},
         {"job result", P(JOB_RESULT, jxdr_JOBRESULTres), sizeof(JOB_RESULT), &jr,
          "{\"proc_data_r\":9007199254740993,\"proc_data_w\":4294967297,\"protect_data\":12884901891,"
          "\"rec_count\":3,\"session\":\"7*32\",\"sessionGuid\":\"g*37\",\"throughput_r\":11,\"throughput_w\":12}",
          "{\"proc_data_r\":9007199254740993,\"proc_data_w\":4294967297,\"protect_data\":12884901891,"
          "\"rec_count\":3,\"session\":\"7*31\",\"sessionGuid\":\"g*36\",\"throughput_r\":11,\"throughput_w\":12}"},
+        {"job result, not UTF-8", P(JOB_RESULT, jxdr_JOBRESULTres), sizeof(JOB_RESULT), &jr2,
+         "{\"proc_data_r\":1,\"proc_data_w\":3,\"protect_data\":6,\"rec_count\":5,"
+         "\"session\":\"S??\",\"sessionGuid\":\"\",\"throughput_r\":2,\"throughput_w\":4}", ""},
         {"vm detect args", P(VMDetectArg, jxdr_VMDetectargs), 0, &va, "{\"uuid\":\"0f1e-uuid\"}", ""},
         {"vm detect res", P(VMDetectInfo_t, jxdr_VMDetectres), sizeof(VMDetectInfo_t), &vr,
          "{\"isuek\":0,\"local\":1,\"socks\":255,\"type\":3}", ""},

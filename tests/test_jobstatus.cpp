@@ -62,6 +62,9 @@ const MonitorCase kMonitors[] = {
     /* 0x100000001 KiB * 60 = 0x3c0000003c, cut to 32 bits */
     {"RatesCutTo32Bits", {1, 0x100000001ULL << 10, 0x100000001ULL << 10, 0, 0, 0},
      {0x100000001ULL, 0x3c, 0x3c, 0, 0, 0, 0}},
+    /* a 5 TiB job after an hour: KiB counts above 2^32 arrive whole */
+    {"FiveTiBInAnHour", {3600, 5ULL << 40, 5ULL << 40, 8ULL << 40, 5ULL << 40, 5ULL << 39},
+     {5ULL << 30, 89478480, 89478480, 62, 5ULL << 30, 5ULL << 29, 44739242}},
     {"ElapsedUsesLow32Bits", {(1ULL << 32) + 120, 10 * MiB, 0, 0, 0, 0}, {10240, 5100, 0, 0, 0, 0, 0}},
     /* -1 seconds sign-extends to 2^64 - 1: every rate is 0 */
     {"NegativeElapsedDividesToZero", {0xffffffffULL, 10 * MiB, 10 * MiB, 0, 0, 10 * MiB},
@@ -94,7 +97,8 @@ TEST(JobStatus, ConvertsMonitorCounters)
         EXPECT_EQ(c.out, (std::vector<UINT64>{r.dt_fin, r.tm_usd, r.vol.tm_usd, r.vol.dt_all,
                                                r.vol.dt_fin, r.processed_data_w, r.throughput_w}));
         EXPECT_EQ("4 7 9", std::to_string(r.typ) + " " + std::to_string(r.sts) + " " + std::to_string(r.stg));
-        EXPECT_EQ(std::string(sizeof(r.vol.name) - 1, 'D'), r.vol.name) << "bounded copy";
+        EXPECT_EQ(std::string(sizeof(r.vol.name), 'D'), std::string(r.vol.name, strnlen(r.vol.name, 255)))
+            << "all 255 bytes, no more";
     }
     gst_nblk_p = {0, 0, 0};
     DetachSHM(m);

@@ -5,14 +5,17 @@
 #include <gtest/gtest.h>
 
 #include "test_exec_cmd_client.h"
+#include "zelutil.h"
 
 namespace {
 
 /* Starts the simulator and polls until it has ended; the events of every poll
  * are appended to events, the last reply returned. */
-Reply run_job(AgentHarness& h, const std::string& args, std::string& events, int& running)
+Reply run_job(AgentHarness& h, const std::string& args, std::string& events, int& running,
+              const std::string& disk = "")
 {
-    Reply r = rpc(h, EA_PROC_EXEC_CMD, exec_args("kvxbackupvol " + args, false, true));
+    std::string cmd = "kvxbackupvol " + (disk.empty() ? "" : "--disk " + disk + " ") + args;
+    Reply r = rpc(h, EA_PROC_EXEC_CMD, exec_args(cmd, false, true));
     EXPECT_EQ("create child process successfully!", text(r, "str"));
     long long last_fin = 0;
     for (int i = 0; i < 30; i++, running++, sleep(1)) {
@@ -22,9 +25,10 @@ Reply run_job(AgentHarness& h, const std::string& args, std::string& events, int
         EXPECT_EQ(act.empty() ? 0 : (long long)act.size() + 1, num(r, "act_size"));
         if (num(r, "sts") != 1)
             break;
-        EXPECT_EQ("1 2 /dev/simdisk0", std::to_string(num(r, "typ")) + " " +
-                                           std::to_string(num(r, "stg")) + " " + text(r, "vol.name"));
-        EXPECT_GE(num(r, "dt_fin"), std::max(last_fin, 5LL << 30)) << "KiB above 2^32, growing";
+        std::string name = text(r, "vol.name");
+        EXPECT_EQ("1 2", std::to_string(num(r, "typ")) + " " + std::to_string(num(r, "stg")));
+        EXPECT_TRUE(disk.empty() ? name == "/dev/sda2" || name == "/dev/sdb1" : name == disk) << name;
+        EXPECT_GE(num(r, "dt_fin"), last_fin) << "growing";
         EXPECT_LE(num(r, "vol.dt_all"), 100);
         EXPECT_EQ(1, num(r, "stat.valid"));
         EXPECT_EQ(num(r, "dt_fin") << 10, num(r, "stat.total_data"));
@@ -41,31 +45,45 @@ TEST(JobAgent, ProgressEventsResultAndFailureReachServer)
     const std::string logs = h.work_dir + "/logs/";
     mkdir(logs.c_str(), 0755);   /* before the agent's own log makes it */
     ASSERT_TRUE(h.start());
-    for (size_t n : {10, 40000}) {   /* read at most 32 KiB, cut and removed */
-        AgentHarness::write_file(logs + "linuxkvxactivity.log", std::string(n - 1, 'a') + "\n");
+    /* read at most 32 KiB, cut and removed; a file name in Latin-1 and a
+     * character cut at 32767 bytes still make a reply */
+    const struct { std::string file, text; long long size; } logfiles[] = {
+        {std::string(9, 'a') + "\n", std::string(9, 'a') + "\n", 11},
+        {std::string(39999, 'a') + "\n", std::string(32767, 'a'), 32768},
+        {"1 0 /srv/caf\xe9.txt\n", "1 0 /srv/caf?.txt\n", 19},
+        {std::string(32766, 'a') + "\xc3\xa9\n", std::string(32766, 'a'), 32767},
+    };
+    for (const auto& f : logfiles) {
+        AgentHarness::write_file(logs + "linuxkvxactivity.log", f.file);
         Reply r = rpc(h, EA_PROC_AGENTLOG, "");
-        EXPECT_EQ(std::min(n + 1, (size_t)32768), (size_t)num(r, "size"));
-        EXPECT_EQ(std::min(n, (size_t)32767), text(r, "ActivityLogs").size());
+        EXPECT_EQ(f.size, num(r, "size"));
+        EXPECT_EQ(f.text, text(r, "ActivityLogs"));
         EXPECT_FALSE(AgentHarness::exists(logs + "linuxkvxactivity.log"));
     }
     std::string events;
     int running = 0;
-    Reply st = run_job(h, "--seconds 4 --exit 0", events, running);
+    /* an event in Latin-1 waits in the file for the job's first poll */
+    ASSERT_EQ(0, write_activity_log_file((logs + "linuxkvxactivity.log").c_str(), "1 0 caf\xe9"));
+    Reply st = run_job(h, "--seconds 4 --exit 0", events, running, "/dev/" + std::string(250, 'd'));
     EXPECT_GE(running, 2);
     EXPECT_EQ(10, num(st, "sts"));
     EXPECT_EQ(1, num(st, "stg"));
 
     events += text(rpc(h, EA_PROC_AGENTLOG, ""), "ActivityLogs");
-    std::string want = "1 0 kvxbackupvol: started\n";
-    for (int k = 1; k <= 4; k++)
-        want += "1 0 kvxbackupvol: step " + std::to_string(k) + " of 4\n";
-    EXPECT_EQ(want + "1 0 kvxbackupvol: finished\n", events) << "each event once, in order";
+    EXPECT_EQ("1 0 caf?\n"
+              "1 0 Backup job started: 2 volumes, 7.0 GiB\n"
+              "1 0 Backing up /dev/sda2 (ext4, 4.5 GiB)\n"
+              "1 0 Volume /dev/sda2 done: 4.5 GiB read\n"
+              "1 0 Backing up /dev/sdb1 (xfs, 2.5 GiB)\n"
+              "1 0 Volume /dev/sdb1 done: 2.5 GiB read\n"
+              "1 0 Backup job finished: 7.0 GiB read, 3.0 GiB written\n",
+              events) << "each event once, in order";
     EXPECT_EQ(0, num(rpc(h, EA_PROC_AGENTLOG, ""), "size")) << "no file: nothing";
 
     Reply res = rpc(h, EA_PROC_JOBRESULT, "");
-    EXPECT_EQ(0x123456789ALL, num(res, "proc_data_r"));
-    EXPECT_EQ(0xFEDCBA9876LL, num(res, "proc_data_w"));
-    EXPECT_EQ((1LL << 40) + 5, num(res, "protect_data"));
+    EXPECT_EQ(7LL << 30, num(res, "proc_data_r"));
+    EXPECT_EQ(0xC0A3D000LL, num(res, "proc_data_w")) << "43 % in whole 4 KiB blocks";
+    EXPECT_EQ(7LL << 30, num(res, "protect_data"));
     EXPECT_EQ("S0000042", text(res, "session"));
     EXPECT_FALSE(AgentHarness::exists(logs + "linuxkvxjobres"));
     AgentHarness::write_file(logs + "linuxkvxjobres", std::string(50, 'A'));

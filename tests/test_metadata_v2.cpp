@@ -23,7 +23,8 @@ namespace {
 
 struct Answer {
     const char* expect;   /* text the request must contain */
-    const char* reply;    /* whole response */
+    std::string reply;    /* whole response */
+    bool trickle;         /* sent a byte every 200 ms */
 };
 
 /* Serves one connection per answer on fd, appending each request to log. */
@@ -38,17 +39,22 @@ void serve(int fd, const std::vector<Answer>& answers, const std::string& log)
         FILE* f = fopen(log.c_str(), "a");
         fprintf(f, "%s%s====\n", n > 0 ? req : "", strstr(req, a.expect) ? "" : "UNEXPECTED\n");
         fclose(f);
-        if (send(c, a.reply, strlen(a.reply), MSG_NOSIGNAL) < 0)
-            _exit(1);
+        for (size_t at = 0; at < a.reply.size(); at += a.trickle ? 1 : a.reply.size()) {
+            if (send(c, a.reply.data() + at, a.trickle ? 1 : a.reply.size(), MSG_NOSIGNAL) < 0)
+                _exit(1);
+            if (a.trickle)
+                usleep(200000);
+        }
         close(c);
     }
     _exit(0);
 }
 
 /* In a new network namespace: serve answers on 169.254.169.254:80 and look
- * up "instance-id".  Returns "rc value" as the child reports it. */
+ * up "instance-id" (within seconds, 0: the lookup's own deadline).  Returns
+ * "rc value" as the child reports it; the child ends after 30 s at most. */
 std::string lookup_in_netns(const std::vector<Answer>& answers, const std::string& log,
-                            bool* skipped)
+                            int seconds, bool* skipped)
 {
     int p[2];
     if (pipe(p) != 0)
@@ -74,7 +80,9 @@ std::string lookup_in_netns(const std::vector<Answer>& answers, const std::strin
         close(fd);
         char value[128] = "";
         int len = 127;
-        int rc = get_meta_value_by_key("instance-id", value, &len);
+        alarm(30);
+        int rc = seconds > 0 ? get_meta_value_within("instance-id", value, &len, seconds)
+                             : get_meta_value_by_key("instance-id", value, &len);
         dprintf(p[1], "%d %.*s", rc, rc == 0 ? len : 0, value);
         kill(server, SIGKILL);
         waitpid(server, NULL, 0);
@@ -99,10 +107,17 @@ struct Case {
     std::vector<Answer> answers;
     const char* result;           /* what the lookup reports */
     int requests;                 /* connections the node made */
+    int seconds;                  /* the lookup's deadline (0: its own) */
 };
+
+/* A response that, a byte every 200 ms, would take 20 minutes. */
+const std::string SLOW = "HTTP/1.0 200 OK\r\nContent-Length: 6000\r\n\r\n" + std::string(6000, 'x');
 
 } /* namespace */
 
+/* The token steps follow a plain request answered 401; a service that
+ * trickles its answers is given up at the lookup's deadline, token step
+ * included. */
 TEST(MetadataToken, PlainRequestFirstAndTokenOnlyAfter401)
 {
     char dir[] = "/tmp/kvxmeta.XXXXXX";
@@ -121,16 +136,23 @@ TEST(MetadataToken, PlainRequestFirstAndTokenOnlyAfter401)
          "0 i-0abc123", 3},
         {"token refused", {{GET_V1, UNAUTHORIZED}, {"PUT /latest/api/token", "HTTP/1.0 403 Forbidden\r\n\r\n"}},
          "-2 ", 2},
+        {"trickling answer", {{GET_V1, SLOW, true}}, "-4 ", 1, 2},
+        {"trickling token", {{GET_V1, UNAUTHORIZED}, {"PUT /latest/api/token", SLOW, true}}, "-4 ", 2, 2},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.name);
         std::string log = std::string(dir) + "/requests";
         unlink(log.c_str());
         bool skipped = false;
-        std::string got = lookup_in_netns(c.answers, log, &skipped);
+        long long start = http_now_ms();
+        std::string got = lookup_in_netns(c.answers, log, c.seconds, &skipped);
+        long long took = http_now_ms() - start;
         if (skipped)
             GTEST_SKIP() << "cannot make a network namespace with its own 169.254.169.254 here";
         EXPECT_EQ(c.result, got);
+        if (c.seconds > 0) {
+            EXPECT_TRUE(took >= c.seconds * 1000 - 50 && took < c.seconds * 1000 + 5000) << took;
+        }
         FILE* f = fopen(log.c_str(), "r");
         std::string seen;
         char line[512];

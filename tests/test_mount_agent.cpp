@@ -132,6 +132,15 @@ TEST_F(MountAgent, LocalAndNfsLocations)
     EXPECT_EQ(calls("mount").size(), 1u);
     EXPECT_EQ(calls("umount"), Lines{ "umount " + deep });
     EXPECT_FALSE(AgentHarness::exists(deep + "/marker"));
+
+    /* a point with a blank and a quote is one word: found, unmounted and mounted there */
+    const std::string odd = h.root + "/mnt 'x";
+    mkdir(odd.c_str(), 0755);
+    ASSERT_EQ(mount("nfshost:/exp", odd.c_str(), "tmpfs", 0, "size=1m"), 0);
+    expect_mount("nfshost:/exp", "", "", odd, 0, odd);
+    EXPECT_EQ(calls("umount"), Lines{ "umount " + odd });
+    EXPECT_TRUE(AgentHarness::exists(odd + "/marker"));
+    EXPECT_TRUE(logged("Execute command [mount nfshost:/exp '" + h.root + "/mnt '\\''x' -w -o vers=3] result: 0."));
 }
 
 TEST_F(MountAgent, CifsPasswordOnlyOnStandardInput)

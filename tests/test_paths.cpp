@@ -159,4 +159,10 @@ TEST(ShellWord, SafeValuesStayAsTheyWereOthersAreOneQuotedWord)
         EXPECT_EQ(c.want != NULL ? out : nullptr, zel_shell_word(c.in, c.dquote, out, c.size));
         EXPECT_STREQ(c.want != NULL ? c.want : "", out);
     }
+    // whole command lines are sized from their parts, never cut
+    std::string dir(5000, 'd');
+    char* line = zel_shell_cmdline("rm -rf %w/%s %W %d%%", (dir + " x").c_str(), "*.js", "/a", 7);
+    EXPECT_EQ("rm -rf '" + dir + " x'/*.js \"/a\" 7%", std::string(line != NULL ? line : ""));
+    free(line);
+    EXPECT_EQ(nullptr, zel_shell_cmdline("%q", "x"));
 }

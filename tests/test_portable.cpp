@@ -173,27 +173,3 @@ INSTANTIATE_TEST_SUITE_P(Agents, Portable, ::testing::ValuesIn(kAgents),
                          });
 
 } // namespace
-
-/* Without --agent the operator client deploys the agent that matches the
- * node's "uname -m"; setarch makes this machine answer i686. */
-TEST(OperatorClient, DeploysTheAgentOfTheNodesArchitecture)
-{
-    const struct { const char* prefix; const char* agent; const char* elf; } cases[] = {
-        {"", "kvx_ea", "ELF 64-bit"},
-        {"setarch i686 ", "kvx_ea-i386", "ELF 32-bit"},
-    };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.agent);
-        if (access((std::string(KVX_BIN_DIR) + "/" + c.agent).c_str(), X_OK) != 0)
-            continue;   /* the i386 agent is optional, as above */
-        char tmpl[] = "/tmp/kvxportable.XXXXXX";
-        ASSERT_TRUE(mkdtemp(tmpl));
-        std::string dir = tmpl;
-        std::string out = run_text(std::string(c.prefix) + KVX_BIN_DIR "/kvx-eactl --target " +
-                                   dir + " ping arch");
-        EXPECT_NE(out.find("reply: arch"), std::string::npos) << out;
-        std::string what = run_text("file -b " + dir + "/boot/kvx_ea");
-        EXPECT_EQ(what.find(c.elf), 0u) << what;
-        system(("rm -rf '" + dir + "'").c_str());
-    }
-}

@@ -1,6 +1,7 @@
 // The agent as the server sees it: the service loop, its end, and the
 // cleanup after a stop signal, each through a staged kvx_ea.
 #include <signal.h>
+#include <sys/stat.h>
 #include <time.h>
 
 #include "test_runtime_support.h"
@@ -18,12 +19,14 @@ TEST(Loop, AnswersWhatDecodesSkipsTheRestThenEndsCleanly)
 {
     struct {
         int seq, fn;
-        std::string param, echo;   // echo: of procedure 1, cut to 1023 bytes
+        std::string param, echo;   // echo: of procedure 1, cut to at most 1023 bytes
         bool answered;
     } steps[] = {
         {1, 1, "{\"str\": \"hello\", \"sp\": 5}", "hello", true},
         {2147483647, 1, "{\"str\": \"caf\xc3\xa9 \\\"q\\\"\"}", "caf\xc3\xa9 \"q\"", true},
         {-4, 1, "{\"str\": \"" + std::string(3000, 'b') + "\"}", std::string(1023, 'b'), true},
+        // the cut would split the last character: it goes whole, the reply still packs
+        {3, 1, "{\"str\": \"" + std::string(1022, 'c') + "\\u00e9\"}", std::string(1022, 'c'), true},
         {5, 9, "{\"str\": \"x\"}", "", false},
         {7, -7, "", "", false},
         // Arguments that do not decode reach the handler as a null record.
@@ -88,24 +91,32 @@ TEST(Loop, AnswersWhatDecodesSkipsTheRestThenEndsCleanly)
 
 // A stop signal ends the session at once, whether the agent waits for the
 // next request or is serving one: no further input, no idle alarm needed.
+// Paths with blanks and quotes stay one word in every command line: the
+// start-up trims the agent's log, the cleanup removes exactly what was staged.
 TEST(Cleanup, StopSignalRemovesFilesKillsParentExitsOne)
 {
     const struct {
         int sig, flag, line;   // SIGHUP: sent when the parent dies
-        const char* text;
+        const char *text, *tree;
         bool busy;             // sent while a wait-mode command runs
     } cases[] = {
-        {SIGHUP, 1, 364, "receive signal: SIGHUP.", false},
-        {SIGALRM, 2, 365, "receive signal: SIGALRM.", false},
-        {SIGPIPE, 3, 366, "receive signal: SIGPIPE.", false},
-        {SIGHUP, 1, 364, "receive signal: SIGHUP.", true},
-        {SIGALRM, 2, 365, "receive signal: SIGALRM.", true},
-        {SIGPIPE, 3, 366, "receive signal: SIGPIPE.", true},
+        {SIGHUP, 1, 364, "receive signal: SIGHUP.", "", false},
+        {SIGALRM, 2, 365, "receive signal: SIGALRM.", "kvx node", false},
+        {SIGPIPE, 3, 366, "receive signal: SIGPIPE.", "kvx node's \"$HOME\"", false},
+        {SIGHUP, 1, 364, "receive signal: SIGHUP.", "", true},
+        {SIGALRM, 2, 365, "receive signal: SIGALRM.", "", true},
+        {SIGPIPE, 3, 366, "receive signal: SIGPIPE.", "", true},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(std::string(c.text) + (c.busy ? " busy" : " idle"));
-        AgentHarness h;
+        AgentHarness h(c.tree);
         stage_node(h);
+        AgentHarness::write_file(h.base + "/kvx", "beside the tree");
+        std::string lines;
+        for (int i = 1; i <= 20005; i++)
+            lines += "line " + std::to_string(i) + "\n";
+        mkdir((h.work_dir + "/logs").c_str(), 0755);
+        AgentHarness::write_file(h.work_dir + "/logs/kvx-agent.log", lines);
         ASSERT_TRUE(h.start());
         std::string busy = h.root + "/busy", go = h.root + "/go";
         if (c.busy) {
@@ -130,6 +141,9 @@ TEST(Cleanup, StopSignalRemovesFilesKillsParentExitsOne)
         EXPECT_EQ(log_count(log, "svc_main", 74, "cleanup_target started, non root user flag: 0."), 1);
         EXPECT_EQ(log_count(log, "svc_main", 145, "ea[" + std::to_string(h.agent_pid()) + "] finished."), 1);
         expect_cleaned(h.root, {});
+        EXPECT_EQ(0u, log.rfind("line 6\n", 0)) << "the oldest 5 lines trimmed";
+        EXPECT_FALSE(AgentHarness::exists(h.work_dir + "/a.js") || AgentHarness::exists(h.client_dir));
+        EXPECT_TRUE(AgentHarness::exists(h.base + "/kvx") && AgentHarness::exists(h.work_dir + "/logs"));
     }
 }
 

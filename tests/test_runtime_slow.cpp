@@ -11,9 +11,10 @@ namespace {
 TEST(CleanupSlow, StubbornProgramIsKilledAndItsLocationUnmounted)
 {
     AgentHarness h;
-    std::string zelroot = h.root + "/zelroot";
+    std::string zelroot = h.root + "/zel root";   // one word in the umount lines
     stage_node(h);
-    add_journal_stub(h, "umount", 0, "[ \"$1\" = -f ] && exit 32");
+    add_journal_stub(h, "umount", 0, "[ $# = 2 ] || echo \"split into $#\" >> \"$d/../../journal\"\n"
+                                     "[ \"$1\" = -f ] && exit 32");
     add_journal_stub(h, "ps", 0, "exec /bin/ps \"$@\"");
     add_journal_stub(h, "kvxbmr", 0, "[ \"$1\" = --cancel ] && exit 0\ntrap '' TERM\necho $$ > " +
                                          h.root + "/prog.pid\nwhile :; do sleep 1; done");

@@ -81,23 +81,37 @@ static inline pid_t start_program(AgentHarness& h, int seq, const std::string& c
     return -1;
 }
 
+// Waits (10 s at most) until process pid runs with argv[0] name: a fork
+// is not yet the program it is about to execute.
+static inline bool wait_exec(pid_t pid, const std::string& name)
+{
+    std::string cmdline = "/proc/" + std::to_string(pid) + "/cmdline";
+    for (int i = 0; i < 500; i++, usleep(20000))
+        if (AgentHarness::read_file(cmdline).compare(0, name.size() + 1, name + '\0') == 0)
+            return true;
+    return false;
+}
+
 // Stub that also appends its call line to <root>/journal, which outlives
-// the client directory the cleanup removes.
+// the client directory the cleanup removes.  Found from the stub's own
+// directory ($d), so that any root path will do.
 static inline void add_journal_stub(AgentHarness& h, const std::string& name, int exit_code = 0,
                                     const std::string& extra_sh = "")
 {
-    h.add_stub(name, exit_code, "printf '%s\\n' \"$line\" >> " + h.root + "/journal\n" + extra_sh);
+    h.add_stub(name, exit_code, "printf '%s\\n' \"$line\" >> \"$d/../../journal\"\n" + extra_sh);
 }
 
 // ---- a node prepared for the target cleanup ----
 
-// Stages job scripts and journal stubs of what the cleanup runs.
+// Stages job scripts and journal stubs of what the cleanup runs; "rm"
+// removes for real.
 static inline void stage_node(AgentHarness& h)
 {
     AgentHarness::write_file(h.work_dir + "/a.js", "staged");
     AgentHarness::write_file(h.work_dir + "/b.js", "staged");
-    for (const char* name : {"driverinstall", "kvxmonitor", "killall", "umount", "rm"})
+    for (const char* name : {"driverinstall", "kvxmonitor", "killall", "umount"})
         add_journal_stub(h, name);
+    add_journal_stub(h, "rm", 0, "exec /bin/rm \"$@\"");
 }
 
 // After a cleanup the journal holds calls, then the driver unload, the

@@ -12,6 +12,7 @@
 #include <string.h>
 #include <sys/socket.h>
 #include <sys/time.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <memory>
@@ -29,6 +30,7 @@
 #define META_TOKEN_TTL    "X-aws-ec2-metadata-token-ttl-seconds: 60\r\n"
 #define META_TOKEN_HEADER "X-aws-ec2-metadata-token: "
 #define META_TOKEN_MAX    256
+#define META_DEADLINE_SEC 60     /* the whole lookup, token step included */
 
 /* The send time-out also bounds connect(); each is set in this order. */
 static const struct {
@@ -39,13 +41,39 @@ static const struct {
     { SO_RCVTIMEO, "Fail to set the time out for receive message:%s(%d)\n" },
 };
 
+/* Milliseconds of the monotonic clock. */
+long long http_now_ms(void)
+{
+    struct timespec ts;
+
+    clock_gettime(CLOCK_MONOTONIC, &ts);
+    return (long long)ts.tv_sec * 1000 + ts.tv_nsec / 1000000;
+}
+
 namespace KVXHttpC {
 
 HttpC::HttpC()
     : m_ip(""), m_uri(""), m_port(0), m_socketFd(-1),
-      m_headLen(0), m_conLen(0), m_len(0), m_status(0), m_secret(false)
+      m_headLen(0), m_conLen(0), m_len(0), m_status(0), m_secret(false), m_deadline(0)
 {
     m_buf[0] = '\0';
+}
+
+/*
+ * The time-out for the next socket wait into tv: 5 seconds, or less when the
+ * deadline comes sooner.  0 when the deadline has passed, else 1.
+ */
+int HttpC::HttpTimeLeft(struct timeval* tv) const
+{
+    long long left = m_deadline > 0 ? m_deadline - http_now_ms() : HTTP_TIMEOUT_SEC * 1000LL;
+
+    if (left <= 0)
+        return 0;
+    if (left > HTTP_TIMEOUT_SEC * 1000LL)
+        left = HTTP_TIMEOUT_SEC * 1000LL;
+    tv->tv_sec = (time_t)(left / 1000);
+    tv->tv_usec = (suseconds_t)(left % 1000 * 1000);
+    return 1;
 }
 
 HttpC::~HttpC()
@@ -61,7 +89,7 @@ HttpC::~HttpC()
  */
 int HttpC::HttpOpen(std::string ip, int port)
 {
-    struct timeval tv = { HTTP_TIMEOUT_SEC, 0 };
+    struct timeval tv;
     struct sockaddr_in sa;
     in_addr_t addr;
     int err;
@@ -74,6 +102,12 @@ int HttpC::HttpOpen(std::string ip, int port)
     if (m_socketFd < 0) {
         err = errno;
         ZELLogFunction(0, "httpclient", __LINE__, "Fail to create socket:%s(%d)\n", strerror(err), err);
+        return -1;
+    }
+    if (!HttpTimeLeft(&tv)) {
+        ZELLogFunction(0, "httpclient", __LINE__, "Fail to create connection:%s(%d)\n",
+                       strerror(ETIMEDOUT), ETIMEDOUT);
+        HttpClose();
         return -1;
     }
     for (const auto& t : socket_timeouts) {
@@ -153,9 +187,20 @@ int HttpC::HttpReadResponse()
     m_buf[0] = '\0';
 
     for (;;) {
+        struct timeval tv;
+        /* a deadline bounds the whole response, however slowly it trickles in */
+        if (m_deadline > 0 && (!HttpTimeLeft(&tv) ||
+                               setsockopt(m_socketFd, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof(tv)) != 0)) {
+            ZELLogFunction(0, "httpclient", __LINE__, "Fail to try to read header:(%d) %s\n",
+                           ETIMEDOUT, strerror(ETIMEDOUT));
+            ZELLogFunction(0, "httpclient", __LINE__, "HTTP response is (%s)\n", Shown());
+            return -4;
+        }
         n = recv(m_socketFd, m_buf + m_len, sizeof(m_buf) - 1 - (size_t)m_len, 0);
         if (n < 0) {
             err = errno;
+            if ((err == EAGAIN || err == EWOULDBLOCK) && m_deadline > 0 && !HttpTimeLeft(&tv))
+                continue;   /* the deadline, not a retry */
             if ((err == EAGAIN || err == EWOULDBLOCK) && retries < HTTP_RETRY_MAX) {
                 retries++;
                 ZELLogFunction(0, "httpclient", __LINE__, "Try again.\n");
@@ -237,12 +282,13 @@ int HttpC::HttpMakeRequestEx(const char* method, std::string uri, const std::str
 /* See httpclient.h. */
 int http_get(const char* ip, int port, const char* uri, char* out, int* outlen)
 {
-    return http_request(ip, port, "GET", uri, "", out, outlen, NULL, 0);
+    return http_request(ip, port, "GET", uri, "", out, outlen, NULL, 0, 0);
 }
 
 /* See httpclient.h. */
 int http_request(const char* ip, int port, const char* method, const char* uri,
-                 const char* headers, char* out, int* outlen, int* status, int secret)
+                 const char* headers, char* out, int* outlen, int* status, int secret,
+                 long long deadline_ms)
 {
     std::unique_ptr<KVXHttpC::HttpC> client(new (std::nothrow) KVXHttpC::HttpC());
     std::string content;
@@ -253,6 +299,7 @@ int http_request(const char* ip, int port, const char* method, const char* uri,
     if (!client)
         return -1;
     client->HttpSetSecret(secret != 0);
+    client->HttpSetDeadline(deadline_ms);
     if (ip == NULL)   /* no address is not a dotted address */
         return -3;
     if (uri == NULL)
@@ -284,14 +331,15 @@ int http_request(const char* ip, int port, const char* method, const char* uri,
  * terminated); 0 or http_request's result, -2 for a token that could not go
  * into a header line.
  */
-static int get_meta_token(char* token)
+static int get_meta_token(char* token, long long deadline_ms)
 {
     int len = META_TOKEN_MAX - 1;
     int rc;
 
     memset(token, 0, META_TOKEN_MAX);
     ZELLogFunction(3, "httpclient", __LINE__, "Get meta data token\n");
-    rc = http_request(META_SERVER, META_PORT, "PUT", META_TOKEN_PATH, META_TOKEN_TTL, token, &len, NULL, 1);
+    rc = http_request(META_SERVER, META_PORT, "PUT", META_TOKEN_PATH, META_TOKEN_TTL, token, &len, NULL, 1,
+                      deadline_ms);
     token[len >= 0 && len < META_TOKEN_MAX ? len : META_TOKEN_MAX - 1] = '\0';
     /* the token goes into a header line: refuse an empty one or one with line breaks */
     if (rc == 0 && (token[0] == '\0' || strpbrk(token, "\r\n") != NULL))
@@ -306,6 +354,13 @@ static int get_meta_token(char* token)
 /* See httpclient.h. */
 int get_meta_value_by_key(const char* key, char* value, int* pvaluelen)
 {
+    return get_meta_value_within(key, value, pvaluelen, META_DEADLINE_SEC);
+}
+
+/* See httpclient.h. */
+int get_meta_value_within(const char* key, char* value, int* pvaluelen, int seconds)
+{
+    long long deadline = http_now_ms() + seconds * 1000LL;
     std::string path, headers;
     char token[META_TOKEN_MAX];
     int status = 0;
@@ -315,15 +370,16 @@ int get_meta_value_by_key(const char* key, char* value, int* pvaluelen)
     if (key == NULL)
         return -1;
     path = std::string(META_PATH) + key;
-    rc = http_request(META_SERVER, META_PORT, "GET", path.c_str(), "", value, pvaluelen, &status, 0);
+    rc = http_request(META_SERVER, META_PORT, "GET", path.c_str(), "", value, pvaluelen, &status, 0,
+                      deadline);
     if (rc == -2 && status == 401) {
         /* the node requires session tokens: fetch one and ask again with it */
         ZELLogFunction(3, "httpclient", __LINE__, "Meta data for %s requires a session token\n", key);
-        rc = get_meta_token(token);
+        rc = get_meta_token(token, deadline);
         if (rc == 0) {
             headers = std::string(META_TOKEN_HEADER) + token + "\r\n";
             rc = http_request(META_SERVER, META_PORT, "GET", path.c_str(), headers.c_str(), value,
-                              pvaluelen, NULL, 0);
+                              pvaluelen, NULL, 0, deadline);
         }
     }
     if (rc != 0)

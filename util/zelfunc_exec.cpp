@@ -151,20 +151,22 @@ int ExecuteCmd(const char* cmd)
     return r;
 }
 
+#define JOB_QUERY(pattern) "ps laxww | grep " pattern " | grep -v %s | grep -v grep > /dev/null 2>&1"
+
 /*
  * Looks for the job's script among all processes (the backup program itself
  * excluded).  *run gets 1 when found, else 0.  Always 0.
  */
 int check_process_running(const char* jobuuid, int* run)
 {
-    char cmd[ZEL_PATH_MAX];
     const char* job = jobuuid != NULL ? jobuuid : "";
-    int found;
+    /* the server's UUID ends the quoted pattern when safe, else follows it single-quoted */
+    int plain = job[0] == '\0' || zel_shell_safe(job);
+    char* cmd = zel_shell_cmdline(plain ? JOB_QUERY("\"jobscript.*%s\"") : JOB_QUERY("\"jobscript.*\"%w"),
+                                  job, "kvxbackupvol");
+    int found = cmd != NULL && ExecuteCmdSilently(cmd) == 0;
 
-    snprintf(cmd, sizeof(cmd),
-             "ps laxww | grep \"jobscript.*%s\" | grep -v %s | grep -v grep > /dev/null 2>&1",
-             job, "kvxbackupvol");
-    found = ExecuteCmdSilently(cmd) == 0;
+    free(cmd);
     if (run != NULL)   /* a null result pointer is not written */
         *run = found;
     if (found)

@@ -264,11 +264,14 @@ int GetProcessPath(char* path, int path_len)
 /* Line count through "wc -l"; 0 when the command fails or prints nothing. */
 int GetFileLines(const char* path)
 {
-    char cmd[LOG_PATH_MAX];
+    /* the path is one word whatever it holds ("wc -l \"...\"" when it is safe) */
+    char* cmd = zel_shell_cmdline("wc -l %W", path);
     char out[129];
 
-    snprintf(cmd, sizeof(cmd), "wc -l \"%s\"", path != NULL ? path : "");
-    if (zel_shell_capture(cmd, out, sizeof(out), NULL) <= 0)
+    int n = cmd != NULL ? zel_shell_capture(cmd, out, sizeof(out), NULL) : -1;
+
+    free(cmd);
+    if (n <= 0)
         return 0;
     return atoi(out);
 }
@@ -279,14 +282,18 @@ int GetFileLines(const char* path)
  */
 int LimitFileLines(const char* file, int linesLeft)
 {
-    char cmd[LOG_PATH_MAX];
     int count = GetFileLines(file);
+    char* cmd;
+    int rc;
 
     if (count <= linesLeft)
         return 0;
-    snprintf(cmd, sizeof(cmd), "sed -i '1,%d d' \"%s\"", count - linesLeft,
-             file != NULL ? file : "");
-    return ExecuteCmdSilently(cmd);
+    cmd = zel_shell_cmdline("sed -i '1,%d d' %W", count - linesLeft, file);
+    if (cmd == NULL)
+        return -1;
+    rc = ExecuteCmdSilently(cmd);
+    free(cmd);
+    return rc;
 }
 
 /* Same as LimitFileLines(), for the log file. */

@@ -6,7 +6,6 @@
  */
 #include <errno.h>
 #include <fcntl.h>
-#include <stdarg.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -78,31 +77,19 @@ static int use_local_location(const char* location, char* newMountPoint, char* m
     return CreateDirectory(mountPoint);
 }
 
-/* Formats into buf; a command line longer than the buffer is cut. */
-static void format_cut(char* buf, size_t size, const char* fmt, ...)
-    __attribute__((format(printf, 3, 4)));
-
-static void format_cut(char* buf, size_t size, const char* fmt, ...)
-{
-    va_list ap;
-
-    va_start(ap, fmt);
-    vsnprintf(buf, size, fmt, ap);
-    va_end(ap);
-}
-
-/* NFS: the mount tool picks the file system type; options only from the environment. */
+/* NFS: the mount tool picks the file system type; options only from the
+ * environment.  Location, mount point and options are one word each. */
 static int mount_nfs(const char* location, const char* mountPoint)
 {
-    char cmd[ZEL_MOUNT_BUF_SIZE];
     const char* word = g_should_hide_mount_entry ? "mount -n" : "mount";
     const char* options = getenv("KVX_MOUNTOPTION");
+    char* cmd = options != NULL
+                    ? zel_shell_cmdline("%s %w %w -w -o %w", word, location, mountPoint, options)
+                    : zel_shell_cmdline("%s %w %w -w", word, location, mountPoint);
+    int ret = cmd != NULL ? ExecuteCmd(cmd) : ENOMEM;
 
-    if (options != NULL)
-        format_cut(cmd, sizeof(cmd), "%s %s %s -w -o %s", word, location, mountPoint, options);
-    else
-        format_cut(cmd, sizeof(cmd), "%s %s %s -w", word, location, mountPoint);
-    return ExecuteCmd(cmd);
+    free(cmd);
+    return ret;
 }
 
 /*

@@ -6,6 +6,7 @@
 #include <errno.h>
 #include <mntent.h>
 #include <stdio.h>
+#include <stdlib.h>
 #include <string.h>
 #include <sys/utsname.h>
 
@@ -129,16 +130,16 @@ int checkSessionMntExistEx(char* sessLocation, char* mountPoint, const char* rec
  */
 int UmountSessionLocation(const char* mountPoint)
 {
-    char cmd[ZEL_MOUNT_BUF_SIZE];
-    int ret;
+    /* the mount point is one word, whatever it holds */
+    char* cmd = zel_shell_cmdline("umount %w", mountPoint);
+    int ret = cmd != NULL ? ExecuteCmd(cmd) : ENOMEM;
 
-    snprintf(cmd, sizeof(cmd), "umount %s", mountPoint ? mountPoint : "");
-    ret = ExecuteCmd(cmd);
+    free(cmd);
     if (ret == 0)
         return 0;
-
-    snprintf(cmd, sizeof(cmd), "umount -fl %s", mountPoint ? mountPoint : "");
-    ret = ExecuteCmdSilently(cmd);
+    cmd = zel_shell_cmdline("umount -fl %w", mountPoint);
+    ret = cmd != NULL ? ExecuteCmdSilently(cmd) : ENOMEM;
+    free(cmd);
     if (ret != 0)
         ZELLogFunction(0, SRC, __LINE__, "%s: Umount session location from %s failed:%d\n",
                        "UmountSessionLocation", mountPoint ? mountPoint : "", ret);

@@ -107,6 +107,10 @@ std::vector<std::string> mounts_below(const std::string& dir)
         std::istringstream fields(line);
         std::string id, parent, devno, rootp, point;
         fields >> id >> parent >> devno >> rootp >> point;
+        /* blanks, tabs, newlines and backslashes are written as \ooo */
+        for (size_t at = 0; (at = point.find('\\', at)) != std::string::npos; at++)
+            if (point.size() - at >= 4)
+                point.replace(at, 4, 1, (char)std::stoi(point.substr(at + 1, 3), nullptr, 8));
         if (point.compare(0, dir.size(), dir) == 0 &&
             (point.size() == dir.size() || point[dir.size()] == '/'))
             found.push_back(point);
@@ -118,7 +122,7 @@ std::vector<std::string> mounts_below(const std::string& dir)
 
 } /* namespace */
 
-AgentHarness::AgentHarness()
+AgentHarness::AgentHarness(const std::string& tree)
     : m_uid(0), m_gid(0), m_as_user(false), m_parent(-1), m_agent(-1),
       m_to_agent(-1), m_from_agent(-1), m_status_fd(-1), m_exit(-1),
       m_in(nullptr), m_out(nullptr), m_channel(nullptr), m_proto(nullptr)
@@ -129,8 +133,11 @@ AgentHarness::AgentHarness()
     char tmpl[] = "/tmp/kvxtest.XXXXXX";
     if (!mkdtemp(tmpl))
         abort();
-    root = tmpl;
-    chmod(root.c_str(), 0755);
+    base = tmpl;
+    chmod(base.c_str(), 0755);
+    root = tree.empty() ? base : base + "/" + tree;
+    if (root != base && mkdir(root.c_str(), 0755) != 0)
+        abort();
     boot_dir = root + "/boot";
     work_dir = root + "/work";
     client_dir = work_dir + "/linux-kvx-client";
@@ -153,9 +160,9 @@ AgentHarness::AgentHarness()
 AgentHarness::~AgentHarness()
 {
     stop();
-    for (const std::string& point : mounts_below(root))
+    for (const std::string& point : mounts_below(base))
         umount2(point.c_str(), MNT_DETACH);
-    nftw(root.c_str(), remove_entry, 16, FTW_DEPTH | FTW_PHYS);
+    nftw(base.c_str(), remove_entry, 16, FTW_DEPTH | FTW_PHYS);
 }
 
 void AgentHarness::add_stub(const std::string& name, int exit_code, const std::string& extra_sh)

@@ -24,10 +24,12 @@
 
 class AgentHarness {
 public:
-    AgentHarness();
+    /* tree: the tree is <tmp>/<tree> instead of <tmp> itself, for a path
+     * with blanks or quotes in it (<tmp> is private to the harness). */
+    explicit AgentHarness(const std::string& tree = "");
     ~AgentHarness();
 
-    std::string root, boot_dir, work_dir, client_dir;
+    std::string base, root, boot_dir, work_dir, client_dir;
 
     /* ---- node set-up before start() ---- */
     /* Stub program in client_dir that appends one line per call, the program

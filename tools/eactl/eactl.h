@@ -1,6 +1,6 @@
 /*
  * eactl.h - the operator client: deploys kvx_ea as the backup server does and
- * calls its procedures.
+ * calls its procedures, on this machine or on many nodes over ssh.
  */
 #ifndef EACTL_H
 #define EACTL_H
@@ -12,46 +12,87 @@
 #include "exec_proto.h"
 #include "ea_proto.h"
 
+/* How a node ended: the exit status of a node's run and of the client. */
+enum {
+    EACTL_OK = 0,
+    EACTL_FAILED = 1,       /* deployed, but a command or the agent failed */
+    EACTL_USAGE = 2,        /* bad arguments: nothing was deployed */
+    EACTL_UNREACHABLE = 3,  /* the node's shell never answered */
+};
+
+/* A file copied into the target directory with the agent. */
+typedef struct EactlFile {
+    std::string local;   /* file on this machine */
+    std::string name;    /* path below the target directory */
+} EactlFile;
+
 /* One deployed agent and the client endpoint bound to it. */
 typedef struct EactlSession {
-    std::string host;        /* "" = this machine, else an ssh destination */
-    std::string target_dir;  /* holds boot/kvx_ea and work/ on the node */
+    std::string host;                /* "" = this machine, else an ssh destination */
+    std::string node;                /* the node's name in messages and JSON lines */
+    std::vector<std::string> ssh;    /* the ssh command and its own options */
+    std::string target_dir;          /* holds boot/kvx_ea and work/ on the node */
     std::string work_dir;
-    std::string agent_path;  /* agent binary to deploy (local file) */
-    bool        keep;        /* leave the target directory behind */
-    bool        own_dir;     /* the directory was made by this session */
-    bool        json;        /* print replies as JSON */
-    pid_t       shell_pid;   /* the disposable parent (sh or ssh) */
-    FILE*       from_agent;
-    FILE*       to_agent;
-    STDIOChannel* channel;
-    ExecProto*    proto;
+    std::string agent_path;          /* agent to deploy; "" = the one for the node */
+    std::string machine;             /* the node's "uname -m" */
+    std::vector<EactlFile> files;    /* more files to install with the agent */
+    bool  keep = false;              /* leave the target directory behind */
+    bool  own_dir = false;           /* the target directory is a fresh temporary one */
+    bool  json = false;              /* print replies as JSON lines */
+    bool  verbose = false;           /* show the node's standard error always */
+    bool  checking = false;          /* commands only check their arguments */
+    bool  tty = false;               /* progress may redraw one line */
+    bool  failed = false;            /* a call failed: show the node's standard error */
+    int   timeout_s = 0;             /* per-node time-out, 0 = none */
+    pid_t shell_pid = -1;            /* the disposable parent (sh or ssh) */
+    int   err_fd = -1;               /* captured standard error of that parent */
+    FILE* from_agent = nullptr;
+    FILE* to_agent = nullptr;
+    STDIOChannel* channel = nullptr;
+    ExecProto*    proto = nullptr;
 } EactlSession;
 
-/* Deploys and starts the agent; 0 or -1 with a message on stderr. */
+/* Deploys and starts the agent through one shell (sh, or ssh's remote shell):
+ * the node's architecture, the copy, the start and, when the session ends,
+ * the removal all go through that one connection.  EACTL_OK, or
+ * EACTL_FAILED / EACTL_UNREACHABLE with a message naming the node. */
 int  eactl_deploy(EactlSession* s);
 /* Starts args (argv[0] looked up in PATH) with its standard input and
- * output bound to the session's client endpoint; new_session puts it in a
- * session of its own.  0 or -1 with a message on stderr. */
+ * output bound to the session's client endpoint and its standard error on
+ * s->err_fd when that is set; new_session puts it in a session of its own.
+ * 0 or -1 with a message on stderr. */
 int  eactl_start(EactlSession* s, std::vector<std::string> args, bool new_session);
-/* Copies a local file into the node's work/linux-kvx-client; 0 or -1. */
-int  eactl_install_client_file(EactlSession* s, const char* local, const char* name);
-/* Closes the agent's input, waits for it and removes what was deployed.
- * Returns the agent's exit status (or -1). */
+/* Closes the agent's input, waits for it and its shell (which removes the
+ * target directory unless kept) and shows the node's standard error when
+ * asked (-v) or when the session failed.  Returns the shell's exit status
+ * (the agent's, or 255 from ssh), -1 when there was none. */
 int  eactl_finish(EactlSession* s);
+
+/* Finds an agent or helper program: beside this program (a build tree), then
+ * in ../lib/kvx-ea (an installed package).  "" when it is in neither. */
+std::string eactl_find_program(const char* name);
+/* Agent file names that suit a node's "uname -m", best first; empty when
+ * none is built for it.  A remote x86-64 node gets the static agent only. */
+std::vector<std::string> eactl_agents_for(const std::string& machine, bool remote);
+/* Splits an --ssh command into words (blanks separate; '...' and "..."
+ * group).  Empty on an unbalanced quote. */
+std::vector<std::string> eactl_split_command(const std::string& text);
+
+/* "kvx-eactl: NODE: " and the message, on stderr. */
+void eactl_error(const EactlSession* s, const char* fmt, ...)
+    __attribute__((format(printf, 2, 3)));
 
 /* Runs one procedure call; 0 or the endpoint's negative code (reported). */
 int  eactl_call(EactlSession* s, int fn, jxdrproc_t f_args, char* args,
                 jxdrproc_t f_res, char* res);
-
-/* Prints a result record as the "param" JSON the agent sent. */
-void eactl_print_json(jxdrproc_t f_res, char* res);
 /* eactl_call for a subcommand: -1 when the call failed, 1 when the reply
- * was printed as JSON (--json), 0 when the caller prints it as text. */
+ * was printed as a JSON line (--json), 0 when the caller prints it as text. */
 int  eactl_request(EactlSession* s, int fn, jxdrproc_t f_args, char* args,
                    jxdrproc_t f_res, char* res);
 
-/* Subcommands: argv[0] is the subcommand name; 0 on success. */
+/* Subcommands: argv[0] is the subcommand name.  With s->checking they only
+ * check their arguments (and name the files they need installed).
+ * EACTL_OK, EACTL_FAILED, or EACTL_USAGE with a message. */
 int  eactl_cmd_ping(EactlSession* s, int argc, char** argv);
 int  eactl_cmd_exec(EactlSession* s, int argc, char** argv);
 int  eactl_cmd_status(EactlSession* s, int argc, char** argv);
@@ -61,6 +102,37 @@ int  eactl_cmd_mount(EactlSession* s, int argc, char** argv);
 int  eactl_cmd_vmdetect(EactlSession* s, int argc, char** argv);
 int  eactl_cmd_checkmachine(EactlSession* s, int argc, char** argv);
 int  eactl_cmd_demo(EactlSession* s, int argc, char** argv);
+
+/* sts of a job status reply when no job is running. */
+#define EACTL_JOB_ENDED 10
+/* Prints activity log text line by line as eactl_activity_line shows it. */
+void eactl_print_activity(EactlSession* s, const char* text);
+
+/* One command of a chain: argv[first .. first + count). */
+typedef struct EactlStep {
+    int first;
+    int count;
+} EactlStep;
+/* Deploys on s's node, runs the chain and removes the agent: EACTL_OK,
+ * EACTL_FAILED or EACTL_UNREACHABLE.  Ends by the session's time-out. */
+int  eactl_run_node(EactlSession* s, const std::vector<EactlStep>& chain, char** argv);
+/* Runs the chain on every node, at most parallel at a time, each node's
+ * output lines prefixed with its name (text) or whole (JSON lines), then
+ * prints the summary.  EACTL_OK when every node succeeded, else EACTL_FAILED. */
+int  eactl_run_nodes(const EactlSession& proto, const std::vector<std::string>& hosts,
+                     int parallel, const std::vector<EactlStep>& chain, char** argv);
+/* The per-node time-out of the node this process drives: when it expires
+ * the shell's process group is killed and the shell's pipes are turned to
+ * /dev/null, so that no read or write can block past it.  0 disarms. */
+void eactl_arm_timeout(int seconds);
+/* eactl_start and eactl_finish register and drop the shell to stop. */
+void eactl_watch_shell(pid_t pgid, int read_fd, int write_fd);
+void eactl_unwatch_shell();
+bool eactl_timed_out();
+
+/* Reads one ssh destination per line (blank lines and # comments skipped);
+ * 0, or -1 with a message. */
+int  eactl_read_hosts(const char* path, std::vector<std::string>* hosts);
 
 /* Account options shared by exec, vmdetect and checkmachine:
  * --user NAME, --passwd-file FILE (or $KVX_EACTL_PASSWD), --sudo. */
@@ -72,5 +144,22 @@ typedef struct EactlAccount {
 /* Consumes an account option at argv[*i]; 1 if it was one, -1 on error. */
 int  eactl_account_option(EactlAccount* acct, int argc, char** argv, int* i);
 void eactl_account_finish(EactlAccount* acct);
+
+/* Human units (eactl_units.cpp). */
+/* "812.5 MiB", "6.5 GiB": bytes in the largest binary unit below them. */
+std::string eactl_bytes(unsigned long long bytes);
+/* "1:05", "1:02:03"; "--:--" for a negative count. */
+std::string eactl_duration(long seconds);
+/* MiB/s from a rate in KiB per minute, the unit of the job status replies. */
+double eactl_mib_per_s(unsigned long long kib_per_min);
+/* The progress line of a running job: the current volume's percent,
+ * done and estimated total, the rate, elapsed time (seconds, < 0 unknown),
+ * time left and the volume name.  At most 79 characters. */
+std::string eactl_progress_line(const JOB_STATUS& st, long elapsed_s);
+/* An activity log line "TYPE CODE TEXT" as "HH:MM:SS  level  TEXT (code N)",
+ * at the given time; a line of another form is shown as it is. */
+std::string eactl_activity_line(const char* line, time_t when);
+/* The job result in words: what was read and written, at which rate. */
+std::string eactl_result_text(const JOB_RESULT& r);
 
 #endif /* EACTL_H */

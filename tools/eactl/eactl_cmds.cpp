@@ -25,7 +25,13 @@ std::string join_args(int argc, char** argv, int from)
 int bad_usage(const char* cmd, const char* what)
 {
     fprintf(stderr, "kvx-eactl %s: %s\n", cmd, what);
-    return 2;
+    return EACTL_USAGE;
+}
+
+/* The result of a command whose reply was printed or failed. */
+int outcome(int rc)
+{
+    return rc < 0 ? EACTL_FAILED : EACTL_OK;
 }
 
 /* Parses the account options and the rest as one command text. */
@@ -36,7 +42,7 @@ int parse_account_and_text(int argc, char** argv, EactlAccount* acct, std::strin
     for (; i < argc && strncmp(argv[i], "--", 2) == 0; i++) {
         int rc = eactl_account_option(acct, argc, argv, &i);
         if (rc < 0)
-            return -1;
+            return EACTL_USAGE;
         if (rc == 0)
             break;
     }
@@ -44,7 +50,7 @@ int parse_account_and_text(int argc, char** argv, EactlAccount* acct, std::strin
     *text = join_args(argc, argv, i);
     if (text_required && text->empty())
         return bad_usage(argv[0], "a command text is required");
-    return 0;
+    return EACTL_OK;
 }
 
 void fill_exec_args(ExecCmdargs* a, const std::string& cmd, const EactlAccount& acct)
@@ -72,18 +78,20 @@ void print_exec_result(const ExecCmdres* r)
 int eactl_cmd_ping(EactlSession* s, int argc, char** argv)
 {
     std::string text = join_args(argc, argv, 1);
+    if (s->checking)
+        return EACTL_OK;
     PINGargs a = {(int)text.size() + 1, const_cast<char*>(text.c_str()), false};
     char buf[EA_PING_MSG_SIZE] = "";
     PINGres r = {0, (int)sizeof(buf), buf};
     int rc = eactl_request(s, EA_PROC_PING, JXDR_PROC(PINGargs, jxdr_PINGargs), (char*)&a,
                            JXDR_PROC(PINGres, jxdr_PINGres), (char*)&r);
     if (rc != 0)
-        return rc < 0 ? 1 : 0;
+        return outcome(rc);
     time_t stamp = (time_t)r.stamp;
     char when[64] = "";
     strftime(when, sizeof(when), "%Y-%m-%d %H:%M:%S", localtime(&stamp));
     printf("reply: %s\nagent clock: %s (sp=%d)\n", r.msg, when, (int)r.stamp);
-    return 0;
+    return EACTL_OK;
 }
 
 int eactl_cmd_exec(EactlSession* s, int argc, char** argv)
@@ -102,13 +110,15 @@ int eactl_cmd_exec(EactlSession* s, int argc, char** argv)
         } else {
             int rc = eactl_account_option(&acct, argc, argv, &i);
             if (rc <= 0)
-                return rc < 0 ? 1 : bad_usage("exec", "unknown option");
+                return rc < 0 ? EACTL_USAGE : bad_usage("exec", "unknown option");
         }
     }
     eactl_account_finish(&acct);
     std::string cmd = join_args(argc, argv, i);
     if (cmd.empty())
         return bad_usage("exec", "a command is required");
+    if (s->checking)
+        return EACTL_OK;
 
     ExecCmdargs a;
     fill_exec_args(&a, cmd, acct);
@@ -120,7 +130,7 @@ int eactl_cmd_exec(EactlSession* s, int argc, char** argv)
                            (char*)&a, JXDR_PROC(ExecCmdres, jxdr_ExecCmdres), (char*)&r);
     if (rc == 0)
         print_exec_result(&r);
-    return rc < 0 ? 1 : 0;
+    return outcome(rc);
 }
 
 int eactl_cmd_status(EactlSession* s, int argc, char** argv)
@@ -130,56 +140,78 @@ int eactl_cmd_status(EactlSession* s, int argc, char** argv)
         a.jobid = atoi(argv[2]);
     else if (argc != 1)
         return bad_usage("status", "usage: status [--id N]");
+    if (s->checking)
+        return EACTL_OK;
     JOB_STATUS r;
     memset(&r, 0, sizeof(r));
     int rc = eactl_request(s, EA_PROC_JOBSTATUS, JXDR_PROC(JOBSTATUSargs, jxdr_JOBSTATUSargs), (char*)&a,
                            JXDR_PROC(JOB_STATUS, jxdr_JOBSTATUSres), (char*)&r);
     if (rc != 0)
-        return rc < 0 ? 1 : 0;
-    printf("status %u, type %u, phase %u\n", r.sts, r.typ, r.stg);
-    printf("disk %.255s: %llu%% done, %llu KiB, %u KiB/min\n", r.vol.name,
-           (unsigned long long)r.vol.dt_all, (unsigned long long)r.vol.dt_fin, r.vol.tm_usd);
-    printf("job: %llu KiB processed, %u KiB/min; written %llu KiB, %u KiB/min\n",
-           (unsigned long long)r.dt_fin, r.tm_usd, (unsigned long long)r.processed_data_w,
-           r.throughput_w);
+        return outcome(rc);
+    if (r.sts == EACTL_JOB_ENDED) {
+        printf("no job running; the last one %s\n", r.stg == 1 ? "finished" : "failed");
+        return EACTL_OK;
+    }
+    printf("job running (status %u, type %u, phase %u)\n%s\n", r.sts, r.typ, r.stg,
+           eactl_progress_line(r, -1).c_str());
+    printf("processed %s, written %s at %.1f MiB/s\n", eactl_bytes(r.dt_fin << 10).c_str(),
+           eactl_bytes(r.processed_data_w << 10).c_str(), eactl_mib_per_s(r.throughput_w));
     if (r.job_statistic.DataIsValid)
-        printf("statistics: total %llu, unique %llu, compressed %llu (dedup %d)\n",
-               (unsigned long long)r.job_statistic.TotalDataSize,
-               (unsigned long long)r.job_statistic.UniqueDataSize,
-               (unsigned long long)r.job_statistic.CompressedDataSize, r.job_statistic.DedupFlag);
-    if (r.act_size && r.act_log)
-        printf("activity:\n%s", r.act_log);
-    return 0;
+        printf("statistics: total %s, unique %s, compressed %s, deduplication %s\n",
+               eactl_bytes(r.job_statistic.TotalDataSize).c_str(),
+               eactl_bytes(r.job_statistic.UniqueDataSize).c_str(),
+               eactl_bytes(r.job_statistic.CompressedDataSize).c_str(),
+               r.job_statistic.DedupFlag ? "on" : "off");
+    eactl_print_activity(s, r.act_size ? r.act_log : NULL);
+    return EACTL_OK;
+}
+
+void eactl_print_activity(EactlSession* s, const char* text)
+{
+    time_t now = time(NULL);
+    for (const char* at = text; at && *at;) {
+        const char* nl = strchr(at, '\n');
+        std::string line = nl ? std::string(at, nl) : std::string(at);
+        std::string shown = eactl_activity_line(line.c_str(), now);
+        if (s->tty)
+            printf("\r%-79s\n", shown.c_str());   /* over a progress line */
+        else
+            printf("%s\n", shown.c_str());
+        at = nl ? nl + 1 : at + line.size();
+    }
 }
 
 int eactl_cmd_log(EactlSession* s, int argc, char** argv)
 {
+    if (argc != 1)
+        return bad_usage("log", "takes no arguments");
+    if (s->checking)
+        return EACTL_OK;
     AGENTLOGres r = {0, NULL};
     int rc = eactl_request(s, EA_PROC_AGENTLOG, jxdr_Noargs, NULL,
                            JXDR_PROC(AGENTLOGres, jxdr_AGENTLOGres), (char*)&r);
     if (rc != 0)
-        return rc < 0 ? 1 : 0;
-    if (r.logSize > 0 && r.pLog)
-        printf("%s", r.pLog);
+        return outcome(rc);
+    if (r.logSize > 0 && r.pLog && r.pLog[0])
+        eactl_print_activity(s, r.pLog);
     else
         printf("(no new activity)\n");
-    return 0;
+    return EACTL_OK;
 }
 
 int eactl_cmd_result(EactlSession* s, int argc, char** argv)
 {
+    if (argc != 1)
+        return bad_usage("result", "takes no arguments");
+    if (s->checking)
+        return EACTL_OK;
     JOB_RESULT r;
     memset(&r, 0, sizeof(r));
     int rc = eactl_request(s, EA_PROC_JOBRESULT, jxdr_Noargs, NULL,
                            JXDR_PROC(JOB_RESULT, jxdr_JOBRESULTres), (char*)&r);
-    if (rc != 0)
-        return rc < 0 ? 1 : 0;
-    printf("session %.31s (%.36s)\n", r.sessionNo, r.sessionGuid);
-    printf("read %llu bytes at %u, written %llu bytes at %u, protected %llu bytes, %u recovered\n",
-           (unsigned long long)r.processed_data_read, r.throughput_read,
-           (unsigned long long)r.processed_data_write, r.throughput_write,
-           (unsigned long long)r.protected_data, r.recovery_count);
-    return 0;
+    if (rc == 0)
+        printf("%s\n", eactl_result_text(r).c_str());
+    return outcome(rc);
 }
 
 int eactl_cmd_mount(EactlSession* s, int argc, char** argv)
@@ -192,7 +224,7 @@ int eactl_cmd_mount(EactlSession* s, int argc, char** argv)
         } else if (strncmp(argv[i], "--", 2) == 0) {
             int rc = eactl_account_option(&acct, argc, argv, &i);
             if (rc <= 0)
-                return rc < 0 ? 1 : bad_usage("mount", "unknown option");
+                return rc < 0 ? EACTL_USAGE : bad_usage("mount", "unknown option");
         } else if (location.empty()) {
             location = argv[i];
         } else {
@@ -202,6 +234,8 @@ int eactl_cmd_mount(EactlSession* s, int argc, char** argv)
     eactl_account_finish(&acct);
     if (location.empty())
         return bad_usage("mount", "a location is required");
+    if (s->checking)
+        return EACTL_OK;
     Mountargs a = {const_cast<char*>(location.c_str()), const_cast<char*>(acct.user.c_str()),
                    const_cast<char*>(acct.passwd.c_str()), const_cast<char*>(point.c_str())};
     char buf[EA_MOUNT_POINT_SIZE] = "";
@@ -209,12 +243,12 @@ int eactl_cmd_mount(EactlSession* s, int argc, char** argv)
     int rc = eactl_request(s, EA_PROC_MOUNT, JXDR_PROC(Mountargs, jxdr_Mountargs), (char*)&a,
                            JXDR_PROC(Mountres, jxdr_Mountres), (char*)&r);
     if (rc != 0)
-        return rc < 0 ? 1 : 0;
+        return outcome(rc);
     if (r.ret == 0)
         printf("mounted on %s\n", r.mount_point);
     else
         printf("mount failed (ret %d); the agent's log has the reason\n", r.ret);
-    return 0;
+    return EACTL_OK;
 }
 
 int eactl_cmd_vmdetect(EactlSession* s, int argc, char** argv)
@@ -227,21 +261,23 @@ int eactl_cmd_vmdetect(EactlSession* s, int argc, char** argv)
         } else {
             int rc = eactl_account_option(&acct, argc, argv, &i);
             if (rc <= 0)
-                return rc < 0 ? 1 : bad_usage("vmdetect", "unknown option");
+                return rc < 0 ? EACTL_USAGE : bad_usage("vmdetect", "unknown option");
         }
     }
     eactl_account_finish(&acct);
+    if (s->checking)
+        return EACTL_OK;
     ExecCmdargs a;
     fill_exec_args(&a, uuid, acct);
     VMDetectInfo_t r = {0, 0, 0, 0};
     int rc = eactl_request(s, EA_PROC_VMDETECT, JXDR_PROC(ExecCmdargs, jxdr_ExecCmdargs), (char*)&a,
                            JXDR_PROC(VMDetectInfo_t, jxdr_VMDetectres), (char*)&r);
     if (rc != 0)
-        return rc < 0 ? 1 : 0;
+        return outcome(rc);
     printf("virtual machine: %s\njob running here: %s\nsockets: %d\noracle uek: %s\n",
            r.vpt_type ? "yes" : "no", r.is_local ? "yes" : "no", r.socks,
            r.is_oracle_uek ? "yes" : "no");
-    return 0;
+    return EACTL_OK;
 }
 
 int eactl_cmd_checkmachine(EactlSession* s, int argc, char** argv)
@@ -249,7 +285,7 @@ int eactl_cmd_checkmachine(EactlSession* s, int argc, char** argv)
     EactlAccount acct = {"", "", 0};
     std::string cmd;
     int rc = parse_account_and_text(argc, argv, &acct, &cmd, true);
-    if (rc != 0)
+    if (rc != 0 || s->checking)
         return rc;
     ExecCmdargs a;
     fill_exec_args(&a, cmd, acct);
@@ -259,5 +295,5 @@ int eactl_cmd_checkmachine(EactlSession* s, int argc, char** argv)
                        (char*)&a, JXDR_PROC(ExecCmdres, jxdr_ExecCmdres), (char*)&r);
     if (rc == 0)
         print_exec_result(&r);
-    return rc < 0 ? 1 : 0;
+    return outcome(rc);
 }

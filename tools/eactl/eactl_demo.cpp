@@ -1,8 +1,10 @@
 /*
- * eactl_demo.cpp - a simulated backup from start to result: installs the
- * simulated backup program as kvxbackupvol on the node, starts it in the
- * background through procedure 3, polls procedure 2 with a progress bar until
- * the job has ended, then fetches the activity log (5) and the job result (6).
+ * eactl_demo.cpp - a simulated backup from start to result, as an operator
+ * would watch one: the simulated backup program is installed as
+ * kvxbackupvol with the agent and started in the background through
+ * procedure 3; procedure 2 is polled once a second for a progress line and
+ * the new activity lines until the job has ended; then the rest of the
+ * activity log (5) and the job result (6) close it.
  */
 #include "eactl.h"
 
@@ -13,45 +15,47 @@
 
 namespace {
 
-const int JOB_ENDED = 10;       /* sts of a job that is no longer running */
-const int POLL_LIMIT_S = 300;
+const int POLL_LIMIT_S = 3600;
 
-void draw_progress(const JOB_STATUS& st, bool tty)
+struct DemoOptions {
+    int seconds = 10;
+    int code = 0;
+};
+
+int parse_demo(int argc, char** argv, DemoOptions* o)
 {
-    int pct = st.vol.dt_all > 100 ? 100 : (int)st.vol.dt_all;
-    char bar[31];
-    int fill = pct * 30 / 100;
-    for (int k = 0; k < 30; k++)
-        bar[k] = k < fill ? '#' : '.';
-    bar[30] = '\0';
-    printf("%s[%s] %3d%%  %-16.16s %10llu KiB  %8u KiB/min  phase %u%s",
-           tty ? "\r" : "", bar, pct, st.vol.name, (unsigned long long)st.dt_fin, st.tm_usd,
-           st.stg, tty ? "" : "\n");
+    for (int i = 1; i < argc; i += 2) {
+        bool seconds = strcmp(argv[i], "--seconds") == 0;
+        if ((!seconds && strcmp(argv[i], "--exit") != 0) || i + 1 >= argc) {
+            fprintf(stderr, "kvx-eactl demo: usage: demo [--seconds N] [--exit CODE]\n");
+            return EACTL_USAGE;
+        }
+        char* end = NULL;
+        long v = strtol(argv[i + 1], &end, 10);
+        if (end == argv[i + 1] || *end || v < 0 || v > (seconds ? 3600 : 255)) {
+            fprintf(stderr, "kvx-eactl demo: %s takes a whole number from 0 to %d\n", argv[i],
+                    seconds ? 3600 : 255);
+            return EACTL_USAGE;
+        }
+        (seconds ? o->seconds : o->code) = (int)v;
+    }
+    return EACTL_OK;
+}
+
+void show_progress(EactlSession* s, const std::string& line)
+{
+    if (s->tty)
+        printf("\r%-79s", line.c_str());
+    else
+        printf("%s\n", line.c_str());
     fflush(stdout);
 }
 
-} /* namespace */
-
-int eactl_cmd_demo(EactlSession* s, int argc, char** argv)
+/* Starts the simulated job in the background; 0 or EACTL_FAILED. */
+int start_job(EactlSession* s, const DemoOptions& o)
 {
-    int seconds = 8, code = 0;
-    for (int i = 1; i + 1 < argc; i += 2) {
-        if (strcmp(argv[i], "--seconds") == 0)
-            seconds = atoi(argv[i + 1]);
-        else if (strcmp(argv[i], "--exit") == 0)
-            code = atoi(argv[i + 1]);
-    }
-
-    std::string sim = s->agent_path.substr(0, s->agent_path.rfind('/') + 1) + "kvxbackupvol-sim";
-    if (eactl_install_client_file(s, sim.c_str(), "kvxbackupvol") != 0) {
-        fprintf(stderr, "kvx-eactl demo: cannot install %s as kvxbackupvol\n", sim.c_str());
-        return 1;
-    }
-    printf("agent deployed in %s%s%s\n", s->host.c_str(), s->host.empty() ? "" : ":",
-           s->target_dir.c_str());
-
     char cmd[128];
-    snprintf(cmd, sizeof(cmd), "kvxbackupvol --seconds %d --exit %d", seconds, code);
+    snprintf(cmd, sizeof(cmd), "kvxbackupvol --seconds %d --exit %d", o.seconds, o.code);
     ExecCmdargs a;
     memset(&a, 0, sizeof(a));
     a.cmd = cmd;
@@ -61,45 +65,81 @@ int eactl_cmd_demo(EactlSession* s, int argc, char** argv)
     a.user = const_cast<char*>("");
     a.pwd = const_cast<char*>("");
     ExecCmdres r = {0, 0, NULL};
-    if (eactl_call(s, EA_PROC_EXEC_CMD, JXDR_PROC(ExecCmdargs, jxdr_ExecCmdargs), (char*)&a,
-                   JXDR_PROC(ExecCmdres, jxdr_ExecCmdres), (char*)&r) != 0)
-        return 1;
-    printf("start \"%s\": %.*s (ret %d)\n", cmd, r.cmd_len, r.cmd ? r.cmd : "", r.cmd_ret);
-    if (r.cmd_ret != 0)
-        return 1;
+    int rc = eactl_request(s, EA_PROC_EXEC_CMD, JXDR_PROC(ExecCmdargs, jxdr_ExecCmdargs), (char*)&a,
+                           JXDR_PROC(ExecCmdres, jxdr_ExecCmdres), (char*)&r);
+    if (rc < 0)
+        return EACTL_FAILED;
+    if (r.cmd_ret != 0) {
+        eactl_error(s, "demo: the backup program did not start (ret %d): %.*s", r.cmd_ret,
+                    r.cmd ? (int)strnlen(r.cmd, (size_t)r.cmd_len) : 0, r.cmd ? r.cmd : "");
+        return EACTL_FAILED;
+    }
+    if (rc == 0)
+        printf("backup started on %s: %s\n", s->node.c_str(), cmd);
+    return EACTL_OK;
+}
 
-    bool tty = isatty(STDOUT_FILENO);
-    JOB_STATUS st;
-    std::string activity;
-    time_t until = time(NULL) + POLL_LIMIT_S;
+/* Polls until the job has ended; its last reply in st.  0 or EACTL_FAILED. */
+int watch_job(EactlSession* s, JOB_STATUS* st)
+{
+    time_t start = time(NULL);
     for (;;) {
-        memset(&st, 0, sizeof(st));
+        memset(st, 0, sizeof(*st));
         JOBSTATUSargs sa = {1};
-        if (eactl_call(s, EA_PROC_JOBSTATUS, JXDR_PROC(JOBSTATUSargs, jxdr_JOBSTATUSargs),
-                       (char*)&sa, JXDR_PROC(JOB_STATUS, jxdr_JOBSTATUSres), (char*)&st) != 0)
-            return 1;
-        if (st.act_size && st.act_log)
-            activity += st.act_log;
-        if (st.sts == JOB_ENDED)
+        int rc = eactl_request(s, EA_PROC_JOBSTATUS, JXDR_PROC(JOBSTATUSargs, jxdr_JOBSTATUSargs),
+                               (char*)&sa, JXDR_PROC(JOB_STATUS, jxdr_JOBSTATUSres), (char*)st);
+        if (rc < 0)
+            return EACTL_FAILED;
+        if (rc == 0 && st->act_size)
+            eactl_print_activity(s, st->act_log);
+        if (st->sts == EACTL_JOB_ENDED)
             break;
-        draw_progress(st, tty);
-        if (time(NULL) > until) {
-            fprintf(stderr, "\nkvx-eactl demo: the job did not end within %d s\n", POLL_LIMIT_S);
-            return 1;
+        if (rc == 0)
+            show_progress(s, eactl_progress_line(*st, (long)(time(NULL) - start)));
+        if (time(NULL) - start > POLL_LIMIT_S) {
+            eactl_error(s, "demo: the job did not end within %d s", POLL_LIMIT_S);
+            return EACTL_FAILED;
         }
         sleep(1);
     }
-    if (tty)
-        printf("\n");
-    printf("job ended: %s (phase %u)\n", st.stg == 1 ? "finished" : "failed", st.stg);
-    if (!activity.empty())
-        printf("\nactivity seen while polling:\n%s", activity.c_str());
+    if (s->tty)
+        printf("\r%-79s\r", "");
+    return EACTL_OK;
+}
 
-    printf("\nactivity log (procedure 5):\n");
+} /* namespace */
+
+int eactl_cmd_demo(EactlSession* s, int argc, char** argv)
+{
+    DemoOptions o;
+    int rc = parse_demo(argc, argv, &o);
+    if (rc != EACTL_OK)
+        return rc;
+    if (s->checking) {
+        std::string sim = eactl_find_program("kvxbackupvol-sim");
+        if (sim.empty()) {
+            fprintf(stderr, "kvx-eactl demo: kvxbackupvol-sim is neither beside kvx-eactl nor in "
+                            "../lib/kvx-ea\n");
+            return EACTL_FAILED;
+        }
+        s->files.push_back({sim, "work/linux-kvx-client/kvxbackupvol"});
+        return EACTL_OK;
+    }
+    if (!s->json)
+        printf("%s deployed on %s (%s) in %s\n", strrchr(s->agent_path.c_str(), '/')
+                   ? strrchr(s->agent_path.c_str(), '/') + 1 : s->agent_path.c_str(),
+               s->node.c_str(), s->machine.c_str(), s->target_dir.c_str());
+    JOB_STATUS st;
+    if (start_job(s, o) != EACTL_OK || watch_job(s, &st) != EACTL_OK)
+        return EACTL_FAILED;
+    bool ok = st.stg == 1;
     char* log_argv[] = {const_cast<char*>("log")};
-    if (eactl_cmd_log(s, 1, log_argv) != 0)
-        return 1;
-    printf("\njob result (procedure 6):\n");
     char* result_argv[] = {const_cast<char*>("result")};
-    return eactl_cmd_result(s, 1, result_argv);
+    if (eactl_cmd_log(s, 1, log_argv) != EACTL_OK)
+        return EACTL_FAILED;
+    if (!s->json)
+        printf("backup %s:\n", ok ? "finished" : "FAILED");
+    if (eactl_cmd_result(s, 1, result_argv) != EACTL_OK)
+        return EACTL_FAILED;
+    return ok ? EACTL_OK : EACTL_FAILED;
 }

@@ -1,9 +1,23 @@
 /*
  * eactl_deploy.cpp - puts kvx_ea on the node and starts it as the backup
  * server does: a copy in a fresh target directory, started with
- * --targetworkdir under a shell of its own (a local sh, or the remote shell
- * of ssh), so that the agent's cleanup (which deletes its own file and kills
- * its parent) never reaches this client.
+ * --targetworkdir under a shell of its own, so that the agent's cleanup
+ * (which deletes its own file and kills its parent) never reaches this
+ * client.
+ *
+ * Everything goes through one shell, a local sh or the remote shell of one
+ * ssh connection, running the bootstrap script below on the same stream that
+ * then carries the protocol:
+ *
+ *   node:   kvx-eactl-boot 1 MACHINE           ("uname -m")
+ *   client: deploy
+ *           SIZE boot/kvx_ea  + SIZE bytes      (the agent for MACHINE)
+ *           SIZE NAME         + SIZE bytes      (more files, e.g. the simulator)
+ *           .
+ *   node:   kvx-eactl-ready DIR
+ *   ...     the agent serves on the stream until its input ends; its
+ *           standard error goes to DIR/kvx_ea.stderr, which the script then
+ *           copies to its own standard error before it removes DIR.
  */
 #include "eactl.h"
 
@@ -12,6 +26,7 @@
 #include <ftw.h>
 #include <limits.h>
 #include <signal.h>
+#include <stdarg.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/stat.h>
@@ -19,6 +34,26 @@
 #include <unistd.h>
 
 namespace {
+
+const char kBootMarker[] = "kvx-eactl-boot 1 ";
+const char kReadyMarker[] = "kvx-eactl-ready ";
+const int  kMarkerLines = 200;     /* lines a login shell may print first */
+const int  kConnectTimeout = 15;   /* ssh's own limit for connecting, seconds */
+
+/* One line: the stream carries the script to a login shell of any kind. */
+const char kBootScript[] =
+    "printf 'kvx-eactl-boot 1 %s\\n' \"$(uname -m)\"; "
+    "read -r go && [ \"$go\" = deploy ] || exit 0; "
+    "@TARGET@; "
+    "[ -n \"$d\" ] && mkdir -p \"$d/boot\" \"$d/work/linux-kvx-client\" || exit 70; "
+    "ok=; while read -r n f; do "
+    "if [ \"$n\" = . ]; then ok=1; break; fi; "
+    "head -c \"$n\" >\"$d/$f\" && chmod 755 \"$d/$f\" || break; done; "
+    "if [ -z \"$ok\" ]; then echo \"kvx-eactl: the copy into $d stopped short\" >&2; @REMOVE@; exit 70; fi; "
+    "printf 'kvx-eactl-ready %s\\n' \"$d\"; "
+    "sh -c '\"$0\" --targetworkdir \"$1\" 2>\"$2\"; exit $?' "
+    "\"$d/boot/kvx_ea\" \"$d/work\" \"$d/kvx_ea.stderr\"; "
+    "s=$?; trap '' PIPE; head -c 65536 \"$d/kvx_ea.stderr\" >&2; @REMOVE@; exit $s";
 
 int remove_entry(const char* path, const struct stat*, int, struct FTW*)
 {
@@ -39,119 +74,129 @@ std::string shell_quote(const std::string& text)
     return out + "'";
 }
 
-/* Runs argv with stdin from in_path (or /dev/null) and returns its stdout;
- * status gets the exit status, -1 when it could not run. */
-std::string run_capture(const std::vector<std::string>& args, const char* in_path, int* status)
+void replace_all(std::string* text, const std::string& what, const std::string& with)
 {
-    *status = -1;
-    int out[2];
-    if (pipe(out) != 0)
-        return "";
-    pid_t pid = fork();
-    if (pid < 0) {
-        close(out[0]);
-        close(out[1]);
-        return "";
+    for (size_t at = text->find(what); at != std::string::npos; at = text->find(what, at + with.size()))
+        text->replace(at, what.size(), with);
+}
+
+std::string boot_script(const EactlSession* s)
+{
+    std::string script = kBootScript;
+    std::string target = s->target_dir.empty()
+                             ? "d=$(mktemp -d /tmp/kvx-eactl.XXXXXX) && chmod 755 \"$d\""
+                             : "d=" + shell_quote(s->target_dir);
+    /* The agent's last log lines may still be written while the first removal runs. */
+    std::string remove = s->keep || !s->target_dir.empty()
+                             ? ":"
+                             : "{ rm -rf \"$d\" 2>/dev/null || { sleep 1; rm -rf \"$d\"; }; }";
+    replace_all(&script, "@TARGET@", target);
+    replace_all(&script, "@REMOVE@", remove);
+    return script;
+}
+
+/* The command that runs the script: sh here, or ssh's remote shell. */
+std::vector<std::string> shell_args(const EactlSession* s)
+{
+    std::string script = boot_script(s);
+    if (s->host.empty())
+        return {"/bin/sh", "-c", script};
+    std::vector<std::string> args = s->ssh;
+    if (args.empty())
+        args.push_back("ssh");
+    const char* base = strrchr(args[0].c_str(), '/');
+    if (strcmp(base ? base + 1 : args[0].c_str(), "ssh") == 0) {
+        /* Options given in --ssh come first and win over these. */
+        std::vector<std::string> opts = {"-T", "-o", "BatchMode=yes"};
+        if (s->timeout_s == 0 || s->timeout_s > kConnectTimeout)
+            opts.insert(opts.end(), {"-o", "ConnectTimeout=" + std::to_string(kConnectTimeout)});
+        args.insert(args.end(), opts.begin(), opts.end());
     }
-    if (pid == 0) {
-        int in = open(in_path ? in_path : "/dev/null", O_RDONLY);
-        if (in < 0)
-            _exit(126);
-        dup2(in, 0);
-        dup2(out[1], 1);
-        close(out[0]);
-        close(out[1]);
-        std::vector<char*> argv;
-        for (const std::string& a : args)
-            argv.push_back(const_cast<char*>(a.c_str()));
-        argv.push_back(nullptr);
-        execvp(argv[0], argv.data());
-        _exit(127);
-    }
-    close(out[1]);
+    args.push_back(s->host);
+    args.push_back("sh -c " + shell_quote(script));
+    return args;
+}
+
+/* A file that holds the shell's standard error, gone from the file system. */
+int capture_fd()
+{
+    int fd = open("/tmp", O_TMPFILE | O_RDWR | O_CLOEXEC, 0600);
+    if (fd >= 0)
+        return fd;
+    char tmpl[] = "/tmp/kvx-eactl-err.XXXXXX";
+    fd = mkostemp(tmpl, O_CLOEXEC);
+    if (fd >= 0)
+        unlink(tmpl);
+    return fd;
+}
+
+std::string read_capture(int fd)
+{
     std::string text;
-    char buf[512];
+    char buf[4096];
     ssize_t n;
-    while ((n = read(out[0], buf, sizeof(buf))) > 0 || (n < 0 && errno == EINTR))
-        if (n > 0)
-            text.append(buf, (size_t)n);
-    close(out[0]);
-    int st = 0;
-    while (waitpid(pid, &st, 0) < 0 && errno == EINTR)
-        ;
-    *status = WIFEXITED(st) ? WEXITSTATUS(st) : -1;
+    off_t at = 0;
+    while ((n = pread(fd, buf, sizeof(buf), at)) > 0) {
+        text.append(buf, (size_t)n);
+        at += n;
+    }
     return text;
 }
 
-std::vector<std::string> ssh_argv(const EactlSession* s, const std::string& remote_cmd)
+/* Reads lines until one starts with marker; its rest (without the line end)
+ * goes to value.  false at end of input. */
+bool read_marker(EactlSession* s, const char* marker, std::string* value)
 {
-    return {"ssh", "-o", "BatchMode=yes", s->host, remote_cmd};
-}
-
-bool copy_local(const char* from, const std::string& to)
-{
-    int in = open(from, O_RDONLY);
-    if (in < 0)
-        return false;
-    int out = open(to.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0755);
-    bool ok = out >= 0;
-    char buf[65536];
-    ssize_t n;
-    while (ok && (n = read(in, buf, sizeof(buf))) > 0)
-        ok = write(out, buf, (size_t)n) == n;
-    close(in);
-    if (out >= 0)
-        close(out);
-    return ok && chmod(to.c_str(), 0755) == 0;
-}
-
-int make_local_target(EactlSession* s)
-{
-    if (s->target_dir.empty()) {
-        char tmpl[] = "/tmp/kvx-eactl.XXXXXX";
-        if (!mkdtemp(tmpl)) {
-            fprintf(stderr, "kvx-eactl: mkdtemp: %s\n", strerror(errno));
-            return -1;
+    char line[PATH_MAX + 64];
+    size_t len = strlen(marker);
+    for (int k = 0; k < kMarkerLines && fgets(line, sizeof(line), s->from_agent); k++) {
+        if (strncmp(line, marker, len) == 0) {
+            line[strcspn(line, "\r\n")] = '\0';
+            *value = line + len;
+            return !value->empty();
         }
-        chmod(tmpl, 0755);
-        s->target_dir = tmpl;
-        s->own_dir = true;
     }
-    std::string boot = s->target_dir + "/boot";
-    s->work_dir = s->target_dir + "/work";
-    mkdir(s->target_dir.c_str(), 0755);
-    mkdir(boot.c_str(), 0755);
-    mkdir(s->work_dir.c_str(), 0755);
-    mkdir((s->work_dir + "/linux-kvx-client").c_str(), 0755);
-    if (!copy_local(s->agent_path.c_str(), boot + "/kvx_ea")) {
-        fprintf(stderr, "kvx-eactl: cannot copy %s to %s: %s\n", s->agent_path.c_str(),
-                boot.c_str(), strerror(errno));
-        return -1;
-    }
-    return 0;
+    return false;
 }
 
-int make_remote_target(EactlSession* s)
+/* Sends one file as "SIZE NAME\n" and its bytes; 0 or -1. */
+int send_file(EactlSession* s, const std::string& local, const std::string& name)
 {
-    std::string dir = s->target_dir.empty() ? "$(mktemp -d /tmp/kvx-eactl.XXXXXX)"
-                                            : shell_quote(s->target_dir);
-    std::string cmd = "set -e; d=" + dir + "; mkdir -p \"$d/boot\" \"$d/work/linux-kvx-client\"; "
-                      "cat > \"$d/boot/kvx_ea\"; chmod 755 \"$d/boot/kvx_ea\"; echo \"$d\"";
-    int status;
-    std::string out = run_capture(ssh_argv(s, cmd), s->agent_path.c_str(), &status);
-    if (status != 0) {
-        fprintf(stderr, "kvx-eactl: cannot deploy the agent to %s (ssh status %d)\n",
-                s->host.c_str(), status);
+    int fd = open(local.c_str(), O_RDONLY | O_CLOEXEC);
+    struct stat st;
+    if (fd < 0 || fstat(fd, &st) != 0) {
+        eactl_error(s, "cannot read %s: %s", local.c_str(), strerror(errno));
+        if (fd >= 0)
+            close(fd);
         return -1;
     }
-    out.erase(out.find_last_not_of("\r\n") + 1);
-    s->own_dir = s->target_dir.empty();
-    s->target_dir = out;
-    s->work_dir = out + "/work";
-    return 0;
+    fprintf(s->to_agent, "%lld %s\n", (long long)st.st_size, name.c_str());
+    char buf[65536];
+    long long left = st.st_size;
+    ssize_t n;
+    while (left > 0 && (n = read(fd, buf, sizeof(buf))) > 0) {
+        n = n > left ? (ssize_t)left : n;
+        if (fwrite(buf, 1, (size_t)n, s->to_agent) != (size_t)n)
+            break;
+        left -= n;
+    }
+    close(fd);
+    return left == 0 ? 0 : -1;
 }
 
-/* Directory of this program (build/bin), "." when it cannot be read. */
+int send_files(EactlSession* s)
+{
+    fputs("deploy\n", s->to_agent);
+    if (send_file(s, s->agent_path, "boot/kvx_ea") != 0)
+        return -1;
+    for (const EactlFile& f : s->files)
+        if (send_file(s, f.local, f.name) != 0)
+            return -1;
+    fputs(".\n", s->to_agent);
+    return fflush(s->to_agent) == 0 && !ferror(s->to_agent) ? 0 : -1;
+}
+
+/* Directory of this program, "." when it cannot be read. */
 std::string own_bin_dir()
 {
     char self[PATH_MAX];
@@ -165,81 +210,131 @@ std::string own_bin_dir()
     return self;
 }
 
-/* Agent file name for a "uname -m" answer, NULL when none is built for it. */
-const char* agent_for_machine(const std::string& machine)
+int pick_agent(EactlSession* s)
 {
-    if (machine == "x86_64")
-        return "kvx_ea";
-    if (machine.size() == 4 && machine[0] == 'i' && machine.compare(2, 2, "86") == 0 &&
-        machine[1] >= '3' && machine[1] <= '6')
-        return "kvx_ea-i386";
-    return NULL;
+    std::vector<std::string> names = eactl_agents_for(s->machine, !s->host.empty());
+    if (names.empty()) {
+        eactl_error(s, "no agent for architecture %s; give one with --agent PATH", s->machine.c_str());
+        return -1;
+    }
+    for (const std::string& name : names) {
+        s->agent_path = eactl_find_program(name.c_str());
+        if (!s->agent_path.empty())
+            return 0;
+    }
+    eactl_error(s, "the %s node needs %s, which is neither in %s nor in %s/../lib/kvx-ea%s",
+                s->machine.c_str(), names[0].c_str(), own_bin_dir().c_str(), own_bin_dir().c_str(),
+                names[0] == "kvx_ea-i386" ? " (scripts/portable.sh builds it)" : "");
+    return -1;
 }
 
-/* Without --agent: asks the node for "uname -m" (over ssh for a remote node)
- * and takes the matching agent from this program's directory; 0 or -1 with
- * a message on stderr. */
-int select_agent(EactlSession* s)
+/* Ends a deployment that did not get as far as a serving agent. */
+int give_up(EactlSession* s, int result, const char* what)
 {
-    std::vector<std::string> args = {"uname", "-m"};
-    if (!s->host.empty())
-        args = ssh_argv(s, "uname -m");
-    int status;
-    std::string machine = run_capture(args, NULL, &status);
-    machine.erase(machine.find_last_not_of(" \r\n") + 1);
-    if (status != 0 || machine.empty()) {
-        fprintf(stderr, "kvx-eactl: cannot ask %s for its architecture (uname -m status %d)\n",
-                s->host.empty() ? "this machine" : s->host.c_str(), status);
-        return -1;
-    }
-    const char* name = agent_for_machine(machine);
-    if (!name) {
-        fprintf(stderr, "kvx-eactl: no agent for architecture %s; give one with --agent PATH\n",
-                machine.c_str());
-        return -1;
-    }
-    s->agent_path = own_bin_dir() + "/" + name;
-    if (access(s->agent_path.c_str(), R_OK) != 0) {
-        fprintf(stderr, "kvx-eactl: the %s node needs %s, which is missing%s\n", machine.c_str(),
-                s->agent_path.c_str(),
-                strcmp(name, "kvx_ea-i386") == 0 ? " (scripts/portable.sh builds it)" : "");
-        return -1;
-    }
-    return 0;
+    s->failed = true;
+    std::string reason = what;
+    if (eactl_timed_out())
+        reason += ": no answer within " + std::to_string(s->timeout_s) + " s";
+    eactl_error(s, "%s", reason.c_str());
+    eactl_finish(s);
+    return result;
 }
 
 } /* namespace */
 
-/* An empty agent_path means no --agent was given: the agent that matches the
- * node's architecture is picked first (select_agent). */
+void eactl_error(const EactlSession* s, const char* fmt, ...)
+{
+    char text[2048];
+    va_list ap;
+    va_start(ap, fmt);
+    vsnprintf(text, sizeof(text), fmt, ap);
+    va_end(ap);
+    fprintf(stderr, "kvx-eactl: %s: %s\n", s->node.c_str(), text);
+}
+
+std::string eactl_find_program(const char* name)
+{
+    std::string dir = own_bin_dir();
+    for (const std::string& path : {dir + "/" + name, dir + "/../lib/kvx-ea/" + name})
+        if (access(path.c_str(), R_OK) == 0)
+            return path;
+    return "";
+}
+
+std::vector<std::string> eactl_agents_for(const std::string& machine, bool remote)
+{
+    if (machine == "x86_64")
+        return remote ? std::vector<std::string>{"kvx_ea-static"}
+                      : std::vector<std::string>{"kvx_ea", "kvx_ea-static"};
+    if (machine.size() == 4 && machine[0] == 'i' && machine.compare(2, 2, "86") == 0 &&
+        machine[1] >= '3' && machine[1] <= '6')
+        return {"kvx_ea-i386"};
+    return {};
+}
+
+std::vector<std::string> eactl_split_command(const std::string& text)
+{
+    std::vector<std::string> words;
+    std::string word;
+    bool in_word = false;
+    char quote = 0;
+    for (char c : text) {
+        if (quote) {
+            if (c == quote)
+                quote = 0;
+            else
+                word += c;
+        } else if (c == '\'' || c == '"') {
+            quote = c;
+            in_word = true;
+        } else if (c == ' ' || c == '\t' || c == '\n') {
+            if (in_word)
+                words.push_back(word);
+            word.clear();
+            in_word = false;
+        } else {
+            word += c;
+            in_word = true;
+        }
+    }
+    if (quote)
+        return {};
+    if (in_word)
+        words.push_back(word);
+    return words;
+}
+
 int eactl_deploy(EactlSession* s)
 {
-    if (s->agent_path.empty() && select_agent(s) != 0)
-        return -1;
-    if (access(s->agent_path.c_str(), R_OK) != 0) {
-        fprintf(stderr, "kvx-eactl: agent %s: %s\n", s->agent_path.c_str(), strerror(errno));
-        return -1;
+    if (s->node.empty())
+        s->node = s->host.empty() ? "localhost" : s->host;
+    s->own_dir = s->target_dir.empty();
+    if (!s->agent_path.empty() && access(s->agent_path.c_str(), R_OK) != 0) {
+        eactl_error(s, "agent %s: %s", s->agent_path.c_str(), strerror(errno));
+        return EACTL_FAILED;
     }
-    if ((s->host.empty() ? make_local_target(s) : make_remote_target(s)) != 0)
-        return -1;
-
-    std::string agent = s->target_dir + "/boot/kvx_ea";
-    std::vector<std::string> args;
-    if (s->host.empty()) {
-        /* The shell stays the agent's parent: "; exit $?" keeps it from exec'ing. */
-        args = {"/bin/sh", "-c", "\"$0\" --targetworkdir \"$1\"; exit $?", agent, s->work_dir};
-    } else {
-        args = ssh_argv(s, shell_quote(agent) + " --targetworkdir " + shell_quote(s->work_dir));
-    }
-
-    return eactl_start(s, args, true);
+    s->err_fd = capture_fd();
+    if (eactl_start(s, shell_args(s), true) != 0)
+        return EACTL_FAILED;
+    if (!read_marker(s, kBootMarker, &s->machine))
+        return give_up(s, s->host.empty() ? EACTL_FAILED : EACTL_UNREACHABLE,
+                       s->host.empty() ? "the local shell did not start" : "unreachable");
+    if (s->agent_path.empty() && pick_agent(s) != 0)
+        return give_up(s, EACTL_FAILED, "nothing deployed");
+    if (send_files(s) != 0 || !read_marker(s, kReadyMarker, &s->target_dir))
+        return give_up(s, EACTL_FAILED, "cannot install the agent");
+    s->work_dir = s->target_dir + "/work";
+    if (s->verbose)
+        eactl_error(s, "%s (%s) deployed in %s", s->agent_path.c_str(), s->machine.c_str(),
+                    s->target_dir.c_str());
+    return EACTL_OK;
 }
 
 int eactl_start(EactlSession* s, std::vector<std::string> args, bool new_session)
 {
     int to[2] = {-1, -1}, from[2] = {-1, -1};
     pid_t pid = -1;
-    if (pipe(to) != 0 || pipe(from) != 0 || (pid = fork()) < 0) {
+    if (pipe2(to, O_CLOEXEC) != 0 || pipe2(from, O_CLOEXEC) != 0 || (pid = fork()) < 0) {
         fprintf(stderr, "kvx-eactl: %s: %s\n", to[0] < 0 || from[0] < 0 ? "pipe" : "fork",
                 strerror(errno));
         for (int fd : {to[0], to[1], from[0], from[1]})
@@ -250,10 +345,8 @@ int eactl_start(EactlSession* s, std::vector<std::string> args, bool new_session
     if (pid == 0) {
         dup2(to[0], 0);
         dup2(from[1], 1);
-        close(to[0]);
-        close(to[1]);
-        close(from[0]);
-        close(from[1]);
+        if (s->err_fd >= 0)
+            dup2(s->err_fd, 2);
         if (new_session)
             setsid();
         std::vector<char*> argv;
@@ -261,6 +354,7 @@ int eactl_start(EactlSession* s, std::vector<std::string> args, bool new_session
             argv.push_back(&a[0]);
         argv.push_back(nullptr);
         execvp(argv[0], argv.data());
+        fprintf(stderr, "kvx-eactl: cannot run %s: %s\n", argv[0], strerror(errno));
         _exit(127);
     }
     close(to[0]);
@@ -269,25 +363,16 @@ int eactl_start(EactlSession* s, std::vector<std::string> args, bool new_session
     s->shell_pid = pid;
     s->to_agent = fdopen(to[1], "w");
     s->from_agent = fdopen(from[0], "r");
+    eactl_watch_shell(pid, from[0], to[1]);
     s->channel = new STDIOChannel(s->from_agent, s->to_agent);
     s->proto = new ExecProto(s->channel);
     return 0;
 }
 
-int eactl_install_client_file(EactlSession* s, const char* local, const char* name)
-{
-    std::string to = s->work_dir + "/linux-kvx-client/" + name;
-    if (s->host.empty())
-        return copy_local(local, to) ? 0 : -1;
-    int status;
-    run_capture(ssh_argv(s, "cat > " + shell_quote(to) + " && chmod 755 " + shell_quote(to)),
-                local, &status);
-    return status == 0 ? 0 : -1;
-}
-
 int eactl_finish(EactlSession* s)
 {
     int status = -1;
+    eactl_unwatch_shell();
     delete s->proto;
     delete s->channel;
     s->proto = nullptr;
@@ -302,19 +387,24 @@ int eactl_finish(EactlSession* s)
         while (waitpid(s->shell_pid, &st, 0) < 0 && errno == EINTR)
             ;
         status = WIFEXITED(st) ? WEXITSTATUS(st) : 128 + WTERMSIG(st);
+        s->shell_pid = -1;
     }
-    if (s->keep || !s->own_dir) {
-        if (s->keep)
-            fprintf(stderr, "kvx-eactl: target directory kept: %s%s%s\n", s->host.c_str(),
-                    s->host.empty() ? "" : ":", s->target_dir.c_str());
-        return status;
+    if (s->err_fd >= 0) {
+        std::string text = read_capture(s->err_fd);
+        close(s->err_fd);
+        s->err_fd = -1;
+        if (s->verbose || s->failed || status != 0) {
+            for (size_t at = 0, nl; at < text.size(); at = nl + 1) {
+                nl = text.find('\n', at);
+                nl = nl == std::string::npos ? text.size() : nl;
+                eactl_error(s, "stderr: %s", text.substr(at, nl - at).c_str());
+            }
+        }
     }
-    if (s->host.empty()) {
-        /* FTW_MOUNT: never descend into a file system mounted below the target. */
+    /* A shell killed at the time-out could not remove a local target itself. */
+    if (eactl_timed_out() && s->host.empty() && s->own_dir && !s->keep && !s->target_dir.empty())
         nftw(s->target_dir.c_str(), remove_entry, 16, FTW_DEPTH | FTW_PHYS | FTW_MOUNT);
-    } else {
-        int rm_status;
-        run_capture(ssh_argv(s, "rm -rf " + shell_quote(s->target_dir)), NULL, &rm_status);
-    }
+    if (s->keep && !s->target_dir.empty())
+        eactl_error(s, "target directory kept: %s", s->target_dir.c_str());
     return status;
 }

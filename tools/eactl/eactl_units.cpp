@@ -1,0 +1,134 @@
+/*
+ * eactl_units.cpp - job status, activity log and job result in the units an
+ * operator reads: bytes in KiB to TiB, rates in MiB/s, times as h:mm:ss.
+ *
+ * The job status replies carry sizes in KiB and rates in KiB per minute; the
+ * job result carries bytes and KiB per minute.
+ */
+#include "eactl.h"
+
+#include <stdlib.h>
+#include <string.h>
+#include <time.h>
+
+namespace {
+
+const char* const kUnits[] = {"B", "KiB", "MiB", "GiB", "TiB", "PiB"};
+
+/* The unit index that shows bytes as a number from 1 to 1023. */
+int unit_of(unsigned long long bytes)
+{
+    int u = 0;
+    while (u < 5 && bytes >= (1024ULL << (10 * u)))
+        u++;
+    return u;
+}
+
+double in_unit(unsigned long long bytes, int unit)
+{
+    return (double)bytes / (double)(1ULL << (10 * unit));
+}
+
+const char* level_word(long type)
+{
+    switch (type) {
+    case 1: return "info";
+    case 2: return "warning";
+    case 3: return "error";
+    default: return NULL;
+    }
+}
+
+} /* namespace */
+
+std::string eactl_bytes(unsigned long long bytes)
+{
+    char text[32];
+    int u = unit_of(bytes);
+    if (u == 0)
+        snprintf(text, sizeof(text), "%llu B", bytes);
+    else
+        snprintf(text, sizeof(text), "%.1f %s", in_unit(bytes, u), kUnits[u]);
+    return text;
+}
+
+std::string eactl_duration(long seconds)
+{
+    char text[32];
+    if (seconds < 0)
+        return "--:--";
+    if (seconds >= 3600)
+        snprintf(text, sizeof(text), "%ld:%02ld:%02ld", seconds / 3600, seconds / 60 % 60, seconds % 60);
+    else
+        snprintf(text, sizeof(text), "%ld:%02ld", seconds / 60, seconds % 60);
+    return text;
+}
+
+double eactl_mib_per_s(unsigned long long kib_per_min)
+{
+    return (double)kib_per_min / 60.0 / 1024.0;
+}
+
+std::string eactl_progress_line(const JOB_STATUS& st, long elapsed_s)
+{
+    unsigned long long pct = st.vol.dt_all > 100 ? 100 : st.vol.dt_all;
+    unsigned long long done = st.vol.dt_fin << 10;
+    /* The percentage is cut to a whole number: half a point is added back. */
+    unsigned long long total = pct >= 100 ? done
+                               : pct > 0  ? (unsigned long long)((double)done * 100.0 / ((double)pct + 0.5))
+                                          : 0;
+    unsigned long long rate = st.tm_usd ? st.tm_usd : st.vol.tm_usd;   /* KiB per minute */
+    if (elapsed_s < 0 && rate > 0)
+        elapsed_s = (long)(st.dt_fin * 60 / rate);
+    long left = pct >= 100 ? 0
+                : total > done && rate > 0 ? (long)((((total - done) >> 10) * 60 + rate / 2) / rate)
+                                           : -1;
+
+    int unit = total || done ? unit_of(total ? total : done) : 3;
+    unit = unit ? unit : 1;
+    char size[48];
+    if (total)
+        snprintf(size, sizeof(size), "%.1f/%.1f %s", in_unit(done, unit), in_unit(total, unit), kUnits[unit]);
+    else
+        snprintf(size, sizeof(size), "%.1f/? %s", in_unit(done, unit), kUnits[unit]);
+    char line[384];
+    snprintf(line, sizeof(line), "%3llu%%  %s  %.1f MiB/s  elapsed %s  ETA %s  %.*s", pct, size,
+             eactl_mib_per_s(rate), eactl_duration(elapsed_s).c_str(), eactl_duration(left).c_str(),
+             (int)sizeof(st.vol.name), st.vol.name);
+    line[79] = '\0';
+    return line;
+}
+
+std::string eactl_activity_line(const char* line, time_t when)
+{
+    char* end = NULL;
+    long type = strtol(line, &end, 10);
+    const char* word = end != line && *end == ' ' ? level_word(type) : NULL;
+    char* text = NULL;
+    long code = word ? strtol(end + 1, &text, 10) : 0;
+    if (!word || text == end + 1 || *text != ' ')
+        return line;
+    char stamp[16];
+    struct tm tm;
+    strftime(stamp, sizeof(stamp), "%H:%M:%S", localtime_r(&when, &tm));
+    char out[1200];
+    snprintf(out, sizeof(out), "%s  %-7s  %s", stamp, word, text + 1);
+    std::string shown = out;
+    if (code != 0)
+        shown += " (code " + std::to_string(code) + ")";
+    return shown;
+}
+
+std::string eactl_result_text(const JOB_RESULT& r)
+{
+    char text[512];
+    snprintf(text, sizeof(text),
+             "read %s at %.1f MiB/s, wrote %s at %.1f MiB/s\n"
+             "protected %s in session %.31s (%.36s), %u recovery point%s",
+             eactl_bytes(r.processed_data_read).c_str(), eactl_mib_per_s(r.throughput_read),
+             eactl_bytes(r.processed_data_write).c_str(), eactl_mib_per_s(r.throughput_write),
+             eactl_bytes(r.protected_data).c_str(), r.sessionNo[0] ? r.sessionNo : "-",
+             r.sessionGuid[0] ? r.sessionGuid : "-", r.recovery_count,
+             r.recovery_count == 1 ? "" : "s");
+    return text;
+}
