@@ -78,8 +78,9 @@ inline void CheckPtyCase(const PtyCase& c)
     ASSERT_EQ(0, sigaction(SIGCHLD, &before, &after));
     EXPECT_TRUE(after.sa_handler == mine.sa_handler && (after.sa_flags & (SA_NOCLDSTOP | SA_RESTART)) == SA_NOCLDSTOP);
     /* a run that fails at once may close the terminal before its child has taken it: gone or not */
-    if (!c.highFd)
+    if (!c.highFd) {
         EXPECT_EQ(c.running, waitpid(-1, NULL, WNOHANG) == 0);
+    }
     EXPECT_EQ('X', out[32]);
     EXPECT_STREQ(c.out != NULL ? c.out : out, out);
     EXPECT_EQ(c.answers, TestLog::Count(mark, "write password to tty: " + std::to_string(pwd.size()) + "\n"));
