@@ -35,6 +35,8 @@ const ModeCase kModes[] = {
     /* a command that reads its input gets end of file, not the server's requests */
     {"read x; echo \"[$x]\"", true, false, 0, "[]\n"},
     {"read x", false, false, 1, "no return"},
+    /* commands do not inherit the agent's log */
+    {"ls -l /proc/$$/fd | grep -c 'kvx.*log$'", true, false, 0, "0\n"},
     /* as long as a request line allows: run whole in every mode */
     {kLongX + "; [ ${#x} -eq 65000 ]", false, false, 0, "no return"},
     {kLongX + "; [ ${#x} -eq 65000 ] && touch long-ran", false, true, 0, "create child process successfully!"},

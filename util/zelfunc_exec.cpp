@@ -369,8 +369,9 @@ static int run_child_io(pid_t pid, ProcPipes* p, int* status)
  * Runs argv[0] (searched in PATH) in a new session, feeds input to its
  * standard input and reads its standard output until it has ended; the
  * first outputsize - 1 bytes go into output (terminated), the rest, and
- * all of it without a buffer, is dropped.  Standard error is inherited.  0 without running anything for a null vector; otherwise the
- * child's exit code (127: could not execute), -1 when it was killed by a
+ * all of it without a buffer, is dropped.  Standard error is inherited.
+ * 0 without running anything for a null vector; otherwise the child's exit
+ * code (127: could not execute), -1 when it was killed by a
  * signal, errno when a pipe, fork or wait failed.
  */
 int ExecuteProcess(char** argv, const char* input, size_t inputsize,
