@@ -125,6 +125,12 @@ void child_exit_events(void)
     sigset_t chld, old;
     sigemptyset(&chld);
     sigaddset(&chld, SIGCHLD);
+    siginfo_t peek;
+    memset(&peek, 0, sizeof(peek));
+    /* the common case, nothing recorded and no child ended, costs one call */
+    if (child_tail == child_head &&
+        (waitid(P_ALL, 0, &peek, WEXITED | WNOHANG | WNOWAIT) != 0 || peek.si_pid == 0))
+        return;
     for (;;) {
         struct { pid_t pid; int status; } batch[CHILD_EVENTS];
         int n = 0;

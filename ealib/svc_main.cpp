@@ -172,10 +172,12 @@ static void take_product_lock(void)
 
 /* Self-pipe: every handler writes a byte, so a waiting read wakes up. */
 static int svc_wake_pipe[2] = { -1, -1 };
+static volatile sig_atomic_t svc_woken = 0;   /* set before each byte is written */
 
 void svc_wake(void)
 {
     int saved_errno = errno;
+    svc_woken = 1;
     if (svc_wake_pipe[1] >= 0) {
         ssize_t w = write(svc_wake_pipe[1], "", 1);   /* a full pipe already wakes */
         (void)w;
@@ -192,10 +194,14 @@ void svc_wake_close(void)
     }
 }
 
-/* Empties the self-pipe: what woke the loop so far has been looked at. */
+/* Empties the self-pipe: what woke the loop so far has been looked at.
+ * Without a handler run since the last drain the pipe is empty: no read. */
 static void svc_wake_drain(void)
 {
     char buf[64];
+    if (svc_woken == 0)
+        return;
+    svc_woken = 0;
     while (svc_wake_pipe[0] >= 0 && read(svc_wake_pipe[0], buf, sizeof(buf)) > 0)
         ;
 }

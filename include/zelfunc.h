@@ -9,6 +9,7 @@
 #ifndef ZELFUNC_H
 #define ZELFUNC_H
 
+#include <signal.h>
 #include <stddef.h>
 #include <sys/types.h>
 #include "zel_basic_types.h"
@@ -38,6 +39,11 @@ int   isdigitstring(const char* s);
 /* Starts sh -c cmd with stdin on /dev/null and, when out_fd >= 0, stdout on
  * out_fd.  The child's pid, or -1 with errno set. */
 pid_t zel_spawn_shell(const char* cmd, int out_fd);
+/* SIGCHLD to its default disposition (the old one kept in *old) while the
+ * caller waits for its own child, and back: a caller's handler must not
+ * reap that child. */
+void zel_chld_default(struct sigaction* old);
+void zel_chld_restore(const struct sigaction* old);
 /* Puts /dev/null on descriptor 0 (a forked child that runs commands). */
 void  zel_stdin_devnull(void);
 /* system(cmd) with stdin on /dev/null and SIGCHLD at its default

@@ -399,7 +399,7 @@ int ExecuteProcess(char** argv, const char* input, size_t inputsize,
         return err;
     }
 
-    set_handler(SIGCHLD, SIG_DFL, &old);   /* our wait must get the status */
+    zel_chld_default(&old);   /* our wait must get the status */
     pid = fork();
     if (pid < 0) {
         err = errno;
@@ -408,7 +408,7 @@ int ExecuteProcess(char** argv, const char* input, size_t inputsize,
         close_fd(&pfdin[1]);
         close_fd(&pfdout[0]);
         close_fd(&pfdout[1]);
-        sigaction(SIGCHLD, &old, NULL);
+        zel_chld_restore(&old);
         return err;
     }
     if (pid == 0)
@@ -426,10 +426,10 @@ int ExecuteProcess(char** argv, const char* input, size_t inputsize,
         err = errno;
         ZELLogFunction(0, "zelfunc", __LINE__, "ExecuteProcess: failed to wait subprocess (%d).\n", err);
         close_fd(&io.out);
-        sigaction(SIGCHLD, &old, NULL);
+        zel_chld_restore(&old);
         return err;
     }
-    sigaction(SIGCHLD, &old, NULL);
+    zel_chld_restore(&old);
     rc = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 
     if (output != NULL && outputsize > 0) {

@@ -36,7 +36,6 @@ static const char* const kRunFn = "ExecuteCmdInteractively";
 
 void pty_run_begin(PtyRun* run, const char* pwd, int limit)
 {
-    struct sigaction dfl;
 
     memset(run, 0, sizeof(*run));
     run->pid = -1;
@@ -46,10 +45,7 @@ void pty_run_begin(PtyRun* run, const char* pwd, int limit)
     if (pwd != NULL)
         exstrncpy(run->secret, pwd, sizeof(run->secret));   /* what "%s\n" in 128 bytes sends */
 
-    memset(&dfl, 0, sizeof(dfl));
-    dfl.sa_handler = SIG_DFL;
-    sigemptyset(&dfl.sa_mask);
-    sigaction(SIGCHLD, &dfl, &run->oldChld);
+    zel_chld_default(&run->oldChld);
     run->sigSaved = 1;
 }
 
@@ -62,7 +58,7 @@ void pty_finish(PtyRun* run)
     /* the password is not kept in memory past the run */
     explicit_bzero(run->secret, sizeof(run->secret));
     if (run->sigSaved) {
-        sigaction(SIGCHLD, &run->oldChld, NULL);
+        zel_chld_restore(&run->oldChld);
         run->sigSaved = 0;
     }
 }

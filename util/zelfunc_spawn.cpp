@@ -65,8 +65,7 @@ static pid_t wait_child(pid_t pid, int* status, int flags)
     return r;
 }
 
-/* Sets SIGCHLD to its default disposition, keeping the old one in *old. */
-static void chld_default(struct sigaction* old)
+void zel_chld_default(struct sigaction* old)
 {
     struct sigaction dfl;
     memset(&dfl, 0, sizeof(dfl));
@@ -75,20 +74,25 @@ static void chld_default(struct sigaction* old)
     sigaction(SIGCHLD, &dfl, old);
 }
 
+void zel_chld_restore(const struct sigaction* old)
+{
+    sigaction(SIGCHLD, old, NULL);
+}
+
 int zel_system(const char* cmd)
 {
     struct sigaction old;
     int status = 0;
     int err;
 
-    chld_default(&old);   /* a SIGCHLD handler of the caller must not reap the shell */
+    zel_chld_default(&old);   /* a SIGCHLD handler of the caller must not reap the shell */
     pid_t pid = zel_spawn_shell(cmd, -1);
     if (pid < 0)
         status = 127 << 8;   /* as system(): a shell that cannot run exits with 127 */
     else if (wait_child(pid, &status, 0) < 0)
         status = -1;
     err = errno;
-    sigaction(SIGCHLD, &old, NULL);
+    zel_chld_restore(&old);
     errno = err;
     return status;
 }
@@ -138,7 +142,7 @@ int zel_shell_capture(const char* cmd, char* out, size_t size, int* status)
     out[0] = '\0';
     if (pipe2(pfd, O_CLOEXEC) != 0)
         return -1;
-    chld_default(&old);
+    zel_chld_default(&old);
     pid_t pid = zel_spawn_shell(cmd, pfd[1]);
     close(pfd[1]);
     if (pid >= 0) {
@@ -149,7 +153,7 @@ int zel_shell_capture(const char* cmd, char* out, size_t size, int* status)
     } else {
         close(pfd[0]);
     }
-    sigaction(SIGCHLD, &old, NULL);
+    zel_chld_restore(&old);
     if (status != NULL)
         *status = st;
     return (int)n;
