@@ -32,7 +32,6 @@ int ExecProto::receive(JXDR*& jxdr)
     char buffer[EP_LINE_SIZE];
     int n, len;
 
-    memset(buffer, 0, sizeof(buffer));
     n = m_channel->read_line(buffer, sizeof(buffer));
     if (n == 0)
         return -1;

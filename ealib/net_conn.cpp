@@ -10,6 +10,7 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/uio.h>
 #include <unistd.h>
 #include "net_conn.h"
 
@@ -115,8 +116,9 @@ int STDIOChannel::write_line(char* buffer)
     size_t len = strlen(buffer) + 1;
     ssize_t w;
 
-    w = write(fileno(m_fout), buffer, len);
-    w = write(fileno(m_fout), "\n\n", 2);
+    /* text, NUL and "\n\n" in one call: the same bytes, one wake-up of the reader */
+    struct iovec iov[2] = { { buffer, len }, { (void*)"\n\n", 2 } };
+    w = writev(fileno(m_fout), iov, 2);
     (void)w;
     fflush(m_fout);
     return (int)len;
