@@ -10,11 +10,11 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
-#include <time.h>
 #include <unistd.h>
 
 #include "svc_main.h"
 #include "ea_svc.h"
+#include "zelcommon.h"
 #include "zelfunc.h"
 #include "zellog.h"
 
@@ -26,19 +26,12 @@
 #define ELEVATED_MIN_SECS 2     /* what a command gets once the cleanup's time is spent */
 
 int _cleaning_flag = 0;
-static time_t s_cleanup_end;    /* monotonic second by which the cleanup's elevated commands are done; 0: not cleaning */
-
-static time_t monotonic_now(void)
-{
-    struct timespec ts;
-    clock_gettime(CLOCK_MONOTONIC, &ts);
-    return ts.tv_sec;
-}
+static long long s_cleanup_end;   /* zel_now_ms() by which the cleanup's elevated commands are done; 0: not cleaning */
 
 /* Seconds one elevated command may take now. */
 static int elevated_limit(void)
 {
-    long left = s_cleanup_end != 0 ? (long)(s_cleanup_end - monotonic_now()) : ELEVATED_CMD_SECS;
+    long long left = s_cleanup_end != 0 ? (s_cleanup_end - zel_now_ms()) / 1000 : ELEVATED_CMD_SECS;
 
     if (left > ELEVATED_CMD_SECS)
         left = ELEVATED_CMD_SECS;
@@ -166,7 +159,7 @@ void cleanup_target(void)
         return;
     }
     _cleaning_flag = 1;
-    s_cleanup_end = monotonic_now() + CLEANUP_SECS;
+    s_cleanup_end = zel_now_ms() + CLEANUP_SECS * 1000LL;
     ZELLogFunction(3, SRC, 74, "cleanup_target started, non root user flag: %d.\n",
                    g_cached_nonRootUserFlag);
 

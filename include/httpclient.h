@@ -24,7 +24,7 @@ public:
     int HttpStatus() const { return m_status; }
     /* A response that carries a secret (a session token) is never logged. */
     void HttpSetSecret(bool secret) { m_secret = secret; }
-    /* Connecting and reading end by this time of http_now_ms() (0: no deadline). */
+    /* Connecting and reading end by this time of zel_now_ms() (0: no deadline). */
     void HttpSetDeadline(long long ms) { m_deadline = ms; }
 
 private:
@@ -63,15 +63,12 @@ int http_get(const char* ip, int port, const char* uri, char* out, int* outlen);
  * http_get with a method and extra header lines; *status (if given) gets the
  * response's status code, also when the result is -2 for a status not 200.
  * secret non-zero keeps the body out of the log (a session token).
- * deadline_ms (http_now_ms() time, 0: none): connecting and reading end by
+ * deadline_ms (zel_now_ms() time, 0: none): connecting and reading end by
  * then, -1 and -4 as for their time-outs.
  */
 int http_request(const char* ip, int port, const char* method, const char* uri,
                  const char* headers, char* out, int* outlen, int* status, int secret,
                  long long deadline_ms);
-
-/* Milliseconds of the monotonic clock. */
-long long http_now_ms(void);
 
 /*
  * Value of one instance metadata key ("instance-id", ...) from

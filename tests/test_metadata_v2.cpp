@@ -18,6 +18,7 @@
 #include <vector>
 
 #include "httpclient.h"
+#include "zelcommon.h"
 
 namespace {
 
@@ -144,9 +145,9 @@ TEST(MetadataToken, PlainRequestFirstAndTokenOnlyAfter401)
         std::string log = std::string(dir) + "/requests";
         unlink(log.c_str());
         bool skipped = false;
-        long long start = http_now_ms();
+        long long start = zel_now_ms();
         std::string got = lookup_in_netns(c.answers, log, c.seconds, &skipped);
-        long long took = http_now_ms() - start;
+        long long took = zel_now_ms() - start;
         if (skipped)
             GTEST_SKIP() << "cannot make a network namespace with its own 169.254.169.254 here";
         EXPECT_EQ(c.result, got);

@@ -5,6 +5,7 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <time.h>
 #include <unistd.h>
 #include "zelcommon.h"
 #include "zelsvciobackend.h"
@@ -101,4 +102,12 @@ void dup_string(char** dst, const char* src)
         return;
     free(*dst);
     *dst = strdup(src);
+}
+
+long long zel_now_ms(void)
+{
+    struct timespec ts;
+
+    clock_gettime(CLOCK_MONOTONIC, &ts);
+    return (long long)ts.tv_sec * 1000 + ts.tv_nsec / 1000000;
 }

@@ -19,6 +19,7 @@
 #include <new>
 
 #include "httpclient.h"
+#include "zelcommon.h"
 #include "zellog.h"
 
 #define HTTP_TIMEOUT_SEC  5
@@ -41,15 +42,6 @@ static const struct {
     { SO_RCVTIMEO, "Fail to set the time out for receive message:%s(%d)\n" },
 };
 
-/* Milliseconds of the monotonic clock. */
-long long http_now_ms(void)
-{
-    struct timespec ts;
-
-    clock_gettime(CLOCK_MONOTONIC, &ts);
-    return (long long)ts.tv_sec * 1000 + ts.tv_nsec / 1000000;
-}
-
 namespace KVXHttpC {
 
 HttpC::HttpC()
@@ -65,7 +57,7 @@ HttpC::HttpC()
  */
 int HttpC::HttpTimeLeft(struct timeval* tv) const
 {
-    long long left = m_deadline > 0 ? m_deadline - http_now_ms() : HTTP_TIMEOUT_SEC * 1000LL;
+    long long left = m_deadline > 0 ? m_deadline - zel_now_ms() : HTTP_TIMEOUT_SEC * 1000LL;
 
     if (left <= 0)
         return 0;
@@ -360,7 +352,7 @@ int get_meta_value_by_key(const char* key, char* value, int* pvaluelen)
 /* See httpclient.h. */
 int get_meta_value_within(const char* key, char* value, int* pvaluelen, int seconds)
 {
-    long long deadline = http_now_ms() + seconds * 1000LL;
+    long long deadline = zel_now_ms() + seconds * 1000LL;
     std::string path, headers;
     char token[META_TOKEN_MAX];
     int status = 0;

@@ -19,6 +19,7 @@
 #include <termios.h>
 #include <unistd.h>
 
+#include "zelcommon.h"
 #include "zelfunc.h"
 #include "zellog.h"
 #include "zelfunc_pty.h"
@@ -36,12 +37,11 @@ static const char* const kRunFn = "ExecuteCmdInteractively";
 
 void pty_run_begin(PtyRun* run, const char* pwd, int limit)
 {
-
     memset(run, 0, sizeof(*run));
     run->pid = -1;
     run->masterFd = -1;
     if (limit > 0)
-        run->deadline = pty_now_ms() + (long long)limit * 1000;
+        run->deadline = zel_now_ms() + (long long)limit * 1000;
     if (pwd != NULL)
         exstrncpy(run->secret, pwd, sizeof(run->secret));   /* what "%s\n" in 128 bytes sends */
 

@@ -44,9 +44,6 @@ enum {
 /* pty_select() for reading: the child has ended and nothing was readable. */
 #define PTY_CHILD_GONE 2
 
-/* Milliseconds of the monotonic clock. */
-long long pty_now_ms(void);
-
 /*
  * Saves the SIGCHLD disposition into run->oldChld, sets it to default (the
  * agent's own handler must not reap our child) and marks the run empty.

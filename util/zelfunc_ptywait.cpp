@@ -19,20 +19,13 @@
 #include <time.h>
 #include <unistd.h>
 
+#include "zelcommon.h"
 #include "zelfunc.h"
 #include "zellog.h"
 #include "zelfunc_pty.h"
 
 #define PTY_SLICE_MS      100   /* how often a wait for terminal text looks at the child */
 #define PTY_NUDGE_MS      5000  /* how long a timed-out terminal may take to answer a newline */
-
-long long pty_now_ms(void)
-{
-    struct timespec ts;
-
-    clock_gettime(CLOCK_MONOTONIC, &ts);
-    return (long long)ts.tv_sec * 1000 + ts.tv_nsec / 1000000;
-}
 
 /* 1 once the child has ended (or is no longer ours); it is left unreaped. */
 static int child_ended(pid_t pid)
@@ -53,7 +46,7 @@ static int child_ended(pid_t pid)
  */
 static int await_data(PtyRun* run, long long waitMs)
 {
-    long long end = waitMs < 0 ? LLONG_MAX : pty_now_ms() + waitMs;
+    long long end = waitMs < 0 ? LLONG_MAX : zel_now_ms() + waitMs;
     long long left, slice;
     struct timeval tv;
     fd_set fds;
@@ -67,7 +60,7 @@ static int await_data(PtyRun* run, long long waitMs)
     if (run->deadline > 0 && run->deadline < end)
         end = run->deadline;
     for (;;) {
-        left = end - pty_now_ms();
+        left = end - zel_now_ms();
         left = left < 0 ? 0 : left;
         slice = left < PTY_SLICE_MS ? left : PTY_SLICE_MS;
         tv.tv_sec = (time_t)(slice / 1000);
@@ -96,10 +89,10 @@ int pty_select(const char* fn, PtyRun* run, int forWrite, struct timeval* tv, in
             ZELLogFunction(0, ZELFUNC_SRC, __LINE__, "%s: select....\n", fn);
         if (!forWrite) {
             budget = tv != NULL ? (long long)tv->tv_sec * 1000 + tv->tv_usec / 1000 : -1;
-            t0 = pty_now_ms();
+            t0 = zel_now_ms();
             n = await_data(run, budget);
             if (tv != NULL) {   /* the budget is counted down across calls */
-                left = budget - (pty_now_ms() - t0);
+                left = budget - (zel_now_ms() - t0);
                 left = left < 0 ? 0 : left;
                 tv->tv_sec = (time_t)(left / 1000);
                 tv->tv_usec = (suseconds_t)(left % 1000) * 1000;
@@ -212,7 +205,7 @@ static int wait_until_limit(PtyRun* run, int* status)
             return -1;
         if (r == run->pid)
             return 0;
-        if (pty_now_ms() >= run->deadline)
+        if (zel_now_ms() >= run->deadline)
             return 1;
         usleep(pause);
         pause = pause < 64000 ? pause * 2 : 100000;
