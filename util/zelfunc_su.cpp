@@ -31,27 +31,15 @@ static const char* const kSudoFn = "SudoExecuteCmdEx";
 
 /*
  * One export statement for the su command text: "export NAME=\"value\"; "
- * for a value of safe characters, else the value single-quoted.  Heap
+ * for a value of safe characters, else the value single-quoted (a library
+ * path or PATH with a blank or a quote stays one word; "" stays "").  Heap
  * string (caller frees), or null without memory.
  */
 static char* su_export(const char* name, const char* value)
 {
-    size_t wordSize = strlen(value) * 4 + 3;   /* every ' may become '\'' */
-    size_t size = wordSize + strlen(name) + 16;
-    char* word = (char*)malloc(wordSize);
-    char* out = (char*)malloc(size);
-
-    /* a library path or PATH with a blank or a quote stays one word; "" stays "" */
-    if (word == NULL || out == NULL ||
-        (value[0] != '\0' ? zel_shell_word(value, 1, word, wordSize) == NULL
-                           : snprintf(word, wordSize, "\"\"") < 0)) {
-        free(word);
-        free(out);
-        return NULL;
-    }
-    snprintf(out, size, "export %s=%s; ", name, word);
-    free(word);
-    return out;
+    if (value[0] == '\0')
+        return zel_shell_cmdline("export %s=\"\"; ", name);
+    return zel_shell_cmdline("export %s=%W; ", name, value);
 }
 
 /*
@@ -63,32 +51,15 @@ static char* build_su_command(const char* cmd)
 {
     const char* ld = getenv("LD_LIBRARY_PATH");
     const char* path = getenv("PATH");
-    char* ldExport = NULL;
-    char* pathExport = NULL;
-    char* pathValue = NULL;
+    char* ldExport = ld != NULL ? su_export("LD_LIBRARY_PATH", ld) : NULL;
+    char* pathValue = ld != NULL && path != NULL ? zel_shell_cmdline("%s:" STD_PATH, path) : NULL;
+    char* pathExport = pathValue != NULL ? su_export("PATH", pathValue) : NULL;
     char* out = NULL;
-    size_t size;
 
-    if (cmd == NULL)
-        cmd = "id";
-    if (ld != NULL) {
-        ldExport = su_export("LD_LIBRARY_PATH", ld);
-        if (path != NULL) {
-            size = strlen(path) + sizeof(":" STD_PATH);
-            pathValue = (char*)malloc(size);
-            if (pathValue != NULL) {
-                snprintf(pathValue, size, "%s:" STD_PATH, path);
-                pathExport = su_export("PATH", pathValue);
-            }
-        }
-    }
-    if (ld == NULL || (ldExport != NULL && (path == NULL || pathExport != NULL))) {
-        /* sized from the command: every command the channel accepts runs whole */
-        size = (ldExport ? strlen(ldExport) : 0) + (pathExport ? strlen(pathExport) : 0) + strlen(cmd) + 1;
-        out = (char*)malloc(size);
-        if (out != NULL)
-            snprintf(out, size, "%s%s%s", ldExport ? ldExport : "", pathExport ? pathExport : "", cmd);
-    }
+    /* sized from the command: every command the channel accepts runs whole */
+    if (ld == NULL || (ldExport != NULL && (path == NULL || pathExport != NULL)))
+        out = zel_shell_cmdline("%s%s%s", ldExport ? ldExport : "", pathExport ? pathExport : "",
+                                cmd != NULL ? cmd : "id");
     free(ldExport);
     free(pathExport);
     free(pathValue);
