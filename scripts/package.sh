@@ -48,7 +48,8 @@ for f in kvx_ea-static kvx_ea-i386 kvxbackupvol-sim; do
 done
 strip --strip-unneeded "$stage/usr/bin/kvx-eactl" "$stage"/usr/lib/kvx-ea/*
 mkdir -p "$stage/usr/share/man/man1" "$stage/usr/share/doc/kvx-ea"
-gzip -9n <"$root/docs/kvx-eactl.1" >"$stage/usr/share/man/man1/kvx-eactl.1.gz"
+# the page's footer names the version of the programs it ships with
+sed '1s/"kvx-ea"/"kvx-ea '"$version"'"/' "$root/docs/kvx-eactl.1" | gzip -9n >"$stage/usr/share/man/man1/kvx-eactl.1.gz"
 install -m 644 "$root/README.md" "$stage/usr/share/doc/kvx-ea/README.md"
 
 # The shared libraries of the dynamically linked programs, as Debian names them.

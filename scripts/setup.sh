@@ -13,7 +13,7 @@ PACKAGES=(
   libjansson-dev libgtest-dev googletest
   sudo passwd login procps psmisc util-linux mount iproute2 coreutils sed grep
   clang libclang-rt-dev file
-  openssh-client openssh-server man-db dpkg-dev
+  openssh-client openssh-server man-db dpkg-dev python3
 )
 I386_PACKAGES=(gcc-multilib g++-multilib libjansson-dev:i386)
 

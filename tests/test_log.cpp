@@ -2,6 +2,7 @@
 #include <regex>
 
 #include "foundation_testkit.h"
+#include "kvx_version.h"
 
 using namespace fkit;
 
@@ -20,7 +21,7 @@ TEST(Log, LinesCarryStampIdsAndSourceAfterOneBanner)
     EXPECT_EQ("", ReadFile(out));   // the protocol stream stays clean
     // one banner; tid equals pid; the oversized message is cut to 10239 bytes and loses its newline
     std::regex stamp(R"(\d{4}-\d{2}-\d{2} \d{2}-\d{2}-\d{2}:\d{3} \(pid:(\d+) tid:\1\) )");
-    EXPECT_EQ("@ 156:zellog               Tessel for Linux Version 6.5.1 (Build:1631.1)\n"
+    EXPECT_EQ("@ 156:zellog               Tessel for Linux Version " KVX_VERSION_STRING " (Build:1631.1)\n"
               "@ 198:svc_main.cpp         ea[7] started.\n"
               "@12345:ea_svc               long line number\n"
               "@   2:t                    " + std::string(10239, 'x'),

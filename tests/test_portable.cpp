@@ -24,6 +24,9 @@ struct PortableAgent {
     bool        optional;   /* skipped when it was not built */
 };
 
+/* ctest and GoogleTest show the agent's file name, not the record's bytes */
+void PrintTo(const PortableAgent& a, std::ostream* os) { *os << a.name; }
+
 const PortableAgent kAgents[] = {
     {"kvx_ea-static", "ELF 64-bit LSB executable, x86-64", false},
     {"kvx_ea-i386",   "ELF 32-bit LSB executable, Intel 80386", true},

@@ -15,7 +15,8 @@
 #include <unistd.h>
 
 #include "ea_svc.h"
-#include "svc_main.h"
+#include "ea_child.h"
+#include "svc_wake.h"
 #include "zelutil.h"
 
 #define EXEC_BUF_SIZE   1024   /* captured output */
@@ -213,7 +214,7 @@ int exec_cmd_svc(ExecCmdargs* args, ExecCmdres* res)
     /* A request whose "param" did not decode has no command to run: answer
      * it as a failed command (ret 1) so the server takes its failure path. */
     if (args == NULL || args->cmd == NULL) {
-        ZELLogFunction(0, "ea_svc", __LINE__, "%s: no command in the request.\n", EXEC_FN);
+        ZELLogFunction(0, "ea_svc", 216, "%s: no command in the request.\n", EXEC_FN);
         exec_set_text(res, "invalid argument!");
         res->cmd_ret = 1;
         return -1;

@@ -1,6 +1,7 @@
 /*
- * ea_svc.cpp - the background child record, the SIGCHLD handler that reaps
- * children, the ping procedure and the account check (source name "ea_svc").
+ * ea_child.cpp - the tracked background child, the SIGCHLD handler that
+ * reaps children, and the elevation account the agent caches for its own
+ * commands (source name "ea_svc").
  *
  * The command execution service starts at most one tracked background
  * program (the backup program or the bare-metal recovery program); this file
@@ -11,17 +12,19 @@
 #include <errno.h>
 #include <signal.h>
 #include <string.h>
-#include <time.h>
 #include <unistd.h>
 #include <sys/types.h>
 #include <sys/wait.h>
 
-#include "ea_svc.h"
-#include "svc_main.h"
+#include "ea_child.h"
+#include "svc_wake.h"
+#include "zelcommon.h"
 #include "zelfunc.h"
 #include "zellog.h"
 
 #define SRC "ea_svc"
+#define ELEVATED_CMD_SECS 30    /* the longest one elevated command may take */
+#define ELEVATED_MIN_SECS 2     /* what a command gets once the cleanup's time is spent */
 
 st_no_block_process gst_nblk_p;
 int  g_cached_nonRootUserFlag = 0;
@@ -176,53 +179,34 @@ int query_global_process_return_status(void)
     return gst_nblk_p.ret_status;
 }
 
-/*
- * Procedure 1: echoes the request text and stamps the agent's clock.
- * res->msg is the 1024-byte buffer of the result codec; the echo is cut to
- * 1023 bytes.  Returns 0, or -1 when there is no result buffer.
- */
-int ping_svc(PINGargs* args, PINGres* res)
+/* ---- the agent's own elevated commands ---- */
+
+static long long s_elevated_end;   /* zel_now_ms() by which elevated commands are done; 0: no deadline */
+
+void ea_elevated_deadline(long long end_ms)
 {
-    if (res == NULL || res->msg == NULL)
-        return -1;
-    /* A request without a string "str" decodes to no record: echo "". */
-    const char* text = (args != NULL && args->msg != NULL) ? args->msg : "";
-    exstrncpy(res->msg, text, EA_PING_MSG_SIZE);
-    res->msg_len = (int)strlen(res->msg) + 1;
-    res->stamp = (int32_t)time(NULL);
-    return 0;
+    s_elevated_end = end_ms;
+}
+
+/* Seconds one elevated command may take now. */
+static int elevated_limit(void)
+{
+    long long left = s_elevated_end != 0 ? (s_elevated_end - zel_now_ms()) / 1000 : ELEVATED_CMD_SECS;
+
+    if (left > ELEVATED_CMD_SECS)
+        left = ELEVATED_CMD_SECS;
+    return left < ELEVATED_MIN_SECS ? ELEVATED_MIN_SECS : (int)left;
 }
 
 /*
- * How commands for the account user/pwd must run: 0 the agent is root,
- * 1 the account reaches root (use SuperExecuteCmd), 7002 the account is not
- * root, 7003/7013 credentials rejected (su / sudo way), 7012 no sudo, -1
- * any other failure, a negative uid when geteuid fails.  Runs su or sudo
- * on every call; nothing is cached.
+ * Runs cmd as root through the cached account when the agent is not root
+ * and one was cached, else as the agent itself (logged unless silent).
+ * Returns the command's decoded exit status, 0 on success.
  */
-int check_root_account(const char* user, const char* pwd)
+int ExecuteCmdWrapper(const char* cmd, int silent)
 {
-    int uid = (int)geteuid();
-    if (uid == 0)
-        return 0;
-    if (uid < 0) {
-        ZELLogFunction(0, SRC, 135, "%s: failed to geteuid %d.\n", __func__, uid);
-        return uid;
-    }
-
-    int rootUid = -1;
-    int rc = CheckRootUser(user, pwd, &rootUid);
-    if (rc == 0) {
-        if (rootUid == 0)
-            return 1;
-        return rootUid > 0 ? 7002 : -1;
-    }
-
-    ZELLogFunction(0, SRC, 122, "%s: failed to CheckRootUser %d.\n", __func__, rc);
-    int named = user != NULL && user[0] != '\0';
-    if (rc == 125 || rc == 1)
-        return named ? 7003 : 7013;
-    if (rc == 127)
-        return named ? -1 : 7012;
-    return -1;
+    /* bounded: a cached password su or sudo do not take must not keep the agent, and its lock, for good */
+    if (g_cached_nonRootUserFlag)
+        return SuperExecuteCmdWithin(g_cached_rootUser, g_cached_rootPwd, cmd, elevated_limit());
+    return silent ? ExecuteCmdSilently(cmd) : ExecuteCmd(cmd);
 }

@@ -70,7 +70,7 @@ int pty_password_too_long(const char* fn, const char* pwd)
     if (len + 2 <= PTY_PASSWORD_SIZE)
         return 0;
     /* cut, it would lose its newline and leave su or sudo reading for ever */
-    ZELLogFunction(0, ZELFUNC_SRC, __LINE__, "%s: password is too long (%d bytes), nothing run.\n",
+    ZELLogFunction(0, ZELFUNC_SRC, 73, "%s: password is too long (%d bytes), nothing run.\n",
                    fn, (int)len);
     return 1;
 }
@@ -79,7 +79,7 @@ pid_t pty_fork(const char* fn, PtyRun* run)
 {
     run->pid = forkpty(&run->masterFd, NULL, NULL, NULL);
     if (run->pid < 0) {
-        ZELLogFunction(0, ZELFUNC_SRC, __LINE__, "%s: failed to fork pty(%d).\n", fn, errno);
+        ZELLogFunction(0, ZELFUNC_SRC, 82, "%s: failed to fork pty(%d).\n", fn, errno);
         run->masterFd = -1;
         pty_finish(run);
     } else if (run->pid > 0) {
@@ -102,31 +102,6 @@ int pty_echo_off(const PtyRun* run)
     /* the slave's settings through the master (pexpect's waitnoecho test); a password is read
      * a line at a time: sudo relaying a command's own terminal turns echo off in raw mode */
     return tcgetattr(run->masterFd, &t) == 0 && (t.c_lflag & ECHO) == 0 && (t.c_lflag & ICANON) != 0;
-}
-
-void pty_log_text(int level, int line, const char* fmt, const char* fn,
-                  const char* text, const char* secret)
-{
-    size_t slen = secret != NULL ? strlen(secret) : 0;
-    char* copy;
-    char* p;
-
-    if (text == NULL)
-        text = "";
-    if (slen == 0 || strstr(text, secret) == NULL) {
-        ZELLogFunction(level, ZELFUNC_SRC, line, fmt, fn, text);
-        return;
-    }
-    /* the answer may come back as terminal echo: mask it in a private copy */
-    copy = strdup(text);
-    if (copy == NULL) {
-        ZELLogFunction(level, ZELFUNC_SRC, line, fmt, fn, "");
-        return;
-    }
-    for (p = strstr(copy, secret); p != NULL; p = strstr(p + slen, secret))
-        memset(p, '*', slen);
-    ZELLogFunction(level, ZELFUNC_SRC, line, fmt, fn, copy);
-    free(copy);
 }
 
 void pty_capture_output(PtyRun* run, char* output, int outputSize, const char* lastChunk)
@@ -153,13 +128,13 @@ int pty_clean_output(char* output, int outputSize, const char* secret)
         return -1;
     copy = (char*)calloc((size_t)outputSize, 1);
     if (copy == NULL) {
-        ZELLogFunction(0, ZELFUNC_SRC, __LINE__, "%s: not enough memory.\n", fn);
+        ZELLogFunction(0, ZELFUNC_SRC, 156, "%s: not enough memory.\n", fn);
         return -1;
     }
     /* the buffer is only trusted up to its size: both copies stay terminated */
     output[outputSize - 1] = '\0';
     exstrncpy(copy, output, (size_t)outputSize);
-    pty_log_text(3, __LINE__, "%s: output before processing: %s\n", fn, copy, secret);
+    pty_log_text(3, 162, "%s: output before processing: %s\n", fn, copy, secret);
     TrimSpaces(copy);
     if (strncasecmp(copy, "Warning:", 8) == 0 || strncasecmp(copy, "Error:", 6) == 0) {
         nl = strchr(copy, '\n');
@@ -168,7 +143,7 @@ int pty_clean_output(char* output, int outputSize, const char* secret)
     }
     free(copy);
     TrimSpaces(output);
-    pty_log_text(3, __LINE__, "%s: output after processing: %s\n", fn, output, secret);
+    pty_log_text(3, 171, "%s: output after processing: %s\n", fn, output, secret);
     return 0;
 }
 
@@ -198,20 +173,20 @@ static int answer_prompt(PtyRun* run, const char* password, struct timeval* tv,
     if (ready < 0)
         return -4;
     if (ready == 0)
-        ZELLogFunction(0, ZELFUNC_SRC, __LINE__, "%s: output isn't ready.\n", kRunFn);
+        ZELLogFunction(0, ZELFUNC_SRC, 201, "%s: output isn't ready.\n", kRunFn);
 
     if (password[0] != '\0') {
-        ZELLogFunction(3, ZELFUNC_SRC, __LINE__, "write password to tty: %d\n", (int)strlen(run->secret));
+        ZELLogFunction(3, ZELFUNC_SRC, 204, "write password to tty: %d\n", (int)strlen(run->secret));
         want = (ssize_t)strlen(password);
         n = write(run->masterFd, password, (size_t)want);
     } else {
-        ZELLogFunction(0, ZELFUNC_SRC, __LINE__, "%s: its ssh key auth but requires password, "
+        ZELLogFunction(0, ZELFUNC_SRC, 208, "%s: its ssh key auth but requires password, "
                        "it happends for sudo -v on redhat 7 or above version.\n", kRunFn);
         want = 1;
         n = write(run->masterFd, "\n", 1);
     }
     if (n != want) {
-        ZELLogFunction(0, ZELFUNC_SRC, __LINE__, "%s: failed to write password(%d).\n", kRunFn, errno);
+        ZELLogFunction(0, ZELFUNC_SRC, 214, "%s: failed to write password(%d).\n", kRunFn, errno);
         return -6;
     }
 
@@ -220,7 +195,7 @@ static int answer_prompt(PtyRun* run, const char* password, struct timeval* tv,
     n = pty_read_answer(run, buf, bufSize - 1, -1);
     if (n < 0)
         buf[0] = '\0';
-    pty_log_text(3, __LINE__, "%s: read after write password: %s\n", kRunFn, buf, run->secret);
+    pty_log_text(3, 223, "%s: read after write password: %s\n", kRunFn, buf, run->secret);
     return 0;
 }
 
@@ -259,23 +234,23 @@ static int prompt_phase(PtyRun* run, const char* password, int block, char* buf,
         if (ready < 0)
             return -4;
         if (ready == 0) {
-            ZELLogFunction(4, ZELFUNC_SRC, __LINE__, "%s: no data from tty output.\n", kRunFn);
+            ZELLogFunction(4, ZELFUNC_SRC, 262, "%s: no data from tty output.\n", kRunFn);
             if (block != 1)
                 return PROMPT_IDLE;
             while (retryTimes++ < 15)
-                ZELLogFunction(4, ZELFUNC_SRC, __LINE__, "%s: no data from tty output.\n", kRunFn);
+                ZELLogFunction(4, ZELFUNC_SRC, 266, "%s: no data from tty output.\n", kRunFn);
             return PROMPT_WAIT;
         }
 
         errno = 0;
         n = read(run->masterFd, buf, PTY_CHUNK - 1);
         if (n <= 0) {
-            ZELLogFunction(0, ZELFUNC_SRC, __LINE__, "%s: failed to read tty output(%d), maybe the "
+            ZELLogFunction(0, ZELFUNC_SRC, 273, "%s: failed to read tty output(%d), maybe the "
                            "command has no output, continue.\n", kRunFn, errno);
             return PROMPT_WAIT;     /* buf keeps the previous chunk for the output */
         }
         buf[n] = '\0';
-        pty_log_text(3, __LINE__, "%s: tty output is: %s\n", kRunFn, buf, run->secret);
+        pty_log_text(3, 278, "%s: tty output is: %s\n", kRunFn, buf, run->secret);
 
         if (!is_password_prompt(run, buf))
             continue;
@@ -306,7 +281,7 @@ static int finish_blocking_run(PtyRun* run, int mytimeout, char* output, int out
     }
 
     if (WIFSIGNALED(status)) {
-        ZELLogFunction(0, ZELFUNC_SRC, __LINE__, "%s:chile %d exits abnormally(%d).\n",
+        ZELLogFunction(0, ZELFUNC_SRC, 309, "%s:chile %d exits abnormally(%d).\n",
                        kRunFn, (int)run->pid, WTERMSIG(status));
         return -10;
     }
@@ -319,9 +294,9 @@ static int finish_blocking_run(PtyRun* run, int mytimeout, char* output, int out
         n = read(run->masterFd, buf2, sizeof(buf2) - 1);
         if (n < 0)
             buf2[0] = '\0';
-        pty_log_text(3, __LINE__, "%s: read %s\n", kRunFn, buf2, run->secret);
+        pty_log_text(3, 322, "%s: read %s\n", kRunFn, buf2, run->secret);
     }
-    ZELLogFunction(3, ZELFUNC_SRC, __LINE__, "%s: process %d exited (%d).\n", kRunFn, (int)run->pid, ret);
+    ZELLogFunction(3, ZELFUNC_SRC, 324, "%s: process %d exited (%d).\n", kRunFn, (int)run->pid, ret);
     return ret;
 }
 
@@ -354,13 +329,13 @@ int pty_run_interactive(char** argv, const char* pwd, int block, int mytimeout, 
     int rc;
 
     if (argv == NULL || argv[0] == NULL || argv[0][0] == '\0') {
-        ZELLogFunction(3, ZELFUNC_SRC, __LINE__, "%s: argment is empty.\n", kRunFn);
+        ZELLogFunction(3, ZELFUNC_SRC, 357, "%s: argment is empty.\n", kRunFn);
         return -1;
     }
     if (pty_password_too_long(kRunFn, pwd))
         return -6;
     if (pwd == NULL || pwd[0] == '\0')
-        ZELLogFunction(3, ZELFUNC_SRC, __LINE__, "%s: no password for current user, try sudo with ssh key.\n", kRunFn);
+        ZELLogFunction(3, ZELFUNC_SRC, 363, "%s: no password for current user, try sudo with ssh key.\n", kRunFn);
     else
         snprintf(password, sizeof(password), "%s\n", pwd);
 
@@ -372,7 +347,7 @@ int pty_run_interactive(char** argv, const char* pwd, int block, int mytimeout, 
     if (run.pid == 0) {
         execvp(argv[0], argv);
         int err = errno;
-        ZELLogFunction(0, ZELFUNC_SRC, __LINE__, "%s: failed to execute cmd: %s(%s).\n",
+        ZELLogFunction(0, ZELFUNC_SRC, 375, "%s: failed to execute cmd: %s(%s).\n",
                        kRunFn, argv[1] != NULL ? argv[1] : "(null)", strerror(err));
         pty_child_exit(err);
     }

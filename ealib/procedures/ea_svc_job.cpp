@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include "ea_svc.h"
+#include "ea_child.h"
 #include "zelutil.h"
 
 #define LOG_SRC "ea_svc"

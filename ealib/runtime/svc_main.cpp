@@ -19,6 +19,9 @@
 
 #include "svc_main.h"
 #include "ea_svc.h"
+#include "ea_child.h"
+#include "svc_product.h"
+#include "svc_wake.h"
 #include "zelfunc.h"
 #include "zellog.h"
 
@@ -31,13 +34,8 @@
 #define EA_LOG_LINES     20000
 #define EA_IDLE_SECONDS  300
 #define EA_STD_PATH      ":/bin:/sbin:/usr/bin:/usr/sbin:/usr/local/bin:/usr/local/sbin"
-#define EA_LOCK_ETC      "/etc/.kvx"
-#define EA_LEGACY_DIR    "/var/lib/norvane_kvx"
-#define EA_CACHE_DIR     "/var/lib/kvx_cache"
-#define EA_LOCK_CACHE    EA_CACHE_DIR "/backup.bat"
 
 volatile sig_atomic_t _kill_self = 0;
-int ea_lock_status = -1;
 
 /* ---- procedure table ---- */
 
@@ -152,59 +150,7 @@ static void open_agent_log(void)
     ZELLogFunction(3, SRC, 198, "ea[%d] started.\n", (int)getpid());
 }
 
-/*
- * Takes the node's product lock, held until the process exits.  A node with
- * the legacy cache directory has it renamed first.
- */
-static void take_product_lock(void)
-{
-    if (access(EA_LOCK_ETC, R_OK) == 0) {
-        ea_lock_status = check_and_lock_file(EA_LOCK_ETC, 0);
-        return;
-    }
-    if (access(EA_LEGACY_DIR, R_OK) == 0 && rename(EA_LEGACY_DIR, EA_CACHE_DIR) != 0)
-        ZELLogFunction(3, SRC, 206, "Failed to rename %s to %s (%d).\n",
-                       EA_LEGACY_DIR, EA_CACHE_DIR, errno);
-    ea_lock_status = check_and_lock_file(EA_LOCK_CACHE, 0);
-}
-
 /* ---- signals ---- */
-
-/* Self-pipe: every handler writes a byte, so a waiting read wakes up. */
-static int svc_wake_pipe[2] = { -1, -1 };
-static volatile sig_atomic_t svc_woken = 0;   /* set before each byte is written */
-
-void svc_wake(void)
-{
-    int saved_errno = errno;
-    svc_woken = 1;
-    if (svc_wake_pipe[1] >= 0) {
-        ssize_t w = write(svc_wake_pipe[1], "", 1);   /* a full pipe already wakes */
-        (void)w;
-    }
-    errno = saved_errno;
-}
-
-void svc_wake_close(void)
-{
-    for (int i = 0; i < 2; i++) {
-        if (svc_wake_pipe[i] >= 0)
-            close(svc_wake_pipe[i]);
-        svc_wake_pipe[i] = -1;
-    }
-}
-
-/* Empties the self-pipe: what woke the loop so far has been looked at.
- * Without a handler run since the last drain the pipe is empty: no read. */
-static void svc_wake_drain(void)
-{
-    char buf[64];
-    if (svc_woken == 0)
-        return;
-    svc_woken = 0;
-    while (svc_wake_pipe[0] >= 0 && read(svc_wake_pipe[0], buf, sizeof(buf)) > 0)
-        ;
-}
 
 static void signal_hup(int sig)   { _kill_self = 1; svc_wake(); }
 static void signal_alarm(int sig) { _kill_self = 2; svc_wake(); }
@@ -225,8 +171,7 @@ static int install_handler(int sig, void (*handler)(int))
 static int install_signals(void)
 {
     /* the wait for the next request must end when a signal arrives */
-    if (pipe2(svc_wake_pipe, O_CLOEXEC | O_NONBLOCK) != 0)
-        svc_wake_pipe[0] = svc_wake_pipe[1] = -1;
+    svc_wake_open();
     if (install_handler(SIGCHLD, signal_child) < 0) {
         ZELLogFunction(0, SRC, 305, "Sigaction(SIGCHLD) failed.\n");
         return -1;
@@ -295,7 +240,7 @@ static void log_stop_signal(int flag)
 /* Serves until end of input or a stop flag. */
 static void serve(ExecProto* proto)
 {
-    proto->m_channel->set_wakeup(svc_wake_pipe[0]);
+    proto->m_channel->set_wakeup(svc_wake_fd());
     for (;;) {
         JXDR* request = NULL;
         svc_wake_drain();

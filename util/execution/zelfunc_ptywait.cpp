@@ -12,6 +12,7 @@
 #include <limits.h>
 #include <signal.h>
 #include <stdio.h>
+#include <stdlib.h>
 #include <string.h>
 #include <sys/select.h>
 #include <sys/syscall.h>
@@ -22,7 +23,7 @@
 #include "zelcommon.h"
 #include "zelfunc.h"
 #include "zellog.h"
-#include "zelfunc_pty.h"
+#include "zelfunc_ptywait.h"
 
 #define PTY_SLICE_MS      100   /* how often a wait for terminal text looks at the child */
 #define PTY_NUDGE_MS      5000  /* how long a timed-out terminal may take to answer a newline */
@@ -86,7 +87,7 @@ int pty_select(const char* fn, PtyRun* run, int forWrite, struct timeval* tv, in
 
     for (;;) {
         if (announce)
-            ZELLogFunction(0, ZELFUNC_SRC, __LINE__, "%s: select....\n", fn);
+            ZELLogFunction(0, ZELFUNC_SRC, 89, "%s: select....\n", fn);
         if (!forWrite) {
             budget = tv != NULL ? (long long)tv->tv_sec * 1000 + tv->tv_usec / 1000 : -1;
             t0 = zel_now_ms();
@@ -108,10 +109,10 @@ int pty_select(const char* fn, PtyRun* run, int forWrite, struct timeval* tv, in
         if (n >= 0)
             return n;
         if (errno != EINTR) {
-            ZELLogFunction(0, ZELFUNC_SRC, __LINE__, "%s: failed to excecute select(%d).\n", fn, errno);
+            ZELLogFunction(0, ZELFUNC_SRC, 111, "%s: failed to excecute select(%d).\n", fn, errno);
             return -1;
         }
-        ZELLogFunction(0, ZELFUNC_SRC, __LINE__, "%s: select get system interruption.\n", fn);
+        ZELLogFunction(0, ZELFUNC_SRC, 114, "%s: select get system interruption.\n", fn);
     }
 }
 
@@ -219,7 +220,7 @@ static int check_change_password(const char* fn, PtyRun* run, char* output, int 
     ssize_t n;
 
     if (write(run->masterFd, "\n", 1) != 1) {
-        ZELLogFunction(0, ZELFUNC_SRC, __LINE__, "%s: Failed to write new line.\n", fn);
+        ZELLogFunction(0, ZELFUNC_SRC, 222, "%s: Failed to write new line.\n", fn);
         return PTY_WAIT_TIMEOUT;
     }
     memset(buf, 0, sizeof(buf));
@@ -228,10 +229,10 @@ static int check_change_password(const char* fn, PtyRun* run, char* output, int 
     if (n <= 0)
         return PTY_WAIT_TIMEOUT;
     buf[n] = '\0';
-    pty_log_text(3, __LINE__, "%s: read %s\n", fn, buf, run->secret);
+    pty_log_text(3, 231, "%s: read %s\n", fn, buf, run->secret);
     if (strstr(buf, "Changing password for") == NULL)
         return PTY_WAIT_TIMEOUT;
-    ZELLogFunction(3, ZELFUNC_SRC, __LINE__, "%s: need change password.\n", fn);
+    ZELLogFunction(3, ZELFUNC_SRC, 234, "%s: need change password.\n", fn);
     if (output != NULL && outputSize >= 1)
         exstrncpy(output, "1", (size_t)outputSize);
     return PTY_WAIT_CHANGE_PWD;
@@ -243,7 +244,7 @@ static int finish_timeout(const char* fn, PtyRun* run, char* output, int outputS
     int rc = check_change_password(fn, run, output, outputSize);
 
     if (rc == PTY_WAIT_TIMEOUT)
-        ZELLogFunction(0, ZELFUNC_SRC, __LINE__, "%s: wait for child (%d) timed out.\n", fn, (int)run->pid);
+        ZELLogFunction(0, ZELFUNC_SRC, 246, "%s: wait for child (%d) timed out.\n", fn, (int)run->pid);
     return rc;
 }
 
@@ -252,12 +253,12 @@ int pty_wait_child(const char* fn, PtyRun* run, int mytimeout, int* status,
 {
     int rc;
 
-    ZELLogFunction(3, ZELFUNC_SRC, __LINE__, "waiting for process %d\n", (int)run->pid);
+    ZELLogFunction(3, ZELFUNC_SRC, 255, "waiting for process %d\n", (int)run->pid);
     if (mytimeout <= 0) {
         /* a run with a limit ends there, as a time-out, however long the command takes */
         rc = run->deadline > 0 ? wait_until_limit(run, status) : (waitpid(run->pid, status, 0) < 0 ? -1 : 0);
         if (rc < 0) {
-            ZELLogFunction(0, ZELFUNC_SRC, __LINE__, "%s: failed to wait child exit(%d).\n", fn, errno);
+            ZELLogFunction(0, ZELFUNC_SRC, 260, "%s: failed to wait child exit(%d).\n", fn, errno);
             return PTY_WAIT_BLOCK_ERROR;
         }
         if (rc == 0)
@@ -267,10 +268,35 @@ int pty_wait_child(const char* fn, PtyRun* run, int mytimeout, int* status,
 
     rc = poll_child(run, mytimeout, status);
     if (rc < 0) {
-        ZELLogFunction(0, ZELFUNC_SRC, __LINE__, "%s: failed to wait child exit(%d).\n", fn, errno);
+        ZELLogFunction(0, ZELFUNC_SRC, 270, "%s: failed to wait child exit(%d).\n", fn, errno);
         return PTY_WAIT_POLL_ERROR;
     }
     if (rc == 0)
         return PTY_WAIT_EXITED;
     return finish_timeout(fn, run, output, outputSize);
+}
+
+void pty_log_text(int level, int line, const char* fmt, const char* fn,
+                  const char* text, const char* secret)
+{
+    size_t slen = secret != NULL ? strlen(secret) : 0;
+    char* copy;
+    char* p;
+
+    if (text == NULL)
+        text = "";
+    if (slen == 0 || strstr(text, secret) == NULL) {
+        ZELLogFunction(level, ZELFUNC_SRC, line, fmt, fn, text);
+        return;
+    }
+    /* the answer may come back as terminal echo: mask it in a private copy */
+    copy = strdup(text);
+    if (copy == NULL) {
+        ZELLogFunction(level, ZELFUNC_SRC, line, fmt, fn, "");
+        return;
+    }
+    for (p = strstr(copy, secret); p != NULL; p = strstr(p + slen, secret))
+        memset(p, '*', slen);
+    ZELLogFunction(level, ZELFUNC_SRC, line, fmt, fn, copy);
+    free(copy);
 }

@@ -1,6 +1,5 @@
 /*
- * ea_svc.h - procedure handlers, the account check and the background child
- * record (source name "ea_svc").
+ * ea_svc.h - procedure handlers and the account check (source name "ea_svc").
  *
  * Handlers fill their result record and return an int the service loop
  * ignores; a null argument record (the request's "param" did not decode) is
@@ -9,30 +8,8 @@
 #ifndef EA_SVC_H
 #define EA_SVC_H
 
-#include <sys/types.h>
 #include "ea_proto.h"
-
-/* ---- background child tracking ---- */
-typedef struct st_no_block_process {
-    pid_t pid;             /* tracked child, 0 = none */
-    int   finished_flag;   /* 0 running, 1 reaped, 2 reaped and reported */
-    int   ret_status;      /* decoded exit status */
-} st_no_block_process;
-
-extern st_no_block_process gst_nblk_p;
-extern int  g_cached_nonRootUserFlag;
-extern char g_cached_rootUser[128];
-extern char g_cached_rootPwd[128];
-extern int  g_cached_prog_type_flag;     /* 0 none, 1 kvxbackupvol, 2 other */
-extern const char* backup_program_flag;  /* "kvxbackupvol" */
-extern const char* restore_program_flag; /* "kvxbmr" */
-
-void set_global_process_st(const char* cmd, int pid);
-int  query_global_process_exist(void);
-int  query_global_process_return_status(void);
-void signal_child(int sig);
-/* Logs and records the children the handler reaped (main flow only). */
-void child_exit_events(void);
+#include "ea_child.h"   /* the tracked child the handlers record and query */
 
 /* ---- procedures ---- */
 int ping_svc(PINGargs* args, PINGres* res);

@@ -13,7 +13,8 @@
 #include <unistd.h>
 
 #include "ea_svc.h"
-#include "svc_main.h"
+#include "ea_child.h"
+#include "svc_product.h"
 #include "zelutil.h"
 
 #define INSPECT_PATH_SIZE     4096
@@ -54,13 +55,13 @@ int detect_vm_info_svc(ExecCmdargs* args, VMDetectInfores* res)
     const char* user = (args != NULL && args->user != NULL) ? args->user : "";
     const char* pwd  = (args != NULL && args->pwd != NULL) ? args->pwd : "";
 
-    ZELLogFunction(3, "ea_svc", __LINE__, "%s: UUID=%s.\n", __FUNCTION__, uuid);
+    ZELLogFunction(3, "ea_svc", 57, "%s: UUID=%s.\n", __FUNCTION__, uuid);
     int run = 0;
     int rc = 0;
     if (decoded)
         rc = check_process_running(uuid, &run);
     res->is_local = run;
-    ZELLogFunction(3, "ea_svc", __LINE__, "%s: check_process_running return: %d.\n",
+    ZELLogFunction(3, "ea_svc", 63, "%s: check_process_running return: %d.\n",
                    __FUNCTION__, rc);
 
     /* arguments that did not decode name no account: no su or sudo, the probes run unelevated */
@@ -74,7 +75,7 @@ int detect_vm_info_svc(ExecCmdargs* args, VMDetectInfores* res)
         res->is_oracle_uek = is_oracle_uek();
         res->socks = get_pv_sockets();
     }
-    ZELLogFunction(3, "ea_svc", __LINE__, "%s: result, local: %d, vm: %d, socks: %d, oracle-uek: %d.\n",
+    ZELLogFunction(3, "ea_svc", 77, "%s: result, local: %d, vm: %d, socks: %d, oracle-uek: %d.\n",
                    __FUNCTION__, res->is_local, res->vpt_type, res->socks, res->is_oracle_uek);
     return 0;
 }
@@ -87,7 +88,7 @@ static int check_lock_query(ExecCmdres* res)
         int pid = query_process_pid(backup_program_flag);
         if (pid > 1) {
             res->cmd_ret = -2;
-            ZELLogFunction(3, "ea_svc", __LINE__, "%s: kvxbackupvol already running, pid=%d.\n",
+            ZELLogFunction(3, "ea_svc", 90, "%s: kvxbackupvol already running, pid=%d.\n",
                            CHECK_FN, pid);
             return 0;
         }
@@ -110,7 +111,7 @@ static int check_ec2_instance_id(char* id)
         return 0;
     id[INSPECT_META_SIZE - 1] = '\0';
     if (sscanf(id, "i-%127[0-9a-fA-F]", hex) != 1) {
-        ZELLogFunction(3, "ea_svc", __LINE__, "%s: it is not AWS VM but we get instance-id=%s.\n",
+        ZELLogFunction(3, "ea_svc", 113, "%s: it is not AWS VM but we get instance-id=%s.\n",
                        CHECK_FN, id);
         return 0;
     }
@@ -129,13 +130,13 @@ static int check_reply_text(const char* report, ExecCmdres* res)
     const char* marker = strstr(report, CHECK_NODE_MARKER);
 
     if (marker != NULL && check_ec2_instance_id(id)) {
-        ZELLogFunction(3, "ea_svc", __LINE__,
+        ZELLogFunction(3, "ea_svc", 132,
                        "%s: The target node is a EC2 VM and its instance id is %s.\n",
                        CHECK_FN, id);
         int idlen = (int)strlen(id);
         /* The two hyphens and the terminator must fit in the reply buffer too. */
         if (idlen + size + 2 >= EA_EXEC_RES_SIZE) {
-            ZELLogFunction(0, "ea_svc", __LINE__, "%s: The output of checkmachine is to large (%d)!\n",
+            ZELLogFunction(0, "ea_svc", 138, "%s: The output of checkmachine is to large (%d)!\n",
                            CHECK_FN, idlen + size);
             res->cmd_ret = -1;
             return -1;
@@ -160,18 +161,18 @@ static int check_collect_report(const char* path, ExecCmdres* res)
     if (stat(path, &st) != 0) {
         if (errno == ENOENT)
             return 0;
-        ZELLogFunction(0, "ea_svc", __LINE__, "%s: Failed to get content from %s (%d)\n",
+        ZELLogFunction(0, "ea_svc", 163, "%s: Failed to get content from %s (%d)\n",
                        CHECK_FN, path, errno);
         res->cmd_ret = -1;
         return -1;
     }
     if (res->cmd == NULL) {
-        ZELLogFunction(0, "ea_svc", __LINE__, "%s: Failed to allocate memory.\n", CHECK_FN);
+        ZELLogFunction(0, "ea_svc", 169, "%s: Failed to allocate memory.\n", CHECK_FN);
         res->cmd_ret = -1;
         return -1;
     }
     if (st.st_size >= EA_EXEC_RES_SIZE) {
-        ZELLogFunction(0, "ea_svc", __LINE__, "%s: The output of checkmachine is to large (%d)!\n",
+        ZELLogFunction(0, "ea_svc", 174, "%s: The output of checkmachine is to large (%d)!\n",
                        CHECK_FN, (int)st.st_size);
         res->cmd_ret = -1;
         return -1;
@@ -181,7 +182,7 @@ static int check_collect_report(const char* path, ExecCmdres* res)
     int len = 0;
     int rc = read_checkmachine_file(path, &report, &len);
     if (rc < 1 || report == NULL) {
-        ZELLogFunction(3, "ea_svc", __LINE__, "%s: Failed to read activity log from file: %s, len=%d.\n",
+        ZELLogFunction(3, "ea_svc", 184, "%s: Failed to read activity log from file: %s, len=%d.\n",
                        CHECK_FN, path, rc);
         free(report);
         return 0;
@@ -210,13 +211,13 @@ int check_machine(ExecCmdargs* args, ExecCmdres* res)
     /* A request whose "param" did not decode names no command: answered as
      * an invalid one that failed (ret -1), without touching the node. */
     if (args == NULL || args->cmd == NULL) {
-        ZELLogFunction(0, "ea_svc", __LINE__, "%s: invalid checkmachine command (%s)\n",
+        ZELLogFunction(0, "ea_svc", 213, "%s: invalid checkmachine command (%s)\n",
                        __FUNCTION__, "");
         res->cmd_ret = -1;
         res->cmd_len = 0;
         return -1;
     }
-    ZELLogFunction(3, "ea_svc", __LINE__, "%s: cmd=%s, msg_mode=%d, block_mode=%d, user=%s, pwd=%d.\n",
+    ZELLogFunction(3, "ea_svc", 219, "%s: cmd=%s, msg_mode=%d, block_mode=%d, user=%s, pwd=%d.\n",
                    __FUNCTION__, args->cmd, args->need_get_return_msg_flag, args->block_flag,
                    args->user ? args->user : "", args->pwd ? (int)strlen(args->pwd) : 0);
 
@@ -230,7 +231,7 @@ int check_machine(ExecCmdargs* args, ExecCmdres* res)
         return -1;
     }
     if (strstr(args->cmd, "checkmachine") == NULL) {
-        ZELLogFunction(0, "ea_svc", __LINE__, "%s: invalid checkmachine command (%s)\n",
+        ZELLogFunction(0, "ea_svc", 233, "%s: invalid checkmachine command (%s)\n",
                        __FUNCTION__, args->cmd);
         return 0;
     }

@@ -19,6 +19,7 @@
 
 #include "zelfunc.h"
 #include "zellog.h"
+#include "kvx_version.h"
 
 #define LOG_LINE_MAX     10240
 #define LOG_PATH_MAX     4096
@@ -33,7 +34,8 @@ static int   zelLogFileResetFlag = 0;   /* recorded only */
 static FILE* gfpDebug = NULL;
 
 /* Product version shown in the banner line of every new log stream. */
-static const int kVersion[5] = { 6, 5, 1, 1631, 1 };
+static const int kVersion[5] = { KVX_VERSION_MAJOR, KVX_VERSION_MINOR, KVX_VERSION_PATCH,
+                                 KVX_BUILD_MAJOR, KVX_BUILD_MINOR };
 
 /* Last path component of a source name ("" for null). */
 static const char* log_basename(const char* filename)
@@ -259,49 +261,6 @@ int GetProcessPath(char* path, int path_len)
     return 0;
 }
 
-/* ---- trimming ---- */
-
-/* Line count through "wc -l"; 0 when the command fails or prints nothing. */
-int GetFileLines(const char* path)
-{
-    /* the path is one word whatever it holds ("wc -l \"...\"" when it is safe) */
-    char* cmd = zel_shell_cmdline("wc -l %W", path);
-    char out[129];
-
-    int n = cmd != NULL ? zel_shell_capture(cmd, out, sizeof(out), NULL) : -1;
-
-    free(cmd);
-    if (n <= 0)
-        return 0;
-    return atoi(out);
-}
-
-/*
- * Keeps the newest linesLeft lines of file, deleting the oldest with
- * "sed -i".  0 when nothing had to go, else the command's decoded status.
- */
-int LimitFileLines(const char* file, int linesLeft)
-{
-    int count = GetFileLines(file);
-    char* cmd;
-    int rc;
-
-    if (count <= linesLeft)
-        return 0;
-    cmd = zel_shell_cmdline("sed -i '1,%d d' %W", count - linesLeft, file);
-    if (cmd == NULL)
-        return -1;
-    rc = ExecuteCmdSilently(cmd);
-    free(cmd);
-    return rc;
-}
-
-/* Same as LimitFileLines(), for the log file. */
-int ZELLimitLogLines(const char* log, int linesLeft)
-{
-    return LimitFileLines(log, linesLeft);
-}
-
 /*
  * Dumps a buffer at level 3: an address line every 256 bytes, then 16 bytes
  * a row in hex followed by their printable characters ('.' otherwise).
@@ -315,7 +274,7 @@ void ZELHexLog(const unsigned char* pszDataBuf, int len)
         return;
     for (off = 0; off < len; off += 16) {
         if ((off & 0xff) == 0)
-            ZELLogFunction(3, "zellog", __LINE__, "Address: +%06X (%6d)\n", off, off);
+            ZELLogFunction(3, "zellog", 318, "Address: +%06X (%6d)\n", off, off);
         pos = 0;
         for (i = 0; i < 16; i++) {
             if (off + i < len)
@@ -328,6 +287,6 @@ void ZELHexLog(const unsigned char* pszDataBuf, int len)
             row[pos++] = (c < 0 || !isprint(c)) ? '.' : (char)c;
         }
         row[pos] = '\0';
-        ZELLogFunction(3, "zellog", __LINE__, "%s\n", row);
+        ZELLogFunction(3, "zellog", 331, "%s\n", row);
     }
 }

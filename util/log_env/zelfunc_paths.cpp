@@ -22,25 +22,6 @@
 #define DEFAULT_ZEL_ROOT  "/ZEL_ROOT/"
 
 /*
- * Copies at most n-1 bytes of src and always terminates dst[n-1] (and the
- * copy).  A null src gives an empty string.  Returns dst.
- */
-char* exstrncpy(char* dst, const char* src, size_t n)
-{
-    if (dst == NULL || n == 0)
-        return dst;
-    if (src == NULL) {
-        dst[0] = '\0';
-        return dst;
-    }
-    size_t len = strnlen(src, n - 1);
-    memcpy(dst, src, len);
-    dst[len] = '\0';
-    dst[n - 1] = '\0';
-    return dst;
-}
-
-/*
  * dst = src1, a "/" unless src1 already ends in one, then src2 (if any).
  * Null (dst untouched) for an empty src1, a null dst or len 0.  Every
  * append is bounded by len: the result may be cut, never overflows.
@@ -139,17 +120,17 @@ int CreateDirectory(const char* path)
         return -1;
     if (stat(path, &st) != 0) {
         if (errno != ENOENT) {
-            ZELLogFunction(3, "zelfunc", __LINE__, "Stat [%s] error: [%s]\n", path, strerror(errno));
+            ZELLogFunction(3, "zelfunc", 142, "Stat [%s] error: [%s]\n", path, strerror(errno));
             return -1;
         }
         if (mkdir(path, 0755) != 0) {
-            ZELLogFunction(3, "zelfunc", __LINE__, "Mkdir [%s] error: [%s]\n", path, strerror(errno));
+            ZELLogFunction(3, "zelfunc", 146, "Mkdir [%s] error: [%s]\n", path, strerror(errno));
             return -1;
         }
         return 0;
     }
     if (!S_ISDIR(st.st_mode)) {
-        ZELLogFunction(3, "zelfunc", __LINE__, "The path [%s] doesn't refer to a directory.\n", path);
+        ZELLogFunction(3, "zelfunc", 152, "The path [%s] doesn't refer to a directory.\n", path);
         return -1;
     }
     return 0;
@@ -190,7 +171,7 @@ int CheckFileProperty(const char* file, unsigned iprop, int rpc)
     if (file == NULL || file[0] == '\0')
         return 0;
     if (rpc && zelsvc_enabled())
-        rc = _zswrap_stat(__LINE__, __FILE__, __func__, file, &st);
+        rc = _zswrap_stat(193, __FILE__, __func__, file, &st);
     else
         rc = stat(file, &st);
     if (rc != 0)
@@ -215,7 +196,7 @@ int check_and_lock_file(const char* path, int quiet)
     /* close-on-exec: the lock belongs to this process, not its programs */
     fd = open(path, O_RDWR | O_CREAT | O_CLOEXEC, 0666);
     if (fd < 0) {
-        ZELLogFunction(3, "zelfunc", __LINE__,
+        ZELLogFunction(3, "zelfunc", 218,
                        "%s: Failed to open [%s] even after trying [%d] times, error code: [%d]\n",
                        "check_and_lock_file", path, tries, errno);
         return -1;
@@ -228,7 +209,7 @@ int check_and_lock_file(const char* path, int quiet)
     fl.l_len = 0;
     if (fcntl(fd, F_GETLK, &fl) == 0 && (fl.l_type == F_RDLCK || fl.l_type == F_WRLCK)) {
         if (!quiet)
-            ZELLogFunction(3, "zelfunc", __LINE__, "%s: File (%s) is locked(write) by pid: [%ld].\n",
+            ZELLogFunction(3, "zelfunc", 231, "%s: File (%s) is locked(write) by pid: [%ld].\n",
                            "check_and_lock_file", path, (long)fl.l_pid);
         close(fd);
         return -2;
@@ -238,90 +219,10 @@ int check_and_lock_file(const char* path, int quiet)
     fl.l_type = F_WRLCK;
     fl.l_whence = SEEK_SET;
     if (fcntl(fd, F_SETLK, &fl) != 0) {
-        ZELLogFunction(3, "zelfunc", __LINE__, "%s: Failed to lock file [%s] error code: [%d]\n",
+        ZELLogFunction(3, "zelfunc", 241, "%s: Failed to lock file [%s] error code: [%d]\n",
                        "check_and_lock_file", path, 0);
         close(fd);
         return -1;
     }
     return fd;
 }
-
-/* ---- date and time stamps ---- */
-
-/*
- * The local date `days` days ago as "YYYY<sep>MM<sep>DD", or "YYYYMMDD"
- * when sep is 0.  Static 32-byte buffer, overwritten by the next call.
- */
-char* GetLastDate(char sep, int days)
-{
-    static char date[32];
-    time_t when = time(NULL) - (time_t)days * 86400;
-    struct tm tmv;
-
-    localtime_r(&when, &tmv);
-    if (sep != 0)
-        snprintf(date, sizeof(date), "%04d%c%02d%c%02d",
-                 tmv.tm_year + 1900, sep, tmv.tm_mon + 1, sep, tmv.tm_mday);
-    else
-        snprintf(date, sizeof(date), "%04d%02d%02d",
-                 tmv.tm_year + 1900, tmv.tm_mon + 1, tmv.tm_mday);
-    return date;
-}
-
-/* Today as "YYYY-MM-DD" (GetLastDate's static buffer). */
-char* GetSysDate(void)
-{
-    return GetLastDate('-', 0);
-}
-
-/* Local time of day "HH-MM-SS:mmm" in a static 32-byte buffer. */
-char* GetSysTime(void)
-{
-    static char stamp[32];
-    struct timeval tv;
-    struct tm tmv;
-    time_t now;
-
-    gettimeofday(&tv, NULL);
-    now = tv.tv_sec;
-    localtime_r(&now, &tmv);
-    snprintf(stamp, sizeof(stamp), "%02d-%02d-%02d:%03d",
-             tmv.tm_hour, tmv.tm_min, tmv.tm_sec, (int)(tv.tv_usec / 1000));
-    return stamp;
-}
-
-/* ---- white-space trims (in place; null accepted; return s) ---- */
-
-char* TrimRightSpaces(char* s)
-{
-    size_t n;
-
-    if (s == NULL)
-        return s;
-    n = strlen(s);
-    while (n > 0 && isspace((unsigned char)s[n - 1]))
-        s[--n] = '\0';
-    return s;
-}
-
-char* TrimLeftSpaces(char* s)
-{
-    size_t skip = 0;
-
-    if (s == NULL)
-        return s;
-    while (s[skip] != '\0' && isspace((unsigned char)s[skip]))
-        skip++;
-    if (skip > 0)
-        memmove(s, s + skip, strlen(s + skip) + 1);
-    return s;
-}
-
-char* TrimSpaces(char* s)
-{
-    return TrimLeftSpaces(TrimRightSpaces(s));
-}
-
-char* rtrim(char* s) { return TrimRightSpaces(s); }
-char* ltrim(char* s) { return TrimLeftSpaces(s); }
-char* trim(char* s)  { return TrimSpaces(s); }

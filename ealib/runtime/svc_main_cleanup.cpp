@@ -13,7 +13,8 @@
 #include <unistd.h>
 
 #include "svc_main.h"
-#include "ea_svc.h"
+#include "svc_product.h"
+#include "ea_child.h"
 #include "zelcommon.h"
 #include "zelfunc.h"
 #include "zellog.h"
@@ -21,55 +22,9 @@
 #define SRC               "svc_main"
 #define CANCEL_ROUNDS     12
 #define CANCEL_ROUND_SECS 5
-#define ELEVATED_CMD_SECS 30    /* the longest one elevated command may take */
 #define CLEANUP_SECS      100   /* all of the cleanup's elevated commands together */
-#define ELEVATED_MIN_SECS 2     /* what a command gets once the cleanup's time is spent */
 
-int _cleaning_flag = 0;
-static long long s_cleanup_end;   /* zel_now_ms() by which the cleanup's elevated commands are done; 0: not cleaning */
-
-/* Seconds one elevated command may take now. */
-static int elevated_limit(void)
-{
-    long long left = s_cleanup_end != 0 ? (s_cleanup_end - zel_now_ms()) / 1000 : ELEVATED_CMD_SECS;
-
-    if (left > ELEVATED_CMD_SECS)
-        left = ELEVATED_CMD_SECS;
-    return left < ELEVATED_MIN_SECS ? ELEVATED_MIN_SECS : (int)left;
-}
-
-/*
- * Runs cmd as root through the cached account when the agent is not root
- * and one was cached, else as the agent itself (logged unless silent).
- * Returns the command's decoded exit status, 0 on success.
- */
-int ExecuteCmdWrapper(const char* cmd, int silent)
-{
-    /* bounded: a cached password su or sudo do not take must not keep the agent, and its lock, for good */
-    if (g_cached_nonRootUserFlag)
-        return SuperExecuteCmdWithin(g_cached_rootUser, g_cached_rootPwd, cmd, elevated_limit());
-    return silent ? ExecuteCmdSilently(cmd) : ExecuteCmd(cmd);
-}
-
-/*
- * Pid of the first process whose "ps" line contains name; 0 when none runs,
- * -1 when ps could not be started.
- */
-int query_process_pid(const char* name)
-{
-    char cmd[4096];
-    char buf[4096];
-    snprintf(cmd, sizeof(cmd), "ps -e -o pid,comm | grep \"%s\"", name);
-    if (zel_shell_capture(cmd, buf, sizeof(buf), NULL) < 0) {
-        ZELLogFunction(0, SRC, 47, "%s: open pipe(%s) failed.\n", __func__, cmd);
-        return -1;
-    }
-    if (buf[0] == '\0') {
-        ZELLogFunction(3, SRC, 61, "%s: process(%s) is exited.\n", __func__, name);
-        return 0;
-    }
-    return atoi(buf);
-}
+static int _cleaning_flag = 0;
 
 /* Runs a command line of zel_shell_cmdline (logged) and frees it; -1 for none. */
 static int run_cmdline(char* cmd)
@@ -159,7 +114,7 @@ void cleanup_target(void)
         return;
     }
     _cleaning_flag = 1;
-    s_cleanup_end = zel_now_ms() + CLEANUP_SECS * 1000LL;
+    ea_elevated_deadline(zel_now_ms() + CLEANUP_SECS * 1000LL);
     ZELLogFunction(3, SRC, 74, "cleanup_target started, non root user flag: %d.\n",
                    g_cached_nonRootUserFlag);
 
