@@ -15,6 +15,7 @@
 #include <stdlib.h>
 #include <string.h>
 #include <strings.h>
+#include <sys/ioctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -199,6 +200,7 @@ static int is_new_prompt(const PtyRun* run, const char* text, int* answered)
 {
     const char* nl = strchr(text, '\n');
     int noecho = pty_noecho_read(run);
+    int pending = 0;
 
     if (*answered) {
         if (nl == NULL) {
@@ -208,6 +210,9 @@ static int is_new_prompt(const PtyRun* run, const char* text, int* answered)
         *answered = 0;
         text = nl + 1;
     }
+    /* a prompt longer than a chunk (sudo's lecture comes with it) is answered at its end */
+    if (ioctl(run->masterFd, FIONREAD, &pending) == 0 && pending > 0)
+        return 0;
     /* only a terminal reading with its echo off asks for a password: other text is output */
     return text[0] != '\0' && noecho;
 }
