@@ -41,8 +41,11 @@ TEST(SuSlow, NothingPrintedWithin30SecondsIsMinusFive)   /* as root, su asks not
 
 TEST(SudoSlow, UnanswerablePromptRepliedWithin30Seconds)   /* a PAM-less sudo asking a code for ever */
 {
+    KVXT_REQUIRE_SUDO();
+    const kvxtest::TestAccount& agent = kvxtest::Account(AccountKind::Runner);
     AgentHarness h;
     h.add_stub("sudo", 0, "stty -echo; while :; do printf 'Verification code: '; IFS= read -r l; done");
+    h.run_as(agent.uid, agent.gid);
     ASSERT_TRUE(h.start());
     double t0 = ptk::Seconds();
     Reply r = rpc(h, EA_PROC_EXEC_CMD, exec_args("id -u", true, false, 0, "", "pw", 1), 60000);
