@@ -45,8 +45,7 @@ int pty_noecho_read(const PtyRun* run)
 {
     struct termios t;
 
-    /* the slave's settings through the master (pexpect's waitnoecho test); sudo relaying a
-     * command's terminal turns echo off in raw mode, signal keys off too, as no prompt reads */
+    /* echo off on the slave, seen through the master; raw mode (signal keys off too) is a relayed command */
     return tcgetattr(run->masterFd, &t) == 0 && (t.c_lflag & ECHO) == 0 && (t.c_lflag & (ICANON | ISIG)) != 0;
 }
 
