@@ -11,7 +11,7 @@ set -euo pipefail
 PACKAGES=(
   build-essential cmake pkgconf
   libjansson-dev libgtest-dev googletest
-  sudo passwd login procps psmisc util-linux mount iproute2 coreutils sed grep
+  sudo passwd login procps psmisc util-linux mount iproute2 coreutils sed grep locales
   clang libclang-rt-dev file
   openssh-client openssh-server man-db dpkg-dev python3
 )

@@ -34,7 +34,12 @@ struct RunCase {
     int timeout, rc, answers;   /* answers: "write password to tty" lines */
     std::string out, logged;    /* the output when rc is 0; a line logged once */
     int block = 1;              /* 0: out is what the command, running on, leaves in $TARGET_WORK_DIR/ran */
+    const char* lang = NULL;    /* LC_ALL of the run (a locale generated for it, UTF-8) */
+    const char* defaults = "";  /* sudo defaults of the case's own for the sudo accounts */
+    int times = 1;              /* how often the line is logged */
 };
+
+static const std::string kId = "SudoExecuteCmdEx: execute command (id -un)\n", kOut = "tty output is: ";
 
 static const RunCase kRuns[] = {
     { "SuRightPasswordRunsAfterExports", AccountKind::Runner, AccountKind::Plain, Pwd::Right, "/kvxt/lib",
@@ -72,6 +77,37 @@ static const RunCase kRuns[] = {
       false, kLong.c_str(), -1, 0, 0, "65000", "SudoExecuteCmdEx: execute command (" + kLongX.substr(0, 8000) },
     { "SudoWrongPasswordGivesUpAfterItsTries", AccountKind::SudoPassword, AccountKind::SudoPassword, Pwd::Wrong, NULL,
       NULL, false, "id -un", -1, 1, 3, "", "SudoExecuteCmdEx: execute command (id -un)\n" },
+    /* prompts in any language, and a wrong password's tries counted without its words */
+    { "SudoGermanPromptAnswered", AccountKind::SudoPassword, AccountKind::SudoPassword, Pwd::Right, NULL, NULL, false,
+      "id -un", -1, 0, 1, "root", kOut + "[sudo] Passwort für kvxt_sudopw: ", 1, "de_DE" },
+    { "SudoGermanWrongPasswordTriedThrice", AccountKind::SudoPassword, AccountKind::SudoPassword, Pwd::Wrong, NULL,
+      NULL, false, "id -un", -1, 1, 3, "", kOut + "Das hat nicht funktioniert", 1, "de_DE", "", 2 },
+    { "SudoJapanesePromptAnswered", AccountKind::SudoPassword, AccountKind::SudoPassword, Pwd::Right, NULL, NULL,
+      false, "id -un", -1, 0, 1, "root", kOut + "[sudo] kvxt_sudopw のパスワード:", 1, "ja_JP" },
+    { "SudoJapaneseWrongPasswordTriedThrice", AccountKind::SudoPassword, AccountKind::SudoPassword, Pwd::Wrong, NULL,
+      NULL, false, "id -un", -1, 1, 3, "", kOut + "残念、また試してください。", 1, "ja_JP", "", 2 },
+    { "SudoChineseFullWidthColonAnswered", AccountKind::SudoPassword, AccountKind::SudoPassword, Pwd::Right, NULL,
+      NULL, false, "id -un", -1, 0, 1, "root", kOut + "[sudo] kvxt_sudopw 的密码：", 1, "zh_CN" },
+    { "SudoChineseWrongPasswordTriedThrice", AccountKind::SudoPassword, AccountKind::SudoPassword, Pwd::Wrong, NULL,
+      NULL, false, "id -un", -1, 1, 3, "", kOut + "对不起，请重试。", 1, "zh_CN", "", 2 },
+    { "SudoFrenchPromptAnswered", AccountKind::SudoPassword, AccountKind::SudoPassword, Pwd::Right, NULL, NULL, false,
+      "id -un", -1, 0, 1, "root", kOut + "[sudo] Mot de passe de kvxt_sudopw\u00a0: ", 1, "fr_FR" },
+    { "SudoFrenchWrongPasswordTriedThrice", AccountKind::SudoPassword, AccountKind::SudoPassword, Pwd::Wrong, NULL,
+      NULL, false, "id -un", -1, 1, 3, "", kOut + "Désolé, essayez de nouveau.", 1, "fr_FR", "", 2 },
+    { "SuChinesePromptAnswered", AccountKind::Runner, AccountKind::Plain, Pwd::Right, NULL, NULL, false, "id -un", -1,
+      0, 0, "kvxt_plain", kOut + "密码： ", 1, "zh_CN" },
+    /* site set-ups: pwfeedback reads in cbreak mode and echoes stars, a prompt of the site's own, a lecture, insults */
+    { "SudoPwfeedbackPromptAnswered", AccountKind::SudoPassword, AccountKind::SudoPassword, Pwd::Right, NULL, NULL,
+      false, "id -un", -1, 0, 1, "root", kId, 1, NULL, "pwfeedback" },
+    { "SudoPwfeedbackWrongPasswordTriedThrice", AccountKind::SudoPassword, AccountKind::SudoPassword, Pwd::Wrong, NULL,
+      NULL, false, "id -un", -1, 1, 3, "", kId, 1, NULL, "pwfeedback" },
+    { "SudoSitePromptAnswered", AccountKind::SudoPassword, AccountKind::SudoPassword, Pwd::Right, NULL, NULL, false,
+      "id -un", -1, 0, 1, "root", kOut + "Enter the secret of kvxt_sudopw: ", 1, NULL,
+      "passprompt=\"Enter the secret of %p: \"" },
+    { "SudoLectureAlwaysAnswered", AccountKind::SudoPassword, AccountKind::SudoPassword, Pwd::Right, NULL, NULL, false,
+      "id -un", -1, 0, 1, "root", kId, 1, NULL, "lecture=always" },
+    { "SudoInsultsWrongPasswordTriedThrice", AccountKind::SudoPassword, AccountKind::SudoPassword, Pwd::Wrong, NULL,
+      NULL, false, "id -un", -1, 1, 3, "", kId, 1, NULL, "insults" },
 };
 
 static void PrintTo(const RunCase& c, std::ostream* os) { *os << c.name; }
@@ -88,8 +124,12 @@ TEST_P(ElevatedRun, ResultOutputAndLog)
     c.libDir ? mkdir(lib.c_str(), 0755) : rmdir(lib.c_str());
     std::ofstream(ran, std::ios::trunc).close();
     chmod(ran.c_str(), 0666);
+    ASSERT_EQ("", c.lang != NULL ? kvxtest::EnsureLocale(c.lang) : "");
+    kvxtest::SudoDefaults rules(c.defaults);
+    ASSERT_TRUE(rules.ok) << c.defaults;
     size_t mark = TestLog::Size();
     kvxtest::ChildResult r = kvxtest::RunAs(kvxtest::Account(c.runner), [&](std::string& text) {
+        c.lang != NULL ? setenv("LC_ALL", (c.lang + std::string(".UTF-8")).c_str(), 1) : unsetenv("LC_ALL");
         c.ld != NULL ? setenv("LD_LIBRARY_PATH", c.ld, 1) : unsetenv("LD_LIBRARY_PATH");
         c.path != NULL ? setenv("PATH", c.path, 1) : unsetenv("PATH");
         char out[1024] = "";
@@ -104,7 +144,7 @@ TEST_P(ElevatedRun, ResultOutputAndLog)
     ASSERT_TRUE(r.finished) << r.error;
     EXPECT_EQ(c.rc, r.code);
     EXPECT_EQ(c.rc == 0 ? c.out : r.text, c.block == 0 ? fkit::ReadFile(ran) : r.text);
-    EXPECT_EQ(1, TestLog::Count(mark, c.logged));
+    EXPECT_EQ(c.times, TestLog::Count(mark, c.logged));
     EXPECT_EQ(c.answers, TestLog::Count(mark, "write password to tty: " + std::to_string(pwd.size()) + "\n"));
     EXPECT_EQ(0, TestLog::Count(mark, who.password));
 }

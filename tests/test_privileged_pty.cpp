@@ -19,6 +19,13 @@ static const ptk::PtyCase kRuns[] = {
     { "NoPasswordAnswersBareNewline", { "bash", "-c", PROMPT "[ -z \"$l\" ]" }, "", 1, -1, 0, 0 },
     { "PromptAfterTryAgainInOneChunkAnswered", { "bash", "-c", "stty -echo; printf 'Sorry, try again. "
       "[sudo] password for bob: '; IFS= read -r -t 5 l; printf '\\n'; [ \"$l\" = pw-2 ]" }, "pw-2", 1, -1, 0, 1 },
+    /* sudo's pwfeedback: cbreak mode, stars echoed apart from the line end; each read after that is a try */
+    { "CbreakPromptsInAnyLanguageAnsweredOncePerRead", { "bash", "-c", "for i in 1 2; do stty -echo -icanon; "
+      "printf 'Passwort für bob: '; IFS= read -r -t 5 l || exit 90; printf '****'; sleep 0.3; printf '**'; "
+      "stty echo icanon; printf '\\nDas hat nicht funktioniert.\\n'; done; [ \"$l\" = pw-c ]" }, "pw-c", 1, -1, 0, 2 },
+    /* raw mode (signal keys off too) is a command's terminal relayed by sudo, not a prompt */
+    { "RawModePromptIsOutput", { "bash", "-c", "stty raw -echo; printf 'Password: '; IFS= read -r -t 2 l; "
+      "printf 'got[%s]' \"$l\"" }, "pw-r", 1, -1, 0, 0, false, "got[]", NULL, 0, 1.5 },
     { "PromptWithEchoOnIsOutput", { "bash", "-c", "printf 'Password: '; IFS= read -r -t 2 l; printf 'got[%s]' \"$l\"" },
       "pw-9", 1, -1, 0, 0, false, "got[]", NULL, 0, 1.5 },
     { "PasswordTooLongRunsNothing", { "bash", "-c", PROMPT "exit 7" }, kLongPwd.c_str(), 1, -1, -6, 0, false, "",

@@ -20,6 +20,10 @@ static const ptk::PtyCase kQuiet[] = {
     { "SilentTerminalAfterTimeoutWaitedFiveSeconds", { "bash", "-c", "trap '' HUP; for i in 1 2 3 4; do stty -echo; "
       "printf 'Password: '; IFS= read -r -t 5 l || exit 90; printf '\\n'; done; exec sleep 16" }, "pw-s", 1, 2, -8, 4,
       true, NULL, NULL, 0, 6.5 },
+    /* a one-time code asked for ever: answered once, then the child is ended */
+    { "UnansweredNoEchoReadEndsTheChild", { "bash", "-c", "stty -echo; printf 'Code: '; while IFS= read -r l; do "
+      "printf 'Code: '; done" }, "pw-u", 1, -1, -8, 1, false, NULL,
+      "waits in a no-echo read that gets no answer, ending it.\n", 1, 20 },
 };
 
 class QuietTerminal : public ::testing::TestWithParam<ptk::PtyCase> {};
@@ -34,6 +38,21 @@ TEST(SuSlow, NothingPrintedWithin30SecondsIsMinusFive)   /* as root, su asks not
     EXPECT_NEAR(30.5, ptk::Seconds() - t0, 1.5);
     EXPECT_EQ(1, ptk::TestLog::Count(mark, "SuperExecuteCmdEx: no data from tty output.\n"));
     ptk::ReapAll();
+}
+
+TEST(SudoSlow, UnanswerablePromptRepliedWithin30Seconds)   /* a PAM-less sudo asking a code for ever */
+{
+    KVXT_REQUIRE_SUDO();
+    const kvxtest::TestAccount& agent = kvxtest::Account(AccountKind::Runner);
+    AgentHarness h;
+    h.add_stub("sudo", 0, "stty -echo; printf 'Code: '; while IFS= read -r l; do printf 'Code: '; done");
+    h.run_as(agent.uid, agent.gid);
+    ASSERT_TRUE(h.start());
+    double t0 = ptk::Seconds();
+    Reply r = rpc(h, EA_PROC_EXEC_CMD, exec_args("id -u", true, false, 0, "", "pw", 1), 60000);
+    EXPECT_LT(ptk::Seconds() - t0, 30);
+    EXPECT_NE(0, num(r, "ret"));
+    EXPECT_EQ(1, log_count(h.log(), "zelfunc", 0, "waits in a no-echo read that gets no answer, ending it."));
 }
 
 /* The cleanup after SIGHUP runs its commands through the account cached from the first elevated request. */

@@ -26,6 +26,8 @@ const char* const kAccounts[][2] = {
     { "kvxt_root0", "Kvxt-Root0-c51d24" },
 };
 const char* const kSudoers = "/etc/sudoers.d/kvxt_accounts";
+const char* const kCaseSudoers = "/etc/sudoers.d/kvxt_case_";   /* + pid: one per process */
+const char* const kLocaleMark = ".kvxt_made";   /* in a locale directory the tests generated */
 /* sudo skips names with a dot: the rules are checked there before they go live */
 const std::string kSudoersStage = "/etc/sudoers.d/.kvxt_accounts.new";
 const char* const kSudoRules =
@@ -103,6 +105,9 @@ void RemoveAccounts()
 {
     unlink(kSudoers);
     unlink(kSudoersStage.c_str());
+    /* the lock holder's leftovers too: case rules and generated locales of a crashed run */
+    Shell(std::string("rm -f ") + kCaseSudoers + "* /etc/sudoers.d/.kvxt_case_*");
+    Shell(std::string("for m in /usr/lib/locale/*/") + kLocaleMark + "; do [ -e \"$m\" ] && rm -rf \"${m%/*}\"; done");
     for (const auto& s : kAccounts)   /* a uid-0 account always looks busy: forced */
         if (getpwnam(s[0]) != NULL && Shell(std::string("userdel ") + s[0]) != 0)
             Shell(std::string("userdel -f ") + s[0]);
@@ -117,6 +122,32 @@ const TestAccount& Account(AccountKind kind)
         return g_accounts[(size_t)kind];
     ADD_FAILURE() << "test accounts: " << why;
     return none;
+}
+
+std::string EnsureLocale(const std::string& locale)
+{
+    std::string dir = "/usr/lib/locale/" + locale + ".utf8", why;
+    if (!EnsureAccounts(&why))   /* the lock, and the removal at exit */
+        return why;
+    if (Shell("locale -a | grep -qx " + locale + ".utf8") == 0)
+        return "";
+    if (Shell("localedef -i " + locale + " -f UTF-8 --no-archive " + locale + ".UTF-8 && touch " + dir + "/" +
+              kLocaleMark) != 0)
+        return "localedef failed for " + locale;
+    return "";
+}
+
+SudoDefaults::SudoDefaults(const std::string& defaults)
+{
+    std::string file = kCaseSudoers + std::to_string(getpid()), stage = "/etc/sudoers.d/.kvxt_case_" +
+                       std::to_string(getpid());
+    ok = defaults.empty() || Shell("umask 337 && printf 'Defaults:kvxt_sudopw,kvxt_sudonp %s\\n' '" + defaults +
+                                   "' >" + stage + " && visudo -cf " + stage + " && mv " + stage + " " + file) == 0;
+}
+
+SudoDefaults::~SudoDefaults()
+{
+    unlink((kCaseSudoers + std::to_string(getpid())).c_str());
 }
 
 ChildResult RunAs(const TestAccount& acct, const std::function<int(std::string&)>& fn,

@@ -34,6 +34,17 @@ bool EnsureAccounts(std::string* why);        /* false with *why when making the
 const TestAccount& Account(AccountKind kind);  /* made on first call; empty name and a failure if not */
 void RemoveAccounts();                         /* now, with the sudo rules; also done at exit */
 
+/* "" once locale (e.g. "de_DE", UTF-8) is there, generated with localedef if needed and then removed
+ * with the accounts; else why not.  setuid sudo ignores LOCPATH, so it goes to the system's directory. */
+std::string EnsureLocale(const std::string& locale);
+
+/* A sudoers.d file of the test's own holding "Defaults:<users> <defaults>" while it lives. */
+struct SudoDefaults {
+    explicit SudoDefaults(const std::string& defaults);
+    ~SudoDefaults();
+    bool ok;
+};
+
 struct ChildResult {   /* what a RunAs child reported */
     bool finished = false;   /* the child ran fn to the end and reported */
     int code = 0;            /* fn's result */

@@ -15,8 +15,8 @@
 #include <stdlib.h>
 #include <string.h>
 #include <strings.h>
+#include <sys/ioctl.h>
 #include <sys/wait.h>
-#include <termios.h>
 #include <unistd.h>
 
 #include "zelcommon.h"
@@ -27,7 +27,7 @@
 #define READ_PWD_MAX_TIME 3     /* answers given before the last one allowed */
 
 /* Where the prompt phase leaves off. */
-enum { PROMPT_WAIT = 1, PROMPT_IDLE = 2 };
+enum { PROMPT_WAIT = 1, PROMPT_IDLE = 2, PROMPT_UNANSWERED = 3 };
 
 static const char* const kRunFn = "ExecuteCmdInteractively";
 
@@ -93,15 +93,6 @@ void pty_child_exit(int err)
 {
     /* the forked child ends here instead of running on in the caller's code */
     _exit(err == ENOENT ? 127 : 126);
-}
-
-int pty_echo_off(const PtyRun* run)
-{
-    struct termios t;
-
-    /* the slave's settings through the master (pexpect's waitnoecho test); a password is read
-     * a line at a time: sudo relaying a command's own terminal turns echo off in raw mode */
-    return tcgetattr(run->masterFd, &t) == 0 && (t.c_lflag & ECHO) == 0 && (t.c_lflag & ICANON) != 0;
 }
 
 void pty_capture_output(PtyRun* run, char* output, int outputSize, const char* lastChunk)
@@ -200,59 +191,77 @@ static int answer_prompt(PtyRun* run, const char* password, struct timeval* tv,
 }
 
 /*
- * A password prompt to answer: "Password" (any case) after the chunk's last
- * "try again", shown while the terminal's echo is off.
+ * 1 when text just printed opens a no-echo read to answer.  *answered is 1
+ * while the read last answered lasts: text up to a line end is its echo
+ * (sudo's pwfeedback stars), and a no-echo read after it is the next try,
+ * whatever language the text is in.
  */
-static int is_password_prompt(const PtyRun* run, const char* chunk)
+static int is_new_prompt(const PtyRun* run, const char* text, int* answered)
 {
-    const char* tail = chunk;
-    const char* p;
+    const char* nl = strchr(text, '\n');
+    int noecho = pty_noecho_read(run);
+    int pending = 0;
 
-    /* sudo sends "Sorry, try again." and its next prompt in one chunk: that prompt counts */
-    while ((p = strcasestr(tail, "try again")) != NULL)
-        tail = p + strlen("try again");
-    /* only a terminal with its echo off is reading a password: other text is output */
-    return strcasestr(tail, "Password") != NULL && pty_echo_off(run);
+    if (*answered) {
+        if (nl == NULL) {
+            *answered = noecho;
+            return 0;
+        }
+        *answered = 0;
+        text = nl + 1;
+    }
+    /* a prompt longer than a chunk (sudo's lecture comes with it) is answered at its end */
+    if (ioctl(run->masterFd, FIONREAD, &pending) == 0 && pending > 0)
+        return 0;
+    /* only a terminal reading with its echo off asks for a password: other text is output */
+    return text[0] != '\0' && noecho;
 }
 
 /*
  * Prompt phase: reads what the child prints and answers password prompts,
  * at most READ_PWD_MAX_TIME + 1 times.  Returns PROMPT_WAIT (go on to the
- * wait phase), PROMPT_IDLE (nothing printed in time and block != 1), or -4
- * / -6.  buf (bufSize = PTY_CHUNK + 1) keeps the last chunk read.
+ * wait phase), PROMPT_IDLE (nothing printed in time and block != 1),
+ * PROMPT_UNANSWERED, or -4 / -6.  buf (bufSize = PTY_CHUNK + 1) keeps the
+ * last chunk read.
  */
 static int prompt_phase(PtyRun* run, const char* password, int block, char* buf, size_t bufSize)
 {
     struct timeval tv = { PTY_SELECT_SECONDS, 0 };   /* armed once for the whole phase */
     int readPwdTimes = 0;
     int retryTimes = 0;
+    int answered = 0;
+    int echoed = 0;     /* buf holds an answer's echo, still to be examined */
     int ready, rc;
     ssize_t n;
 
     for (;;) {
-        ready = pty_select(kRunFn, run, 0, &tv, 0);
-        if (ready < 0)
-            return -4;
-        if (ready == 0) {
-            ZELLogFunction(4, ZELFUNC_SRC, 262, "%s: no data from tty output.\n", kRunFn);
-            if (block != 1)
-                return PROMPT_IDLE;
-            while (retryTimes++ < 15)
-                ZELLogFunction(4, ZELFUNC_SRC, 266, "%s: no data from tty output.\n", kRunFn);
-            return PROMPT_WAIT;
-        }
+        if (!echoed) {
+            ready = pty_select(kRunFn, run, 0, &tv, 0);
+            if (ready < 0)
+                return -4;
+            if (ready == PTY_UNANSWERED)
+                return PROMPT_UNANSWERED;
+            if (ready == 0) {
+                ZELLogFunction(4, ZELFUNC_SRC, 262, "%s: no data from tty output.\n", kRunFn);
+                if (block != 1)
+                    return PROMPT_IDLE;
+                while (retryTimes++ < 15)
+                    ZELLogFunction(4, ZELFUNC_SRC, 266, "%s: no data from tty output.\n", kRunFn);
+                return PROMPT_WAIT;
+            }
 
-        errno = 0;
-        n = read(run->masterFd, buf, PTY_CHUNK - 1);
-        if (n <= 0) {
-            ZELLogFunction(0, ZELFUNC_SRC, 273, "%s: failed to read tty output(%d), maybe the "
-                           "command has no output, continue.\n", kRunFn, errno);
-            return PROMPT_WAIT;     /* buf keeps the previous chunk for the output */
+            errno = 0;
+            n = read(run->masterFd, buf, PTY_CHUNK - 1);
+            if (n <= 0) {
+                ZELLogFunction(0, ZELFUNC_SRC, 273, "%s: failed to read tty output(%d), maybe the "
+                               "command has no output, continue.\n", kRunFn, errno);
+                return PROMPT_WAIT;     /* buf keeps the previous chunk for the output */
+            }
+            buf[n] = '\0';
+            pty_log_text(3, 278, "%s: tty output is: %s\n", kRunFn, buf, run->secret);
         }
-        buf[n] = '\0';
-        pty_log_text(3, 278, "%s: tty output is: %s\n", kRunFn, buf, run->secret);
-
-        if (!is_password_prompt(run, buf))
+        echoed = 0;
+        if (!is_new_prompt(run, buf, &answered))
             continue;
 
         rc = answer_prompt(run, password, &tv, buf, bufSize);
@@ -260,6 +269,8 @@ static int prompt_phase(PtyRun* run, const char* password, int block, char* buf,
             return rc;
         if (readPwdTimes++ >= READ_PWD_MAX_TIME)
             return PROMPT_WAIT;
+        answered = 1;
+        echoed = 1;
     }
 }
 
@@ -304,8 +315,10 @@ static int finish_blocking_run(PtyRun* run, int mytimeout, char* output, int out
  * Runs argv (null-terminated, argv[0] the program, searched in PATH) on a new
  * pseudo-terminal, answering password prompts with pwd and a newline, or a
  * bare newline when pwd is null or empty; at most four answers.  A prompt
- * is a chunk with "Password" (any case) after its last "try again", shown
- * while the terminal's echo is off.  block == 1 waits for the child
+ * is text printed while the terminal reads with its echo off (in line or
+ * cbreak mode), whatever its words; each new such read after an answer's
+ * line end is the next try.  A no-echo read that sits unanswered for
+ * PTY_UNANSWERED_MS ends the child (-8, logged).  block == 1 waits for the child
  * (mytimeout > 0 bounds the wait in seconds); any other block returns 0 once
  * the prompt phase ends.  output (may be null) gets the cleaned terminal
  * text, at most outputSize - 1 bytes.  Returns the exit code, 1 when a
@@ -353,7 +366,9 @@ int pty_run_interactive(char** argv, const char* pwd, int block, int mytimeout, 
     }
 
     rc = prompt_phase(&run, password, block, buf, sizeof(buf));
-    if (rc == PROMPT_IDLE || (rc == PROMPT_WAIT && block != 1))
+    if (rc == PROMPT_UNANSWERED)
+        rc = pty_give_up_unanswered(kRunFn, &run, output, outputSize) == PTY_WAIT_CHANGE_PWD ? 1 : -8;
+    else if (rc == PROMPT_IDLE || (rc == PROMPT_WAIT && block != 1))
         rc = 0;
     else if (rc == PROMPT_WAIT)
         rc = finish_blocking_run(&run, mytimeout, output, outputSize, buf);

@@ -38,9 +38,6 @@ pid_t pty_fork(const char* fn, PtyRun* run);
 /* In a forked child whose exec failed: never returns into the caller. */
 void pty_child_exit(int err) __attribute__((noreturn));
 
-/* 1 while the terminal reads a line with its echo off, as a password is read. */
-int  pty_echo_off(const PtyRun* run);
-
 /*
  * One read of at most outputSize - 1 bytes of terminal text into output;
  * on a read error (nothing left) lastChunk (bounded) is used instead.  The

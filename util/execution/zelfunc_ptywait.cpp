@@ -14,9 +14,11 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/ioctl.h>
 #include <sys/select.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
+#include <termios.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -39,11 +41,38 @@ static int child_ended(pid_t pid)
     return si.si_pid == pid;
 }
 
+int pty_noecho_read(const PtyRun* run)
+{
+    struct termios t;
+
+    /* echo off on the slave, seen through the master; raw mode (signal keys off too) is a relayed command */
+    return tcgetattr(run->masterFd, &t) == 0 && (t.c_lflag & ECHO) == 0 && (t.c_lflag & (ICANON | ISIG)) != 0;
+}
+
+/* 1 once the terminal has sat in a no-echo read, printing nothing new, for PTY_UNANSWERED_MS. */
+static int sits_unanswered(PtyRun* run)
+{
+    long long now = zel_now_ms();
+    int pending = 0;
+
+    if (!pty_noecho_read(run) || ioctl(run->masterFd, FIONREAD, &pending) != 0) {
+        run->sitSince = 0;
+        return 0;
+    }
+    if (run->sitSince == 0 || pending != run->sitPending) {
+        run->sitSince = now;
+        run->sitPending = pending;
+        return 0;
+    }
+    return now - run->sitSince >= PTY_UNANSWERED_MS;
+}
+
 /*
  * Waits for the master to become readable, at most waitMs (-1: no bound)
  * and never past the run's limit.  1 readable, 0 nothing in time,
- * PTY_CHILD_GONE when the child has ended with nothing readable, -1 with
- * errno (EINTR included).
+ * PTY_CHILD_GONE when the child has ended with nothing readable,
+ * PTY_UNANSWERED when the terminal sits in a no-echo read, -1 with errno
+ * (EINTR included).
  */
 static int await_data(PtyRun* run, long long waitMs)
 {
@@ -69,11 +98,16 @@ static int await_data(PtyRun* run, long long waitMs)
         FD_ZERO(&fds);
         FD_SET(run->masterFd, &fds);
         n = select(run->masterFd + 1, &fds, NULL, NULL, &tv);
+        if (n > 0)
+            run->sitSince = 0;   /* new text: whatever sat there has moved on */
         if (n != 0)
             return n > 0 ? 1 : -1;
         /* a daemon the command left on the terminal must not hold us: stop once the child is gone */
         if (child_ended(run->pid))
             return PTY_CHILD_GONE;
+        /* a question the runner does not answer (a one-time code, a fifth try) must not hold us */
+        if (sits_unanswered(run))
+            return PTY_UNANSWERED;
         if (left <= PTY_SLICE_MS)
             return 0;
     }
@@ -176,7 +210,7 @@ void pty_hand_over(PtyRun* run)
         ;
 }
 
-/* Polls for mytimeout rounds; 1 when timed out, 0 reaped, -1 waitpid error. */
+/* Polls for mytimeout rounds; 1 when timed out, 2 unanswered, 0 reaped, -1 waitpid error. */
 static int poll_child(PtyRun* run, int mytimeout, int* status)
 {
     int timeElapse = 0;
@@ -189,12 +223,17 @@ static int poll_child(PtyRun* run, int mytimeout, int* status)
             return -1;
         if (r == run->pid)
             break;
+        if (sits_unanswered(run))
+            return 2;
         sleep(1);
     }
     return timeElapse >= mytimeout ? 1 : 0;
 }
 
-/* Waits until the run's limit; 1 when it passed, 0 reaped, -1 waitpid error. */
+/*
+ * Waits for the child, up to the run's limit when it has one; 1 when that
+ * passed, 2 unanswered, 0 reaped, -1 waitpid error.
+ */
 static int wait_until_limit(PtyRun* run, int* status)
 {
     useconds_t pause = 1000;
@@ -206,8 +245,11 @@ static int wait_until_limit(PtyRun* run, int* status)
             return -1;
         if (r == run->pid)
             return 0;
-        if (zel_now_ms() >= run->deadline)
+        if (run->deadline > 0 && zel_now_ms() >= run->deadline)
             return 1;
+        /* sudo has no time-out of its own for a password: a read nobody answers is given up */
+        if (sits_unanswered(run))
+            return 2;
         usleep(pause);
         pause = pause < 64000 ? pause * 2 : 100000;
     }
@@ -248,6 +290,20 @@ static int finish_timeout(const char* fn, PtyRun* run, char* output, int outputS
     return rc;
 }
 
+int pty_give_up_unanswered(const char* fn, PtyRun* run, char* output, int outputSize)
+{
+    int rc, n;
+
+    ZELLogFunction(0, ZELFUNC_SRC, __LINE__, "%s: child %d waits in a no-echo read that gets no answer, "
+                   "ending it.\n", fn, (int)run->pid);
+    rc = finish_timeout(fn, run, output, outputSize);
+    kill(run->pid, SIGKILL);
+    /* reaped here, within a bound: the hang-up when the master closes ends what it left */
+    for (n = 0; n < 200 && waitpid(run->pid, NULL, WNOHANG) == 0; n++)
+        usleep(10000);
+    return rc;
+}
+
 int pty_wait_child(const char* fn, PtyRun* run, int mytimeout, int* status,
                    char* output, int outputSize)
 {
@@ -256,23 +312,22 @@ int pty_wait_child(const char* fn, PtyRun* run, int mytimeout, int* status,
     ZELLogFunction(3, ZELFUNC_SRC, 255, "waiting for process %d\n", (int)run->pid);
     if (mytimeout <= 0) {
         /* a run with a limit ends there, as a time-out, however long the command takes */
-        rc = run->deadline > 0 ? wait_until_limit(run, status) : (waitpid(run->pid, status, 0) < 0 ? -1 : 0);
+        rc = wait_until_limit(run, status);
         if (rc < 0) {
             ZELLogFunction(0, ZELFUNC_SRC, 260, "%s: failed to wait child exit(%d).\n", fn, errno);
             return PTY_WAIT_BLOCK_ERROR;
         }
-        if (rc == 0)
-            return PTY_WAIT_EXITED;
-        return finish_timeout(fn, run, output, outputSize);
-    }
-
-    rc = poll_child(run, mytimeout, status);
-    if (rc < 0) {
-        ZELLogFunction(0, ZELFUNC_SRC, 270, "%s: failed to wait child exit(%d).\n", fn, errno);
-        return PTY_WAIT_POLL_ERROR;
+    } else {
+        rc = poll_child(run, mytimeout, status);
+        if (rc < 0) {
+            ZELLogFunction(0, ZELFUNC_SRC, 270, "%s: failed to wait child exit(%d).\n", fn, errno);
+            return PTY_WAIT_POLL_ERROR;
+        }
     }
     if (rc == 0)
         return PTY_WAIT_EXITED;
+    if (rc == 2)
+        return pty_give_up_unanswered(fn, run, output, outputSize);
     return finish_timeout(fn, run, output, outputSize);
 }
 

@@ -30,6 +30,8 @@ typedef struct PtyRun {
     struct sigaction oldChld;         /* SIGCHLD disposition to restore */
     int              sigSaved;        /* 1 while oldChld waits to be restored */
     long long        deadline;        /* monotonic ms at which the run gives up; 0: none */
+    long long        sitSince;        /* monotonic ms since the terminal sits in a no-echo read, nothing new; 0: not */
+    int              sitPending;      /* bytes waiting on the master when that began */
     char             secret[PTY_PASSWORD_SIZE];   /* password sent, masked in every log line */
 } PtyRun;
 
@@ -45,15 +47,36 @@ enum {
 /* pty_select() for reading: the child has ended and nothing was readable. */
 #define PTY_CHILD_GONE 2
 
+/* pty_select() for reading: the terminal sits in a no-echo read that nothing answers. */
+#define PTY_UNANSWERED 3
+
+/* How long a no-echo read may sit with nothing new before the run gives it up. */
+#define PTY_UNANSWERED_MS 20000
+
 /*
  * select() on the master for reading (forWrite 0) or writing, within the
  * budget *tv (counted down across calls).  Interruptions are logged and
  * retried; with announce set, fn's "select...." line is logged before every
  * wait.  Returns 1 ready, 0 time-out (or the run's limit reached), -1 error
  * (logged as "failed to excecute select"), and for reading PTY_CHILD_GONE
- * once the child has ended with nothing readable.
+ * once the child has ended with nothing readable, PTY_UNANSWERED once the
+ * terminal has sat in a no-echo read for PTY_UNANSWERED_MS with nothing new.
  */
 int  pty_select(const char* fn, PtyRun* run, int forWrite, struct timeval* tv, int announce);
+
+/*
+ * 1 while the terminal reads with its echo off, a line at a time or in
+ * cbreak mode (sudo's pwfeedback), as passwords are read; raw mode (signal
+ * keys off too) is a terminal relayed to a command, not a prompt.
+ */
+int  pty_noecho_read(const PtyRun* run);
+
+/*
+ * Gives up a run whose terminal sits in a no-echo read the runner will not
+ * answer: logs why as fn, checks for a password-change dialogue as after a
+ * time-out and ends the child.  PTY_WAIT_TIMEOUT or PTY_WAIT_CHANGE_PWD.
+ */
+int  pty_give_up_unanswered(const char* fn, PtyRun* run, char* output, int outputSize);
 
 /*
  * One read of at most size bytes of what the terminal answers to something
@@ -81,7 +104,9 @@ void pty_log_text(int level, int line, const char* fmt, const char* fn,
  * Wait phase after the prompt phase.  mytimeout <= 0 waits without bound
  * (up to the run's limit when it has one); otherwise polls once a second for
  * mytimeout rounds, a child reaped in the last round counting as a
- * time-out.  After a time-out a newline is written to the terminal and its
+ * time-out.  Either wait gives the run up (pty_give_up_unanswered) once the
+ * terminal sits in a no-echo read for PTY_UNANSWERED_MS.  After a time-out
+ * a newline is written to the terminal and its
  * answer checked for a password-change dialogue ("1" then goes into output
  * when given).  Returns a PTY_WAIT_* value.
  */

@@ -70,9 +70,10 @@ static char* build_su_command(const char* cmd)
  * Takes su's first output as its prompt and answers it with password while
  * the terminal's echo is off; other text is left as the command's output.
  * Returns 0, or -2 select error, -5 nothing printed in time, -3 read
- * failure, -4 short write.  buf (PTY_CHUNK + 1 bytes) keeps the last chunk read.
+ * failure, -4 short write, 1 / -9 a no-echo read sitting unanswered
+ * (password change / given up, the child ended).  buf (PTY_CHUNK + 1 bytes) keeps the last chunk read.
  */
-static int su_answer_prompt(PtyRun* run, const char* password, char* buf)
+static int su_answer_prompt(PtyRun* run, const char* password, char* buf, char* output, int outputSize)
 {
     struct timeval tv = { PTY_SELECT_SECONDS, 0 };
     ssize_t n;
@@ -81,25 +82,27 @@ static int su_answer_prompt(PtyRun* run, const char* password, char* buf)
     ready = pty_select(kSuFn, run, 0, &tv, 1);
     if (ready < 0)
         return -2;
+    if (ready == PTY_UNANSWERED)
+        return pty_give_up_unanswered(kSuFn, run, output, outputSize) == PTY_WAIT_CHANGE_PWD ? 1 : -9;
     if (ready == 0) {
-        ZELLogFunction(0, ZELFUNC_SRC, __LINE__, "%s: no data from tty output.\n", kSuFn);
+        ZELLogFunction(0, ZELFUNC_SRC, 85, "%s: no data from tty output.\n", kSuFn);
         return -5;
     }
 
     errno = 0;
     n = read(run->masterFd, buf, PTY_CHUNK - 1);
     if (n <= 0) {
-        ZELLogFunction(0, ZELFUNC_SRC, __LINE__, "%s: failed to read tty output(%d).\n", kSuFn, errno);
+        ZELLogFunction(0, ZELFUNC_SRC, 92, "%s: failed to read tty output(%d).\n", kSuFn, errno);
         return -3;
     }
     buf[n] = '\0';
-    pty_log_text(3, __LINE__, "%stty output is: %s\n", "", buf, run->secret);
+    pty_log_text(3, 96, "%stty output is: %s\n", "", buf, run->secret);
     /* su that asks nothing prints the command's output: the password never goes there */
-    if (!pty_echo_off(run))
+    if (!pty_noecho_read(run))
         return 0;
 
     if (write(run->masterFd, password, strlen(password)) != (ssize_t)strlen(password)) {
-        ZELLogFunction(0, ZELFUNC_SRC, __LINE__, "%s: failed to write password(%d).\n", kSuFn, errno);
+        ZELLogFunction(0, ZELFUNC_SRC, 102, "%s: failed to write password(%d).\n", kSuFn, errno);
         return -4;
     }
     /* the echo is read and dropped; a failed read leaves the prompt in buf */
@@ -122,7 +125,7 @@ static int su_finish_blocking(PtyRun* run, int mytimeout, char* output, int outp
     default:                   return -6;
     }
     if (WIFSIGNALED(status)) {
-        ZELLogFunction(0, ZELFUNC_SRC, __LINE__, "%s:child exits abnormally(%d).\n", kSuFn, WTERMSIG(status));
+        ZELLogFunction(0, ZELFUNC_SRC, 125, "%s:child exits abnormally(%d).\n", kSuFn, WTERMSIG(status));
         return -7;
     }
     pty_capture_output(run, output, outputSize, lastChunk);
@@ -149,7 +152,7 @@ static int su_run(const char* user, const char* pwd, const char* cmd, int block,
         return -1;
 
     pty_run_begin(&run, pwd, limit);
-    ZELLogFunction(3, ZELFUNC_SRC, __LINE__, "%s: execute command (%s)\n", kSuFn, cmdline);
+    ZELLogFunction(3, ZELFUNC_SRC, 152, "%s: execute command (%s)\n", kSuFn, cmdline);
     snprintf(password, sizeof(password), "%s\n", pwd);
 
     argv[0] = (char*)"su";
@@ -164,10 +167,10 @@ static int su_run(const char* user, const char* pwd, const char* cmd, int block,
         if (run.pid == 0) {
             execvp("su", argv);
             int err = errno;
-            ZELLogFunction(0, ZELFUNC_SRC, __LINE__, "%s: failed to execute cmd: %s(%d).\n", kSuFn, cmdline, err);
+            ZELLogFunction(0, ZELFUNC_SRC, 167, "%s: failed to execute cmd: %s(%d).\n", kSuFn, cmdline, err);
             pty_child_exit(err);
         }
-        rc = su_answer_prompt(&run, password, buf);
+        rc = su_answer_prompt(&run, password, buf, output, outputSize);
         if (rc == 0 && block == 1)
             rc = su_finish_blocking(&run, mytimeout, output, outputSize, buf);
         else if (rc == 0)
@@ -230,7 +233,7 @@ static int build_sudo_argv(char** argv, const char* cmd)
     PushArgv(argv, SUDO_ARGV_MAX, "sudo");
     if (cmd == NULL) {
         PushArgv(argv, SUDO_ARGV_MAX, "-v");
-        ZELLogFunction(3, ZELFUNC_SRC, __LINE__, "%s: execute command (%s)\n", kSudoFn, "sudo -v");
+        ZELLogFunction(3, ZELFUNC_SRC, 233, "%s: execute command (%s)\n", kSudoFn, "sudo -v");
         return 0;
     }
 
@@ -251,10 +254,10 @@ static int build_sudo_argv(char** argv, const char* cmd)
     if (push_whole(argv, cmd) != 0)
         return -1;
 
-    ZELLogFunction(3, ZELFUNC_SRC, __LINE__, "%s: arg[1] %s, arg[2] %s, arg[3] %s, arg[4]=%s.\n", kSudoFn,
+    ZELLogFunction(3, ZELFUNC_SRC, 254, "%s: arg[1] %s, arg[2] %s, arg[3] %s, arg[4]=%s.\n", kSudoFn,
                    argv[1] ? argv[1] : "", argv[2] ? argv[2] : "", argv[3] ? argv[3] : "",
                    argv[4] ? argv[4] : "");
-    ZELLogFunction(3, ZELFUNC_SRC, __LINE__, "%s: execute command (%s)\n", kSudoFn, cmd);
+    ZELLogFunction(3, ZELFUNC_SRC, 257, "%s: execute command (%s)\n", kSudoFn, cmd);
     return 0;
 }
 
@@ -337,10 +340,10 @@ int CheckRootUser(const char* user, const char* pwd, int* uid)
             return rc;
         if (rc != 0) {
             if (pwd != NULL && pwd[0] != '\0') {
-                ZELLogFunction(0, ZELFUNC_SRC, __LINE__, "%s: sudo -v failed (%d).\n", fn, rc);
+                ZELLogFunction(0, ZELFUNC_SRC, 340, "%s: sudo -v failed (%d).\n", fn, rc);
                 return rc;
             }
-            ZELLogFunction(0, ZELFUNC_SRC, __LINE__, "%s: sudo -v failed but treat it succeed on redhat 7 or above.\n", fn);
+            ZELLogFunction(0, ZELFUNC_SRC, 343, "%s: sudo -v failed but treat it succeed on redhat 7 or above.\n", fn);
         }
         if (uid != NULL)
             *uid = 0;
@@ -351,7 +354,7 @@ int CheckRootUser(const char* user, const char* pwd, int* uid)
     if (rc != 0)
         return rc;
     if (!isdigitstring(buf)) {
-        pty_log_text(0, __LINE__, "%s: error for returned messages: %s.\n", fn, buf, pwd);
+        pty_log_text(0, 354, "%s: error for returned messages: %s.\n", fn, buf, pwd);
         return -2;
     }
     if (uid != NULL)
