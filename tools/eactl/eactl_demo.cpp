@@ -8,6 +8,7 @@
  */
 #include "eactl.h"
 
+#include <getopt.h>
 #include <stdlib.h>
 #include <string.h>
 #include <time.h>
@@ -24,20 +25,27 @@ struct DemoOptions {
 
 int parse_demo(int argc, char** argv, DemoOptions* o)
 {
-    for (int i = 1; i < argc; i += 2) {
-        bool seconds = strcmp(argv[i], "--seconds") == 0;
-        if ((!seconds && strcmp(argv[i], "--exit") != 0) || i + 1 >= argc) {
-            fprintf(stderr, "kvx-eactl demo: usage: demo [--seconds N] [--exit CODE]\n");
-            return EACTL_USAGE;
+    static const struct option opts[] = {{"seconds", required_argument, nullptr, 's'},
+                                         {"exit", required_argument, nullptr, 'e'},
+                                         {"help", no_argument, nullptr, 'h'},
+                                         {nullptr, 0, nullptr, 0}};
+    int opt;
+    long v = 0;
+    optind = 0;
+    while ((opt = eactl_getopt(argc, argv, "h", opts)) != -1) {
+        if (opt == 'h') {
+            eactl_command_help("demo");
+            return EACTL_HELP;
         }
-        char* end = NULL;
-        long v = strtol(argv[i + 1], &end, 10);
-        if (end == argv[i + 1] || *end || v < 0 || v > (seconds ? 3600 : 255)) {
-            fprintf(stderr, "kvx-eactl demo: %s takes a whole number from 0 to %d\n", argv[i],
-                    seconds ? 3600 : 255);
+        bool seconds = opt == 's';
+        if (opt == '?' || !eactl_number("demo", seconds ? "--seconds" : "--exit", optarg, 0,
+                                        seconds ? 3600 : 255, &v))
             return EACTL_USAGE;
-        }
         (seconds ? o->seconds : o->code) = (int)v;
+    }
+    if (optind != argc) {
+        fprintf(stderr, "kvx-eactl demo: takes no arguments but options; try 'kvx-eactl demo --help'\n");
+        return EACTL_USAGE;
     }
     return EACTL_OK;
 }
@@ -141,5 +149,7 @@ int eactl_cmd_demo(EactlSession* s, int argc, char** argv)
         printf("backup %s:\n", ok ? "finished" : "FAILED");
     if (eactl_cmd_result(s, 1, result_argv) != EACTL_OK)
         return EACTL_FAILED;
+    if (!ok)
+        s->reason = "the backup job failed";
     return ok ? EACTL_OK : EACTL_FAILED;
 }

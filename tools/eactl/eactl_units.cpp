@@ -132,3 +132,51 @@ std::string eactl_result_text(const JOB_RESULT& r)
              r.recovery_count == 1 ? "" : "s");
     return text;
 }
+
+namespace {
+
+std::string iso8601(time_t when)
+{
+    char text[32];
+    struct tm tm;
+    strftime(text, sizeof(text), "%Y-%m-%dT%H:%M:%S%z", localtime_r(&when, &tm));
+    return text;
+}
+
+void set_bytes(json_t* rec, const char* name, unsigned long long bytes)
+{
+    json_object_set_new(rec, name, json_integer((json_int_t)bytes));
+}
+
+void set_rate(json_t* rec, const char* name, unsigned long long kib_per_min)
+{
+    /* one decimal place more than the text shows */
+    json_object_set_new(rec, name, json_real((double)(long long)(eactl_mib_per_s(kib_per_min) * 100 + 0.5) / 100));
+}
+
+} /* namespace */
+
+void eactl_readable_fields(int fn, const char* res, json_t* rec)
+{
+    if (fn == EA_PROC_PING) {
+        const PINGres* r = (const PINGres*)res;
+        json_object_set_new(rec, "agent_time", json_string(iso8601((time_t)r->stamp).c_str()));
+    } else if (fn == EA_PROC_JOBSTATUS) {
+        const JOB_STATUS* r = (const JOB_STATUS*)res;
+        json_object_set_new(rec, "running", json_boolean(r->sts != EACTL_JOB_ENDED));
+        json_object_set_new(rec, "volume", json_stringn(r->vol.name, strnlen(r->vol.name, sizeof(r->vol.name))));
+        json_object_set_new(rec, "volume_percent", json_integer((json_int_t)(r->vol.dt_all > 100 ? 100 : r->vol.dt_all)));
+        set_bytes(rec, "volume_done_bytes", r->vol.dt_fin << 10);
+        set_bytes(rec, "processed_bytes", r->dt_fin << 10);
+        set_bytes(rec, "written_bytes", r->processed_data_w << 10);
+        set_rate(rec, "rate_mib_s", r->tm_usd ? r->tm_usd : r->vol.tm_usd);
+        set_rate(rec, "write_rate_mib_s", r->throughput_w);
+    } else if (fn == EA_PROC_JOBRESULT) {
+        const JOB_RESULT* r = (const JOB_RESULT*)res;
+        set_bytes(rec, "read_bytes", r->processed_data_read);
+        set_bytes(rec, "written_bytes", r->processed_data_write);
+        set_bytes(rec, "protected_bytes", r->protected_data);
+        set_rate(rec, "read_rate_mib_s", r->throughput_read);
+        set_rate(rec, "write_rate_mib_s", r->throughput_write);
+    }
+}
