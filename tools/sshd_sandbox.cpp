@@ -73,7 +73,9 @@ std::string server_config(const SshdSandbox* sb, const std::string& user)
            "UsePAM no\n"
            "StrictModes no\n"            /* the keys lie below /tmp */
            "PermitRootLogin prohibit-password\n"
-           "PrintMotd no\n";
+           "PrintMotd no\n"
+           /* the node's cache of the client lives here, not in the account's home */
+           "SetEnv XDG_CACHE_HOME=" + sb->dir + "/cache\n";
 }
 
 std::string client_config(const SshdSandbox* sb, const std::vector<std::string>& aliases,

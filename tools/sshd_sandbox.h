@@ -3,7 +3,7 @@
  * tests and benchmarks: its own host and user keys, configuration, port and
  * log in a temporary directory, key authentication only, and a client
  * configuration to pass as "ssh -F FILE".  Nothing in ~/.ssh is read or
- * written.
+ * written; a login's XDG_CACHE_HOME is DIR/cache.
  */
 #ifndef SSHD_SANDBOX_H
 #define SSHD_SANDBOX_H

@@ -159,7 +159,6 @@ int parse_options(int argc, char** argv, EactlSession* s, HostOptions* h, int* p
     long n = 0;
     int opt, hosts_given = 0;
     while ((opt = eactl_getopt(argc, argv, "+w:x:vh", kOptions)) != -1) {
-        size_t before = h->names.size();
         switch (opt) {
         case 'h':
             usage(stdout);
@@ -177,7 +176,7 @@ int parse_options(int argc, char** argv, EactlSession* s, HostOptions* h, int* p
             }
             if (eactl_expand_hosts(optarg, &h->names) != 0)
                 return -1;
-            h->listed = h->listed || h->names.size() - before != 1 || ++hosts_given > 1;
+            h->listed = h->listed || strpbrk(optarg, "[,") || ++hosts_given > 1;
             break;
         case 'x':
             if (eactl_expand_hosts(optarg, &h->exclude) != 0)

@@ -131,6 +131,10 @@ int eactl_cmd_demo(EactlSession* s, int argc, char** argv)
             return EACTL_FAILED;
         }
         s->files.push_back({sim, "work/linux-kvx-client/kvxbackupvol"});
+        /* the agent's cleanup cancels a running backup through it */
+        std::string monitor = eactl_find_program("kvxmonitor-sim");
+        if (!monitor.empty())
+            s->files.push_back({monitor, "work/linux-kvx-client/kvxmonitor"});
         return EACTL_OK;
     }
     if (!s->json)

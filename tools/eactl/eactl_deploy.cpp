@@ -17,7 +17,10 @@
  *   node:   kvx-eactl-ready DIR
  *   ...     the agent serves on the stream until its input ends; its
  *           standard error goes to DIR/kvx_ea.stderr, which the script then
- *           copies to its own standard error before it removes DIR.
+ *           copies to its own standard error before it removes DIR.  What
+ *           the agent left running in the shell's process group (a
+ *           background job) gets SIGTERM first: nothing runs from a removed
+ *           directory.
  */
 #include "eactl.h"
 
@@ -64,7 +67,7 @@ const char kBootScript[] =
     "printf 'kvx-eactl-ready %s\\n' \"$d\"; "
     "sh -c '\"$0\" --targetworkdir \"$1\" 2>\"$2\"; exit $?' "
     "\"$d/boot/kvx_ea\" \"$d/work\" \"$d/kvx_ea.stderr\"; "
-    "s=$?; trap '' PIPE; head -c 65536 \"$d/kvx_ea.stderr\" >&2; @REMOVE@; exit $s";
+    "s=$?; trap '' PIPE TERM; kill -TERM 0 2>/dev/null; head -c 65536 \"$d/kvx_ea.stderr\" >&2; @REMOVE@; exit $s";
 
 /* The node's agent cache: a directory of its login account, mode 0700,
  * listed by hash; no cache when it is anyone else's. */

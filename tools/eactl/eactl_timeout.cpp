@@ -18,7 +18,7 @@
 
 namespace {
 
-const unsigned kGraceS = 5;   /* from the closed input to the kill */
+const unsigned kGraceS = 10;   /* from the closed input to the kill */
 
 volatile sig_atomic_t g_timed_out = 0;
 volatile sig_atomic_t g_interrupted = 0;
