@@ -15,3 +15,16 @@ if(TARGET kvx-eactl)
     endif()
   endforeach()
 endif()
+
+# The Debian package as lintian sees it: no error, no warning.
+if(TARGET kvx-eactl AND TARGET kvx_ea-static AND TARGET kvxbackupvol-sim)
+  find_program(KVX_LINTIAN lintian)
+  if(KVX_LINTIAN)
+    add_test(NAME eactl_lintian
+             COMMAND bash ${PROJECT_SOURCE_DIR}/scripts/package.sh --bin ${CMAKE_BINARY_DIR}/bin
+                     --out ${CMAKE_CURRENT_BINARY_DIR}/eactl_lintian --lintian)
+    set_tests_properties(eactl_lintian PROPERTIES TIMEOUT 300)
+  else()
+    message(STATUS "eactl_lintian: lintian missing (scripts/setup.sh installs it), not tested")
+  endif()
+endif()

@@ -152,6 +152,28 @@ TEST(EactlHosts, RangesListsAndDuplicates)
     EXPECT_EQ("n1 n3 n4 ", names);
 }
 
+/* Shared ssh connections only through a directory of this user that no one
+ * else can enter. */
+TEST(EactlHosts, ControlDirectoryOfOthersIsNotUsed)
+{
+    std::string dir = temp_dir("kvx-eactl-cm");
+    ASSERT_FALSE(dir.empty());
+    std::string mine = dir + "/mine", open_dir = dir + "/open";
+    mkdir(open_dir.c_str(), 0755);
+    setenv("KVX_EACTL_CONTROL_DIR", mine.c_str(), 1);
+    EXPECT_EQ(mine, eactl_control_dir());
+    struct stat st;
+    ASSERT_EQ(0, stat(mine.c_str(), &st));
+    EXPECT_EQ(0700u, st.st_mode & 0777);
+    setenv("KVX_EACTL_CONTROL_DIR", open_dir.c_str(), 1);
+    EXPECT_EQ("", eactl_control_dir());
+    symlink(mine.c_str(), (dir + "/link").c_str());
+    setenv("KVX_EACTL_CONTROL_DIR", (dir + "/link").c_str(), 1);
+    EXPECT_EQ("", eactl_control_dir());
+    unsetenv("KVX_EACTL_CONTROL_DIR");
+    remove_tree(dir);
+}
+
 class EactlClient : public ::testing::Test {
 protected:
     void SetUp() override
