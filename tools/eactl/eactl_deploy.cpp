@@ -54,20 +54,21 @@ const char kBootScript[] =
     "printf 'kvx-eactl-boot 1 %s%s\\n' \"$(uname -m)\" \"$h\"; "
     "read -r go && [ \"$go\" = deploy ] || exit 0; "
     "@TARGET@; "
-    "[ -n \"$d\" ] && mkdir -p \"$d/boot\" \"$d/work/linux-kvx-client\" || exit 70; "
     "ok=; while read -r n f x; do "
     "if [ \"$n\" = . ]; then ok=1; break; fi; "
     "if [ \"$n\" = = ]; then "
-    "echo \"$x  $c/$x\" | sha256sum -c --status 2>/dev/null && cp \"$c/$x\" \"$d/$f\" && chmod 755 \"$d/$f\" || "
+    "echo \"$x  $c/$x\" | sha256sum -c --status 2>/dev/null && cp \"$c/$x\" \"$d/$f\" || "
     "{ rm -f \"$c/$x\"; echo \"kvx-eactl: the cached agent $c/$x failed its check and was removed; run again\" >&2; break; }; "
-    "else head -c \"$n\" >\"$d/$f\" && chmod 755 \"$d/$f\" || break; "
-    "[ -z \"$x\" ] || [ -z \"$c\" ] || { mkdir -p \"$c\" && chmod 700 \"$c\" && [ -O \"$c\" ] && "
-    "cp \"$d/$f\" \"$c/.$x.$$\" && mv -f \"$c/.$x.$$\" \"$c/$x\"; } 2>/dev/null; fi; done; "
+    "else head -c \"$n\" >\"$d/$f\" || break; "
+    /* the store into the cache runs beside the agent's start */
+    "[ -z \"$x\" ] || [ -z \"$c\" ] || { { [ -d \"$c\" ] || mkdir -m 700 -p \"$c\"; } && [ -O \"$c\" ] && "
+    "cp \"$d/$f\" \"$c/.$x.$$\" && mv -f \"$c/.$x.$$\" \"$c/$x\"; } 2>/dev/null & fi; "
+    "[ -x \"$d/$f\" ] || chmod 755 \"$d/$f\" || break; done; "
     "if [ -z \"$ok\" ]; then echo \"kvx-eactl: the copy into $d stopped short\" >&2; @REMOVE@; exit 70; fi; "
     "printf 'kvx-eactl-ready %s\\n' \"$d\"; "
     "sh -c '\"$0\" --targetworkdir \"$1\" 2>\"$2\"; exit $?' "
     "\"$d/boot/kvx_ea\" \"$d/work\" \"$d/kvx_ea.stderr\"; "
-    "s=$?; trap '' PIPE TERM; kill -TERM 0 2>/dev/null; head -c 65536 \"$d/kvx_ea.stderr\" >&2; @REMOVE@; exit $s";
+    "s=$?; wait; trap '' PIPE TERM; kill -TERM 0 2>/dev/null; head -c 65536 \"$d/kvx_ea.stderr\" >&2; @REMOVE@; exit $s";
 
 /* The node's agent cache: a directory of its login account, mode 0700,
  * listed by hash; no cache when it is anyone else's. */
@@ -78,21 +79,23 @@ const char kCacheScript[] =
     "elif [ -e \"$c\" ]; then c=; fi; ";
 
 /* A fresh target in the first of /tmp, $TMPDIR, /var/tmp and $HOME where a
- * copied program can run (CIS-hardened nodes mount /tmp noexec). */
+ * copied program can run (CIS-hardened nodes mount /tmp noexec): the probe
+ * is a script in the agent's place, which the agent's copy then replaces. */
 const char kFreshTarget[] =
     "d=; for b in /tmp \"$TMPDIR\" /var/tmp \"$HOME\"; do "
     "[ -n \"$b\" ] && [ -d \"$b\" ] || continue; "
-    "d=$(mktemp -d \"$b/kvx-eactl.XXXXXX\" 2>/dev/null) && chmod 755 \"$d\" || { d=; continue; }; "
-    "printf '#!/bin/sh\\n' >\"$d/probe\" && chmod 755 \"$d/probe\" && \"$d/probe\" 2>/dev/null && "
-    "{ rm -f \"$d/probe\"; break; }; rm -rf \"$d\"; d=; done; "
+    "d=$(mktemp -d \"$b/kvx-eactl.XXXXXX\" 2>/dev/null) || { d=; continue; }; "
+    "mkdir -p \"$d/boot\" \"$d/work/linux-kvx-client\" && printf '#!/bin/sh\\n' >\"$d/boot/kvx_ea\" && "
+    "chmod 755 \"$d\" \"$d/boot/kvx_ea\" && \"$d/boot/kvx_ea\" 2>/dev/null && break; rm -rf \"$d\"; d=; done; "
     "[ -n \"$d\" ] || { echo \"kvx-eactl: no directory where a program can run: /tmp, \\$TMPDIR, /var/tmp, \\$HOME\" >&2; exit 70; }";
 
 /* --target DIR as it is, with the same probe and a message that names it. */
 const char kGivenTarget[] =
-    "d=@DIR@; mkdir -p \"$d\" && printf '#!/bin/sh\\n' >\"$d/.kvx-eactl-probe\" && "
-    "chmod 755 \"$d/.kvx-eactl-probe\" && \"$d/.kvx-eactl-probe\" 2>/dev/null || "
-    "{ rm -f \"$d/.kvx-eactl-probe\"; echo \"kvx-eactl: $d cannot run programs (mounted noexec or read-only?)\" >&2; exit 70; }; "
-    "rm -f \"$d/.kvx-eactl-probe\"";
+    "d=@DIR@; mkdir -p \"$d/boot\" \"$d/work/linux-kvx-client\" && printf '#!/bin/sh\\n' >\"$d/boot/kvx_ea\" && "
+    "chmod 755 \"$d/boot/kvx_ea\" && \"$d/boot/kvx_ea\" 2>/dev/null || "
+    "{ echo \"kvx-eactl: $d cannot run programs (mounted noexec or read-only?)\" >&2; exit 70; }";
+
+std::string sha256_of(const std::string& path);
 
 int remove_entry(const char* path, const struct stat*, int, struct FTW*)
 {
@@ -344,6 +347,43 @@ std::vector<std::string> eactl_split_command(const std::string& text)
 
 std::string eactl_file_hash(const std::string& path)
 {
+    /* A file's hash is kept in the private control directory under its
+     * device, inode, size and time of change: one sha256sum per build. */
+    struct stat st;
+    std::string dir = eactl_control_dir(), memo;
+    if (!dir.empty() && stat(path.c_str(), &st) == 0) {
+        char name[160];
+        snprintf(name, sizeof(name), "/hash-%llx-%llx-%llx-%lld.%ld", (unsigned long long)st.st_dev,
+                 (unsigned long long)st.st_ino, (unsigned long long)st.st_size,
+                 (long long)st.st_ctim.tv_sec, (long)st.st_ctim.tv_nsec);
+        memo = dir + name;
+        FILE* f = fopen(memo.c_str(), "r");
+        char text[80] = "";
+        if (f) {
+            bool whole = fgets(text, sizeof(text), f) && strlen(text) == 64;
+            fclose(f);
+            if (whole && strspn(text, "0123456789abcdef") == 64)
+                return text;
+        }
+    }
+    std::string out = sha256_of(path);
+    if (!memo.empty() && out.size() == 64) {
+        std::string tmp = memo + ".tmp" + std::to_string(getpid());
+        FILE* f = fopen(tmp.c_str(), "w");
+        if (f && fputs(out.c_str(), f) >= 0 && fclose(f) == 0)
+            rename(tmp.c_str(), memo.c_str());
+        else if (f)
+            fclose(f);
+        unlink(tmp.c_str());
+    }
+    return out;
+}
+
+namespace {
+
+/* sha256sum's hash of a file in hex, "" when it fails. */
+std::string sha256_of(const std::string& path)
+{
     std::string out;
     int fds[2];
     if (pipe2(fds, O_CLOEXEC) != 0)
@@ -371,6 +411,8 @@ std::string eactl_file_hash(const std::string& path)
     out = out.substr(0, out.find(' '));
     return pid > 0 && WIFEXITED(st) && WEXITSTATUS(st) == 0 && out.size() == 64 ? out : "";
 }
+
+} /* namespace */
 
 std::string eactl_control_dir()
 {
