@@ -52,9 +52,10 @@ TEST(EactlUnits, ProgressLineShowsPercentSizesRateAndTimes)
         st.vol.tm_usd = (UINT32)c.vol_rate;
         st.dt_fin = c.job_done_kib;
         snprintf(st.vol.name, sizeof(st.vol.name), "%s", c.volume);
-        std::string line = eactl_progress_line(st, c.elapsed);
+        std::string line = eactl_progress_line(st, c.elapsed, 79);
         EXPECT_EQ(c.line, line);
         EXPECT_LE(line.size(), 79u);
+        EXPECT_EQ(line.substr(0, 30), eactl_progress_line(st, c.elapsed, 30));
     }
 }
 

@@ -7,7 +7,10 @@
 #include <gtest/gtest.h>
 #include <jansson.h>
 #include <string.h>
+#include <poll.h>
+#include <pty.h>
 #include <signal.h>
+#include <sys/ioctl.h>
 #include <sys/prctl.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -462,6 +465,55 @@ TEST_F(EactlDeploy, NoexecTmpFallsBackToAnotherDirectory)
     EXPECT_EQ("", left.out);
     remove_tree(var_tmpdir);
     remove_tree(tmpdir);
+}
+
+/* On a terminal the progress line takes its width (less the last column)
+ * and follows a change of size at once; activity lines are whole. */
+TEST_F(EactlDeploy, ProgressLineFitsTheTerminalAndFollowsItsSize)
+{
+    struct winsize ws = {20, 40, 0, 0};
+    int master = -1;
+    pid_t pid = forkpty(&master, nullptr, nullptr, &ws);
+    ASSERT_GE(pid, 0);
+    if (pid == 0) {
+        std::string eactl = kBin + "/kvx-eactl";
+        execl(eactl.c_str(), eactl.c_str(), "demo", "--seconds", "4", (char*)nullptr);
+        _exit(127);
+    }
+    std::string text;
+    size_t resized_at = std::string::npos;
+    char buf[4096];
+    for (;;) {
+        struct pollfd p = {master, POLLIN, 0};
+        if (poll(&p, 1, 30000) <= 0)
+            break;
+        ssize_t n = read(master, buf, sizeof(buf));
+        if (n <= 0)
+            break;   /* EIO once the client has ended */
+        text.append(buf, (size_t)n);
+        if (resized_at == std::string::npos && has(text, "MiB/s")) {
+            resized_at = text.size();
+            ws.ws_col = 60;
+            ioctl(master, TIOCSWINSZ, &ws);
+        }
+    }
+    close(master);
+    int st = 0;
+    waitpid(pid, &st, 0);
+    EXPECT_TRUE(WIFEXITED(st) && WEXITSTATUS(st) == 0) << text;
+    ASSERT_NE(std::string::npos, resized_at) << text;
+    size_t before = 0, after = 0;
+    for (size_t at = 0, end; at < text.size(); at = end + 1) {
+        end = text.find_first_of("\r\n", at);
+        end = end == std::string::npos ? text.size() : end;
+        std::string seg = text.substr(at, end - at);
+        if (!has(seg, "MiB/s") || has(seg, "read 7.0 GiB"))
+            continue;
+        (end <= resized_at ? before : after) = std::max(end <= resized_at ? before : after, seg.size());
+    }
+    EXPECT_EQ(39u, before) << text;
+    EXPECT_EQ(59u, after) << text;
+    EXPECT_TRUE(has(text, "  info     Backing up /dev/sdb1 (xfs, 2.5 GiB)")) << text;
 }
 
 /* Without --agent each node gets the agent it can run: here either one

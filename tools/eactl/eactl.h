@@ -235,8 +235,14 @@ std::string eactl_duration(long seconds);
 double eactl_mib_per_s(unsigned long long kib_per_min);
 /* The progress line of a running job: the current volume's percent,
  * done and estimated total, the rate, elapsed time (seconds, < 0 unknown),
- * time left and the volume name.  At most 79 characters. */
-std::string eactl_progress_line(const JOB_STATUS& st, long elapsed_s);
+ * time left and the volume name.  At most width characters (1 to 383). */
+std::string eactl_progress_line(const JOB_STATUS& st, long elapsed_s, int width);
+/* Columns a line on the terminal may take: its width less one (the last
+ * column would wrap), 79 when standard output is not a terminal.  Arms
+ * SIGWINCH on the first call. */
+int  eactl_line_width();
+/* Whether the terminal changed its size since the last call. */
+bool eactl_resized();
 /* An activity log line "TYPE CODE TEXT" as "HH:MM:SS  level  TEXT (code N)",
  * at the given time; a line of another form is shown as it is. */
 std::string eactl_activity_line(const char* line, time_t when);

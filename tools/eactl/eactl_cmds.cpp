@@ -289,7 +289,7 @@ int eactl_cmd_status(EactlSession* s, int argc, char** argv)
         return EACTL_OK;
     }
     printf("job running (status %u, type %u, phase %u)\n%s\n", r.sts, r.typ, r.stg,
-           eactl_progress_line(r, -1).c_str());
+           eactl_progress_line(r, -1, s->tty ? eactl_line_width() : 79).c_str());
     printf("processed %s, written %s at %.1f MiB/s\n", eactl_bytes(r.dt_fin << 10).c_str(),
            eactl_bytes(r.processed_data_w << 10).c_str(), eactl_mib_per_s(r.throughput_w));
     if (r.job_statistic.DataIsValid)
@@ -310,7 +310,7 @@ void eactl_print_activity(EactlSession* s, const char* text)
         std::string line = nl ? std::string(at, nl) : std::string(at);
         std::string shown = eactl_activity_line(line.c_str(), now);
         if (s->tty)
-            printf("\r%-79s\n", shown.c_str());   /* over a progress line */
+            printf("\r%-*s\n", eactl_line_width(), shown.c_str());   /* over a progress line */
         else
             printf("%s\n", shown.c_str());
         at = nl ? nl + 1 : at + line.size();

@@ -8,6 +8,7 @@
  */
 #include "eactl.h"
 
+#include <errno.h>
 #include <getopt.h>
 #include <stdlib.h>
 #include <string.h>
@@ -50,13 +51,26 @@ int parse_demo(int argc, char** argv, DemoOptions* o)
     return EACTL_OK;
 }
 
-void show_progress(EactlSession* s, const std::string& line)
+void show_progress(EactlSession* s, const JOB_STATUS& st, long elapsed)
 {
-    if (s->tty)
-        printf("\r%-79s", line.c_str());
-    else
-        printf("%s\n", line.c_str());
+    if (s->tty) {
+        int width = eactl_line_width();
+        printf("\r%-*s", width, eactl_progress_line(st, elapsed, width).c_str());
+    } else {
+        printf("%s\n", eactl_progress_line(st, elapsed, 79).c_str());
+    }
     fflush(stdout);
+}
+
+/* Waits a second; on a terminal that changes its size meanwhile the
+ * progress line is drawn again at the new width. */
+void wait_a_second(EactlSession* s, const JOB_STATUS& st, long elapsed)
+{
+    struct timespec left = {1, 0};
+    while (nanosleep(&left, &left) != 0 && errno == EINTR && !eactl_interrupted()) {
+        if (s->tty && eactl_resized())
+            show_progress(s, st, elapsed);
+    }
 }
 
 /* Starts the simulated job in the background; 0 or EACTL_FAILED. */
@@ -103,15 +117,15 @@ int watch_job(EactlSession* s, JOB_STATUS* st)
         if (st->sts == EACTL_JOB_ENDED)
             break;
         if (rc == 0)
-            show_progress(s, eactl_progress_line(*st, (long)(time(NULL) - start)));
+            show_progress(s, *st, (long)(time(NULL) - start));
         if (time(NULL) - start > POLL_LIMIT_S) {
             eactl_error(s, "demo: the job did not end within %d s", POLL_LIMIT_S);
             return EACTL_FAILED;
         }
-        sleep(1);
+        wait_a_second(s, *st, (long)(time(NULL) - start));
     }
     if (s->tty)
-        printf("\r%-79s\r", "");
+        printf("\r%-*s\r", eactl_line_width(), "");
     return EACTL_OK;
 }
 

@@ -7,11 +7,21 @@
  */
 #include "eactl.h"
 
+#include <signal.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/ioctl.h>
 #include <time.h>
+#include <unistd.h>
 
 namespace {
+
+volatile sig_atomic_t g_resized = 0;
+
+void on_winch(int)
+{
+    g_resized = 1;
+}
 
 const char* const kUnits[] = {"B", "KiB", "MiB", "GiB", "TiB", "PiB"};
 
@@ -69,7 +79,7 @@ double eactl_mib_per_s(unsigned long long kib_per_min)
     return (double)kib_per_min / 60.0 / 1024.0;
 }
 
-std::string eactl_progress_line(const JOB_STATUS& st, long elapsed_s)
+std::string eactl_progress_line(const JOB_STATUS& st, long elapsed_s, int width)
 {
     unsigned long long pct = st.vol.dt_all > 100 ? 100 : st.vol.dt_all;
     unsigned long long done = st.vol.dt_fin << 10;
@@ -95,7 +105,7 @@ std::string eactl_progress_line(const JOB_STATUS& st, long elapsed_s)
     snprintf(line, sizeof(line), "%3llu%%  %s  %.1f MiB/s  elapsed %s  ETA %s  %.*s", pct, size,
              eactl_mib_per_s(rate), eactl_duration(elapsed_s).c_str(), eactl_duration(left).c_str(),
              (int)sizeof(st.vol.name), st.vol.name);
-    line[79] = '\0';
+    line[width < 1 ? 1 : width > 383 ? 383 : width] = '\0';
     return line;
 }
 
@@ -179,4 +189,28 @@ void eactl_readable_fields(int fn, const char* res, json_t* rec)
         set_rate(rec, "read_rate_mib_s", r->throughput_read);
         set_rate(rec, "write_rate_mib_s", r->throughput_write);
     }
+}
+
+int eactl_line_width()
+{
+    static bool armed = false;
+    if (!armed) {
+        struct sigaction sa;
+        memset(&sa, 0, sizeof(sa));
+        sa.sa_handler = on_winch;
+        sa.sa_flags = SA_RESTART;
+        sigaction(SIGWINCH, &sa, NULL);
+        armed = true;
+    }
+    struct winsize ws;
+    if (ioctl(STDOUT_FILENO, TIOCGWINSZ, &ws) != 0 || ws.ws_col < 2)
+        return 79;
+    return ws.ws_col - 1 > 383 ? 383 : ws.ws_col - 1;
+}
+
+bool eactl_resized()
+{
+    bool r = g_resized != 0;
+    g_resized = 0;
+    return r;
 }
