@@ -10,6 +10,7 @@
  *         client's memo of its agent's hash is kept);
  *   warm: the shared connections and the cached agent of an earlier call.
  *
+ * The agent is deployed stripped, as the package ships it.
  * pdsh ("pdsh -w node[1-8] true") and Ansible ("ansible -m raw -a true",
  * 8 forks) are measured beside them when installed.  Rounds interleave the
  * measures; medians are reported.  Targets: warm <= 0.6x, cold <= 1.2x.
@@ -110,11 +111,20 @@ int main(int argc, char** argv)
     std::vector<Command> bare;
     for (const std::string& a : aliases)
         bare.push_back({"ssh", "-F", sb.client_config, a, "true"});
-    Command eactl = {bindir + "kvx-eactl", "--ssh", ssh, "--host", range, "ping", "bench"};
+    /* the agent as the package ships it: stripped (the build tree's carries debug information) */
+    std::string agent = sb.dir + "/kvx_ea-static";
+    if (sshd_sandbox_run({"sh", "-c", "strip --strip-unneeded -o " + agent + " " + bindir + "kvx_ea-static"}) != 0) {
+        fprintf(stderr, "bench_ssh: cannot strip a copy of %skvx_ea-static\n", bindir.c_str());
+        sshd_sandbox_stop(&sb);
+        return 1;
+    }
+    Command eactl = {bindir + "kvx-eactl", "--ssh", ssh, "--agent", agent, "--host", range, "ping", "bench"};
     Command warm = {"env", "KVX_EACTL_CONTROL_DIR=" + warm_dir};
     warm.insert(warm.end(), eactl.begin(), eactl.end());
     Command cold = {"env", "KVX_EACTL_CONTROL_DIR=" + cold_dir};
     cold.insert(cold.end(), eactl.begin(), eactl.end());
+    Command cold_plain = cold;
+    cold_plain.insert(cold_plain.begin() + 3, "--no-reuse");
     /* untimed between cold rounds: no shared connection, no cached agent */
     Command forget = {"sh", "-c", "for h in " + [&] { std::string l; for (auto& a : aliases) l += a + " "; return l; }() +
                                   "; do ssh -F " + sb.client_config + " -o ControlPath=" + cold_dir +
@@ -129,14 +139,17 @@ int main(int argc, char** argv)
                        "-f", std::to_string(nodes), "-m", "raw", "-a", "true"};
     bool with_pdsh = installed("pdsh"), with_ansible = installed("ansible");
 
-    std::vector<Measure> m = {{"bare", {}}, {"cold", {}}, {"warm", {}}, {"pdsh", {}}, {"ansible", {}}};
+    std::vector<Measure> m = {{"bare", {}}, {"cold", {}}, {"warm", {}}, {"pdsh", {}}, {"ansible", {}},
+                              {"cold-no-reuse", {}}};
     int failed = 0;
     sshd_sandbox_run(warm);   /* the warm measure's connections and cache */
     for (int k = 0; k < rounds + 1 && !failed; k++) {   /* the first round warms up */
         sshd_sandbox_run(forget);
-        double t[5] = {timed_together({bare}), timed_together({cold}), timed_together({warm}),
-                       with_pdsh ? timed_together({pdsh}) : 0, with_ansible ? timed_together({ansible}) : 0};
-        for (int j = 0; j < 5; j++) {
+        double t[6] = {timed_together({bare}), timed_together({cold}), timed_together({warm}),
+                       with_pdsh ? timed_together({pdsh}) : 0, with_ansible ? timed_together({ansible}) : 0, 0};
+        sshd_sandbox_run(forget);
+        t[5] = timed_together({cold_plain});
+        for (int j = 0; j < 6; j++) {
             failed = failed || t[j] < 0;
             if (k > 0)
                 m[j].ms.push_back(t[j]);
@@ -158,6 +171,7 @@ int main(int argc, char** argv)
     const struct { int j; const char* what; double target; } rows[] = {
         {1, "kvx-eactl ping, cold (new connections, agent copied)", 1.2},
         {2, "kvx-eactl ping, warm (shared connections, cached agent)", 0.6},
+        {5, "kvx-eactl --no-reuse ping, cold (agent copied)", 0},
         {3, "pdsh -w node[1-N] true", 0},
         {4, "ansible all -m raw -a true (-f N)", 0},
     };
