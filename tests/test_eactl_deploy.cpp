@@ -428,6 +428,23 @@ TEST_F(EactlDeploy, InterruptDuringDemoLeavesNothingBehind)
     prctl(PR_SET_CHILD_SUBREAPER, 0);
 }
 
+/* A command that outlasts --command-timeout keeps the agent from reading
+ * its closed input: after the grace period the client ends the node's
+ * process group through a second session, and nothing stays on the node. */
+TEST_F(EactlDeploy, TimeOutEndsACommandStuckOnTheNode)
+{
+    Outcome r = run_eactl(over_ssh({"-v", "--command-timeout", "1", "--host", "node3", "exec", "--wait",
+                                    "sleep 67; echo kvx-eactl-stuck"}), dir);
+    EXPECT_EQ(4, r.status) << r.err;
+    EXPECT_LT(r.seconds, 30.0);
+    EXPECT_TRUE(has(r.err, "kvx-eactl: node3: exec: timed out after 1 s")) << r.err;
+    std::smatch m;
+    ASSERT_TRUE(std::regex_search(r.err, m, std::regex(" deployed in (/[^ \n]+)"))) << r.err;
+    EXPECT_NE(0, access(std::string(m[1]).c_str(), F_OK)) << m[1] << " left on the node";
+    Outcome ps = run_program({"sh", "-c", "grep -l 'kvx-eactl-stuc[k]' /proc/[0-9]*/cmdline 2>/dev/null"}, dir);
+    EXPECT_EQ("", ps.out) << "the command runs on";
+}
+
 /* A node whose /tmp cannot run programs (a private mount namespace with a
  * noexec tmpfs on /tmp): the deploy moves on to $TMPDIR, then /var/tmp, and
  * says so in one line; --target still decides. */

@@ -66,6 +66,7 @@ typedef struct EactlSession {
     int   exit_status = 0;           /* worst exit status of a command the node ran */
     std::string reason;              /* why the node failed, for --json */
     pid_t shell_pid = -1;            /* the disposable parent (sh or ssh) */
+    int   node_pgid = 0;             /* the process group of the node's shell */
     int   err_fd = -1;               /* captured standard error of that parent */
     FILE* from_agent = nullptr;
     FILE* to_agent = nullptr;
@@ -175,6 +176,8 @@ int  eactl_interrupted();
 void eactl_watch_shell(pid_t pgid, int read_fd, int write_fd);
 void eactl_unwatch_shell();
 bool eactl_timed_out();
+/* Whether the grace period ran out and the shell's group was killed. */
+bool eactl_killed();
 /* Waits for the shell at most the grace period once the input was closed
  * for a time-out or an interrupt; kills its group after that.  The wait
  * status, as waitpid gives it. */

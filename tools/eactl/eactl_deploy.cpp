@@ -14,7 +14,7 @@
  *           SIZE boot/kvx_ea  + SIZE bytes      (the agent for MACHINE)
  *           SIZE NAME         + SIZE bytes      (more files, e.g. the simulator)
  *           .
- *   node:   kvx-eactl-ready DIR
+ *   node:   kvx-eactl-ready PGID DIR
  *   ...     the agent serves on the stream until its input ends; its
  *           standard error goes to DIR/kvx_ea.stderr, which the script then
  *           copies to its own standard error before it removes DIR.  What
@@ -65,7 +65,9 @@ const char kBootScript[] =
     "cp \"$d/$f\" \"$c/.$x.$$\" && mv -f \"$c/.$x.$$\" \"$c/$x\"; } 2>/dev/null & fi; "
     "[ -x \"$d/$f\" ] || chmod 755 \"$d/$f\" || break; done; "
     "if [ -z \"$ok\" ]; then echo \"kvx-eactl: the copy into $d stopped short\" >&2; @REMOVE@; exit 70; fi; "
-    "printf 'kvx-eactl-ready %s\\n' \"$d\"; "
+    /* the process group of this shell, for an end through a second session */
+    "g=0; read -r _ _ _ _ g _ </proc/$$/stat 2>/dev/null; trap : HUP; "
+    "printf 'kvx-eactl-ready %s %s\\n' \"$g\" \"$d\"; "
     "sh -c '\"$0\" --targetworkdir \"$1\" 2>\"$2\"; exit $?' "
     "\"$d/boot/kvx_ea\" \"$d/work\" \"$d/kvx_ea.stderr\"; "
     "s=$?; wait; trap '' PIPE TERM; kill -TERM 0 2>/dev/null; head -c 65536 \"$d/kvx_ea.stderr\" >&2; @REMOVE@; exit $s";
@@ -137,12 +139,12 @@ std::string boot_script(const EactlSession* s)
     return script;
 }
 
-/* The command that runs the script: sh here, or ssh's remote shell. */
-std::vector<std::string> shell_args(const EactlSession* s)
+/* The command that runs a command line on the node: sh here, or ssh's
+ * remote shell. */
+std::vector<std::string> node_command(const EactlSession* s, const std::string& line)
 {
-    std::string script = boot_script(s);
     if (s->host.empty())
-        return {"/bin/sh", "-c", script};
+        return {"/bin/sh", "-c", line};
     std::vector<std::string> args = s->ssh;
     if (args.empty())
         args.push_back("ssh");
@@ -161,8 +163,44 @@ std::vector<std::string> shell_args(const EactlSession* s)
         args.insert(args.end(), opts.begin(), opts.end());
     }
     args.push_back(s->host);
-    args.push_back("sh -c " + shell_quote(script));
+    args.push_back("sh -c " + shell_quote(line));
     return args;
+}
+
+std::vector<std::string> shell_args(const EactlSession* s)
+{
+    return node_command(s, boot_script(s));
+}
+
+/* After the grace period the local ssh is gone, but an agent stuck in a
+ * command still runs on the node: a second session sends SIGHUP to the
+ * node's process group (the agent's own signal to clean up; the shell
+ * waits it out) and waits up to 5 s for the target's removal. */
+void end_on_node(EactlSession* s)
+{
+    if (s->host.empty() || s->node_pgid <= 1 || s->target_dir.empty())
+        return;
+    std::string line = "kill -HUP -" + std::to_string(s->node_pgid) + " 2>/dev/null; i=0; "
+                       "while [ -e " + shell_quote(s->target_dir) + " ] && [ $i -lt 50 ]; do sleep 0.1; i=$((i+1)); done";
+    std::vector<std::string> args = node_command(s, line);
+    args.insert(args.begin(), {"timeout", "-s", "KILL", std::to_string(s->connect_timeout_s + 10)});
+    pid_t pid = fork();
+    if (pid == 0) {
+        int null_fd = open("/dev/null", O_RDWR);
+        dup2(null_fd, 0);
+        dup2(null_fd, 1);
+        if (s->err_fd >= 0)
+            dup2(s->err_fd, 2);
+        std::vector<char*> argv;
+        for (std::string& a : args)
+            argv.push_back(&a[0]);
+        argv.push_back(nullptr);
+        execvp(argv[0], argv.data());
+        _exit(127);
+    }
+    int st;
+    while (pid > 0 && waitpid(pid, &st, 0) < 0 && errno == EINTR)
+        ;
 }
 
 /* A file that holds the shell's standard error, gone from the file system. */
@@ -464,10 +502,14 @@ int eactl_deploy(EactlSession* s)
         s->reason = "no agent for " + s->machine;
         return give_up(s, EACTL_FAILED, "nothing deployed");
     }
-    if (send_files(s, cached) != 0 || !read_marker(s, kReadyMarker, &s->target_dir)) {
+    std::string ready;
+    if (send_files(s, cached) != 0 || !read_marker(s, kReadyMarker, &ready) ||
+        ready.find(' ') == std::string::npos) {
         s->reason = "cannot install the agent";
         return give_up(s, EACTL_FAILED, s->reason.c_str());
     }
+    s->node_pgid = atoi(ready.c_str());
+    s->target_dir = ready.substr(ready.find(' ') + 1);
     s->work_dir = s->target_dir + "/work";
     if (s->own_dir && s->target_dir.compare(0, 5, "/tmp/") != 0)
         eactl_error(s, "/tmp cannot run programs: deployed in %s", s->target_dir.c_str());
@@ -531,6 +573,8 @@ int eactl_finish(EactlSession* s)
     s->to_agent = s->from_agent = nullptr;
     if (s->shell_pid > 0) {
         int st = eactl_wait_shell(s->shell_pid);
+        if (eactl_killed())
+            end_on_node(s);
         status = WIFEXITED(st) ? WEXITSTATUS(st) : 128 + WTERMSIG(st);
         s->shell_pid = -1;
     }

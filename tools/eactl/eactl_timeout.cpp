@@ -23,6 +23,7 @@ const unsigned kGraceS = 10;   /* from the closed input to the kill */
 volatile sig_atomic_t g_timed_out = 0;
 volatile sig_atomic_t g_interrupted = 0;
 volatile sig_atomic_t g_closing = 0;    /* the input was closed; the next alarm kills */
+volatile sig_atomic_t g_killed = 0;
 volatile sig_atomic_t g_shell = -1;
 volatile sig_atomic_t g_fds[2] = {-1, -1};
 int g_devnull = -1;
@@ -36,6 +37,7 @@ void close_input()
 
 void kill_shell()
 {
+    g_killed = 1;
     if (g_shell > 0) {
         /* The whole group: the agent under the shell, or ssh's proxy command, ends with it. */
         kill(-(pid_t)g_shell, SIGKILL);
@@ -89,6 +91,7 @@ void eactl_arm_timeout(int seconds)
 {
     alarm(0);
     g_timed_out = 0;
+    g_killed = 0;
     if (!g_interrupted)
         g_closing = 0;
     if (g_devnull < 0)
@@ -132,6 +135,11 @@ void eactl_unwatch_shell()
 bool eactl_timed_out()
 {
     return g_timed_out != 0;
+}
+
+bool eactl_killed()
+{
+    return g_killed != 0;
 }
 
 int eactl_wait_shell(pid_t pid)
