@@ -42,9 +42,10 @@ protected:
     }
     static void TearDownTestSuite()
     {
-        if (!sb.dir.empty())
-            sshd_sandbox_run({"ssh", "-F", sb.client_config, "-o", "ControlPath=" + sb.dir + "/cm/%C",
-                              "-O", "exit", "node1"});
+        for (const char* node : {"node1", "node2", "node3"})
+            if (!sb.dir.empty())
+                sshd_sandbox_run({"ssh", "-F", sb.client_config, "-o", "ControlPath=" + sb.dir + "/cm/%C",
+                                  "-O", "exit", node});
         sshd_sandbox_stop(&sb);
         EXPECT_EQ(home_ssh, ssh_dir_state()) << "~/.ssh changed";
     }

@@ -117,10 +117,10 @@ std::string exit_file(const EactlSession* s)
 std::string with_exit_report(const EactlSession* s, const std::string& cmd, bool msg)
 {
     if (msg)
-        return "trap 's=$?; [ \"$s\" = 0 ] || printf \"\\037kvx-eactl-exit %d\\n\" \"$s\"' EXIT\n" + cmd;
+        return "trap 's=$?; [ \"$s\" = 0 ] || printf \"\\037kvx-eactl-exit %d\\n\" \"$s\"' EXIT; " + cmd;
     if (s->target_dir.find_first_of("\"$`\\'\n") != std::string::npos)
         return cmd;
-    return "trap 's=$?; [ \"$s\" = 0 ] || echo \"$s\" >\"" + exit_file(s) + "\"' EXIT\n" + cmd;
+    return "trap 's=$?; [ \"$s\" = 0 ] || echo \"$s\" >\"" + exit_file(s) + "\"' EXIT; " + cmd;
 }
 
 /* Takes the exit status out of a message-mode reply's text; 0 without one. */
