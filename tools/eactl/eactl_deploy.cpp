@@ -76,7 +76,8 @@ const char kBootScript[] =
  * listed by hash; no cache when it is anyone else's. */
 const char kCacheScript[] =
     "c=\"${XDG_CACHE_HOME:-$HOME/.cache}/kvx-eactl\"; h=; "
-    "if [ -d \"$c\" ] && [ ! -L \"$c\" ] && [ -O \"$c\" ] && chmod 700 \"$c\"; then "
+    "if ! command -v sha256sum >/dev/null 2>&1; then c=; "   /* nothing to check a copy with: no cache */
+    "elif [ -d \"$c\" ] && [ ! -L \"$c\" ] && [ -O \"$c\" ] && chmod 700 \"$c\"; then "
     "for f in \"$c\"/[0-9a-f]*; do [ -f \"$f\" ] && h=\"$h ${f##*/}\"; done; "
     "elif [ -e \"$c\" ]; then c=; fi; ";
 
@@ -332,7 +333,7 @@ int give_up(EactlSession* s, int result, const char* what)
     if (eactl_interrupted())
         reason += ": interrupted";
     else if (eactl_timed_out())
-        reason += ": no answer within " + std::to_string(s->connect_timeout_s) + " s";
+        reason += ": no answer within " + std::to_string(s->host.empty() ? s->timeout_s : s->connect_timeout_s) + " s";
     eactl_error(s, "%s", reason.c_str());
     eactl_finish(s);
     return result;
