@@ -10,7 +10,7 @@
 #include <algorithm>
 
 #include "eactl.h"
-#include "eactl_testkit.h"
+#include "eactl_fixture.h"
 
 namespace {
 
@@ -175,16 +175,6 @@ TEST(EactlHosts, ControlDirectoryOfOthersIsNotUsed)
     remove_tree(dir);
 }
 
-class EactlClient : public ::testing::Test {
-protected:
-    void SetUp() override
-    {
-        dir = temp_dir("kvx-eactl-test");
-        ASSERT_FALSE(dir.empty());
-    }
-    void TearDown() override { remove_tree(dir); }
-    std::string dir;
-};
 
 /* Every one exits 2 before the target directory (made by any deployment)
  * exists, with one line that names what was wrong. */
@@ -258,30 +248,6 @@ TEST_F(EactlClient, FailureNamesTheNodeAndShowsTheAgentsStandardError)
     EXPECT_TRUE(has(r.err, "kvx-eactl: localhost: stderr: bad start: --targetworkdir /tmp/kvx-eactl."))
         << r.err;
     EXPECT_EQ(r.err.find("procedure 1 failed"), r.err.rfind("procedure 1 failed")) << "stops there";
-}
-
-/* A hung agent whose helper left its process group holding the client's
- * pipes: at the time-out the group is killed and the pipes read end of file. */
-TEST_F(EactlClient, TimeOutEndsANodeWhoseProcessesHoldItsPipes)
-{
-    spill(dir + "/agent",
-          "#!/bin/sh\necho $$ > " + dir + "/agent.pid\n"
-          "setsid sleep 30 & echo $! > " + dir + "/escaped.pid\nexec sleep 30\n", 0755);
-    Outcome r = run_eactl({"-v", "--command-timeout", "1", "--agent", dir + "/agent", "ping", "x"}, dir);
-    pid_t agent = atoi(slurp(dir + "/agent.pid").c_str());
-    pid_t escaped = atoi(slurp(dir + "/escaped.pid").c_str());
-    if (escaped > 0)
-        kill(escaped, SIGKILL);
-    EXPECT_EQ(4, r.status);
-    EXPECT_LT(r.seconds, 20.0) << "held by the escaped process";
-    EXPECT_TRUE(has(r.err, "kvx-eactl: localhost: ping: timed out after 1 s")) << r.err;
-    size_t at = r.err.find(" deployed in ");
-    ASSERT_NE(std::string::npos, at) << r.err;
-    std::string target = r.err.substr(at + 13, r.err.find('\n', at) - at - 13);
-    EXPECT_NE(0, access(target.c_str(), F_OK)) << target << " left behind";
-    ASSERT_GT(agent, 0);
-    std::string stat = slurp("/proc/" + std::to_string(agent) + "/stat");
-    EXPECT_TRUE(stat.empty() || has(stat, ") Z ")) << "the agent runs on: " << stat;
 }
 
 } // namespace

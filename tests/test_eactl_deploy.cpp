@@ -18,90 +18,11 @@
 #include <regex>
 
 #include "eactl.h"
-#include "eactl_testkit.h"
-#include "sshd_sandbox.h"
+#include "eactl_fixture.h"
 
 namespace {
 
-const std::string kBin = KVX_BIN_DIR;
 
-bool built(const char* name)
-{
-    return access((kBin + "/" + name).c_str(), X_OK) == 0;
-}
-
-class EactlDeploy : public ::testing::Test {
-protected:
-    static void SetUpTestSuite()
-    {
-        home_ssh = ssh_dir_state();
-        if (!sshd_sandbox_start(&sb, {"node1", "node2", "node3"}, &sb_error))
-            sb.dir.clear();
-        /* shared connections of this suite only, ended with it */
-        setenv("KVX_EACTL_CONTROL_DIR", (sb.dir + "/cm").c_str(), 1);
-    }
-    static void TearDownTestSuite()
-    {
-        for (const char* node : {"node1", "node2", "node3"})
-            if (!sb.dir.empty())
-                sshd_sandbox_run({"ssh", "-F", sb.client_config, "-o", "ControlPath=" + sb.dir + "/cm/%C",
-                                  "-O", "exit", node});
-        sshd_sandbox_stop(&sb);
-        EXPECT_EQ(home_ssh, ssh_dir_state()) << "~/.ssh changed";
-    }
-    void SetUp() override
-    {
-        ASSERT_FALSE(sb.dir.empty()) << sb_error;
-        dir = temp_dir("kvx-eactl-test");
-        ASSERT_FALSE(dir.empty());
-    }
-    void TearDown() override { remove_tree(dir); }
-
-    /* What ~/.ssh holds: its entries with their sizes and times. */
-    static std::string ssh_dir_state()
-    {
-        const char* home = getenv("HOME");
-        std::string path = std::string(home ? home : "/") + "/.ssh";
-        Outcome r = run_program({"sh", "-c", "ls -la --time-style=full-iso '" + path + "' 2>&1"}, "/tmp");
-        return r.out;
-    }
-    /* The client's options to reach the sandbox; the sanitizer build has no
-     * static agent and deploys its own. */
-    std::vector<std::string> over_ssh(std::vector<std::string> args) const
-    {
-        std::vector<std::string> opts = {"--ssh", "ssh -F " + sb.client_config};
-        if (!built("kvx_ea-static"))
-            opts.insert(opts.end(), {"--agent", kBin + "/kvx_ea"});
-        args.insert(args.begin(), opts.begin(), opts.end());
-        return args;
-    }
-    /* Connections sshd has accepted so far. */
-    static int connections()
-    {
-        std::string log = slurp(sb.dir + "/sshd.log");
-        int n = 0;
-        for (size_t at = log.find("Accepted publickey"); at != std::string::npos;
-             at = log.find("Accepted publickey", at + 1))
-            n++;
-        return n;
-    }
-
-public:
-    static pid_t sshd_pid() { return sb.pid; }
-
-protected:
-    static SshdSandbox sb;
-    static std::string sb_error, home_ssh;
-    std::string dir;
-};
-
-SshdSandbox EactlDeploy::sb;
-std::string EactlDeploy::sb_error, EactlDeploy::home_ssh;
-
-pid_t EactlDeploy_sshd()
-{
-    return EactlDeploy::sshd_pid();
-}
 
 /* Quiet unless asked: the agent's first-start "wc" message and a command's
  * standard error stay in the target unless -v; over ssh one connection
@@ -355,8 +276,6 @@ TEST_F(EactlDeploy, WarmCallReusesTheConnectionAndTheCachedAgent)
     EXPECT_EQ(slurp(kBin + "/kvx_ea-static"), slurp(cached));
 }
 
-pid_t EactlDeploy_sshd();
-
 /* Processes whose parent is this process (the test is their subreaper). */
 std::vector<pid_t> own_children()
 {
@@ -367,7 +286,7 @@ std::vector<pid_t> own_children()
         std::string path = r.out.substr(at, nl - at);
         pid_t pid = atoi(path.c_str() + 6);
         std::string status = slurp(path);
-        if (has(status, me) && !has(status, "State:\tZ") && pid != EactlDeploy_sshd())
+        if (has(status, me) && !has(status, "State:\tZ") && pid != EactlDeploy::sshd_pid())
             pids.push_back(pid);
     }
     return pids;
@@ -427,23 +346,6 @@ TEST_F(EactlDeploy, InterruptDuringDemoLeavesNothingBehind)
             ;
     }
     prctl(PR_SET_CHILD_SUBREAPER, 0);
-}
-
-/* A command that outlasts --command-timeout keeps the agent from reading
- * its closed input: after the grace period the client ends the node's
- * process group through a second session, and nothing stays on the node. */
-TEST_F(EactlDeploy, TimeOutEndsACommandStuckOnTheNode)
-{
-    Outcome r = run_eactl(over_ssh({"-v", "--command-timeout", "1", "--host", "node3", "exec", "--wait",
-                                    "sleep 67; echo kvx-eactl-stuck"}), dir);
-    EXPECT_EQ(4, r.status) << r.err;
-    EXPECT_LT(r.seconds, 30.0);
-    EXPECT_TRUE(has(r.err, "kvx-eactl: node3: exec: timed out after 1 s")) << r.err;
-    std::smatch m;
-    ASSERT_TRUE(std::regex_search(r.err, m, std::regex(" deployed in (/[^ \n]+)"))) << r.err;
-    EXPECT_NE(0, access(std::string(m[1]).c_str(), F_OK)) << m[1] << " left on the node";
-    Outcome ps = run_program({"sh", "-c", "grep -l 'kvx-eactl-stuc[k]' /proc/[0-9]*/cmdline 2>/dev/null"}, dir);
-    EXPECT_EQ("", ps.out) << "the command runs on";
 }
 
 /* A node whose /tmp cannot run programs (a private mount namespace with a
