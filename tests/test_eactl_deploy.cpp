@@ -188,6 +188,18 @@ TEST_F(EactlDeploy, HostRangesExcludeAndStandardInput)
     for (const char* node : {"node1", "node3"})
         EXPECT_EQ(r.out.find(std::string(node) + ": reply"), r.out.rfind(std::string(node) + ": reply"));
 
+    /* dshbak and clubak group the nodes' identical lines */
+    r = run_eactl(over_ssh({"--host", "node[1-3]", "-x", "node2", "exec", "echo same"}), dir);
+    EXPECT_EQ(0, r.status) << r.err;
+    spill(dir + "/lines", r.out);
+    for (const char* grouper : {"dshbak -c", "clubak -b"}) {
+        std::string program(grouper, strcspn(grouper, " "));
+        if (sshd_sandbox_run({"sh", "-c", "command -v " + program}) != 0)
+            continue;   /* pdsh and clustershell come with scripts/setup.sh */
+        Outcome g = run_program({"sh", "-c", std::string(grouper) + " <" + dir + "/lines"}, dir);
+        EXPECT_TRUE(has(g.out, "node[1,3]") && has(g.out, "ret: 0\n") && has(g.out, "same\n")) << grouper << "\n" << g.out;
+    }
+
     /* one host from a list still gets its prefix and the summary, for dshbak and clubak */
     r = run_eactl(over_ssh({"--host", "node[2-2]", "ping", "one"}), dir);
     EXPECT_EQ(0, r.status) << r.err;
