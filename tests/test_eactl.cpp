@@ -140,8 +140,9 @@ TEST(EactlHosts, RangesListsAndDuplicates)
         SCOPED_TRACE(c.pattern);
         Words hosts;
         EXPECT_EQ(c.hosts.empty() ? -1 : 0, eactl_expand_hosts(c.pattern, &hosts));
-        if (!c.hosts.empty())
+        if (!c.hosts.empty()) {
             EXPECT_EQ(c.hosts, hosts);
+        }
     }
     std::vector<EactlNode> nodes;
     eactl_add_nodes({"n1", "n2", "n1", "n3"}, &nodes);

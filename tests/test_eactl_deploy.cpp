@@ -170,10 +170,11 @@ TEST_F(EactlDeploy, ExitStatusOfCommandsAndNodes)
         SCOPED_TRACE(shown);
         Outcome r = run_eactl(c.ssh ? over_ssh(c.args) : c.args, dir);
         EXPECT_EQ(c.status, r.status) << r.err;
-        if (c.out.compare(0, 1, "~") == 0)
+        if (c.out.compare(0, 1, "~") == 0) {
             EXPECT_TRUE(has(r.out, c.out.substr(1))) << r.out;
-        else if (!c.out.empty())
+        } else if (!c.out.empty()) {
             EXPECT_EQ(c.out, r.out);
+        }
     }
 }
 
