@@ -140,8 +140,9 @@ TEST_F(EactlDeploy, ManyNodesInParallelWithUnreachableOnes)
 }
 
 /* The remote command's exit status in every mode, and the client's own:
- * 1 a command failed, 4 a node unreachable or timed out (over failed). */
-TEST_F(EactlDeploy, ExitStatusOfCommandsAndNodes)
+ * 1 a command failed, 4 a node unreachable or timed out (over failed);
+ * JSON records with readable fields beside the wire's. */
+TEST_F(EactlDeploy, ExitStatusesAndJsonRecords)
 {
     const struct {
         std::vector<std::string> args;
@@ -157,6 +158,12 @@ TEST_F(EactlDeploy, ExitStatusOfCommandsAndNodes)
         {{"--json", "exec", "echo x; exit 5"}, false, 1, "~\"type\": \"reply\", \"command\": \"exec\", "
                                                          "\"param\": {\"str\": \"x\\n\""},
         {{"--json", "exec", "echo x; exit 5"}, false, 1, "~\"status\": 5, \"reason\": \"exit status 5\"}"},
+        {{"--json", "ping", "t"}, false, 0, "~\"agent_time\": \"20"},
+        {{"--json", "demo", "--seconds", "0"}, false, 0, "~\"read_bytes\": 7516192768, \"written_bytes\": 3231961088, "
+                                                      "\"protected_bytes\": 7516192768, \"read_rate_mib_s\": 7168.0, "
+                                                      "\"write_rate_mib_s\": 3082.24}"},
+        {{"--json", "demo", "--seconds", "0"}, false, 0, "~{\"level\": \"info\", \"code\": 0, \"text\": "
+                                                      "\"Backup job finished: 7.0 GiB read, 3.0 GiB written\"}"},
         {{"--host", "node1", "exec", "--wait", "exit 9"}, true, 1, "ret: 1, exit status 9\nno return\n"},
         {{"--host", "unreachable", "ping", "x"}, true, 4, ""},
         {{"--connect-timeout", "1", "--host", "silent", "ping", "x"}, true, 4, ""},

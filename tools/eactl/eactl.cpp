@@ -301,7 +301,7 @@ void eactl_print_json(const EactlSession* s, json_t* rec)
 {
     json_t* line = json_pack("{s:s}", "host", s->node.c_str());
     json_object_update(line, rec);
-    char* text = json_dumps(line, 0);
+    char* text = json_dumps(line, JSON_REAL_PRECISION(12));
     if (text)
         printf("%s\n", text);
     free(text);

@@ -164,6 +164,31 @@ void set_rate(json_t* rec, const char* name, unsigned long long kib_per_min)
     json_object_set_new(rec, name, json_real((double)(long long)(eactl_mib_per_s(kib_per_min) * 100 + 0.5) / 100));
 }
 
+/* The activity lines "TYPE CODE TEXT" as records; other lines as text. */
+void set_events(json_t* rec, const char* text, size_t size)
+{
+    json_t* events = json_array();
+    std::string all = text ? std::string(text, strnlen(text, size)) : "";
+    for (size_t at = 0, nl; at < all.size(); at = nl + 1) {
+        nl = all.find('\n', at);
+        nl = nl == std::string::npos ? all.size() : nl;
+        std::string line = all.substr(at, nl - at);
+        if (line.empty())
+            continue;
+        char* end = NULL;
+        long type = strtol(line.c_str(), &end, 10);
+        const char* word = end != line.c_str() && *end == ' ' ? level_word(type) : NULL;
+        char* rest = NULL;
+        long code = word ? strtol(end + 1, &rest, 10) : 0;
+        if (word && rest != end + 1 && *rest == ' ')
+            json_array_append_new(events, json_pack("{s:s, s:I, s:s}", "level", word, "code", (json_int_t)code,
+                                                    "text", rest + 1));
+        else
+            json_array_append_new(events, json_pack("{s:s}", "text", line.c_str()));
+    }
+    json_object_set_new(rec, "events", events);
+}
+
 } /* namespace */
 
 void eactl_readable_fields(int fn, const char* res, json_t* rec)
@@ -181,6 +206,10 @@ void eactl_readable_fields(int fn, const char* res, json_t* rec)
         set_bytes(rec, "written_bytes", r->processed_data_w << 10);
         set_rate(rec, "rate_mib_s", r->tm_usd ? r->tm_usd : r->vol.tm_usd);
         set_rate(rec, "write_rate_mib_s", r->throughput_w);
+        set_events(rec, r->act_size ? r->act_log : NULL, r->act_size);
+    } else if (fn == EA_PROC_AGENTLOG) {
+        const AGENTLOGres* r = (const AGENTLOGres*)res;
+        set_events(rec, r->logSize > 0 ? r->pLog : NULL, (size_t)r->logSize);
     } else if (fn == EA_PROC_JOBRESULT) {
         const JOB_RESULT* r = (const JOB_RESULT*)res;
         set_bytes(rec, "read_bytes", r->processed_data_read);
