@@ -369,8 +369,8 @@ TEST_F(EactlDeploy, InterruptDuringDemoLeavesNothingBehind)
 }
 
 /* A node whose /tmp cannot run programs (a private mount namespace with a
- * noexec tmpfs on /tmp): the deploy moves on to $TMPDIR, then /var/tmp, and
- * says so in one line; --target still decides. */
+ * noexec or read-only tmpfs on /tmp): the deploy moves on to $TMPDIR, then
+ * /var/tmp, and says so in one line; --target still decides. */
 TEST_F(EactlDeploy, NoexecTmpFallsBackToAnotherDirectory)
 {
     if (sshd_sandbox_run({"unshare", "-m", "true"}) != 0)
@@ -378,17 +378,18 @@ TEST_F(EactlDeploy, NoexecTmpFallsBackToAnotherDirectory)
     std::string tmpdir = temp_dir("kvx-eactl-tmpdir");   /* made before /tmp is covered */
     std::string var_tmpdir = "/var/tmp/kvx-eactl-test-tmpdir." + std::to_string(getpid());
     mkdir(var_tmpdir.c_str(), 0755);
-    const struct { std::string env, target; int status; std::string err; } cases[] = {
-        {"", "", 0, "kvx-eactl: localhost: /tmp cannot run programs: deployed in /var/tmp/kvx-eactl."},
-        {"TMPDIR=" + var_tmpdir, "", 0, "kvx-eactl: localhost: /tmp cannot run programs: deployed in " + var_tmpdir + "/kvx-eactl."},
-        {"", "/tmp/given", 1, "kvx-eactl: localhost: stderr: kvx-eactl: /tmp/given cannot run programs"},
+    const struct { std::string mount, env, target; int status; std::string err; } cases[] = {
+        {"noexec", "", "", 0, "kvx-eactl: localhost: /tmp cannot run programs: deployed in /var/tmp/kvx-eactl."},
+        {"ro", "", "", 0, "kvx-eactl: localhost: /tmp cannot run programs: deployed in /var/tmp/kvx-eactl."},
+        {"noexec", "TMPDIR=" + var_tmpdir, "", 0, "kvx-eactl: localhost: /tmp cannot run programs: deployed in " + var_tmpdir + "/kvx-eactl."},
+        {"noexec", "", "/tmp/given", 1, "kvx-eactl: localhost: stderr: kvx-eactl: /tmp/given cannot run programs"},
     };
     for (const auto& c : cases) {
-        SCOPED_TRACE(c.env + " " + c.target);
+        SCOPED_TRACE(c.mount + " " + c.env + " " + c.target);
         std::vector<std::string> args = {"unshare", "-m", "--propagation", "private", "env"};
         if (!c.env.empty())
             args.push_back(c.env);
-        args.insert(args.end(), {"sh", "-c", "mount -t tmpfs -o noexec tmpfs /tmp && exec \"$@\"", "sh",
+        args.insert(args.end(), {"sh", "-c", "mount -t tmpfs -o " + c.mount + " tmpfs /tmp && exec \"$@\"", "sh",
                                  kBin + "/kvx-eactl"});
         if (!c.target.empty())
             args.insert(args.end(), {"--target", c.target});

@@ -32,6 +32,7 @@
 #include <stdarg.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/mman.h>
 #include <sys/stat.h>
 #include <sys/un.h>
 #include <wordexp.h>
@@ -214,7 +215,8 @@ int capture_fd()
     fd = mkostemp(tmpl, O_CLOEXEC);
     if (fd >= 0)
         unlink(tmpl);
-    return fd;
+    /* a read-only /tmp: memory instead, or the shell's messages reach the terminal */
+    return fd >= 0 ? fd : memfd_create("kvx-eactl-stderr", MFD_CLOEXEC);
 }
 
 std::string read_capture(int fd)
