@@ -147,6 +147,7 @@ struct HostOptions {
     std::vector<std::string> names, exclude;
     std::string inventory, limit;
     bool listed = false;   /* a list (range, file, inventory, several): prefixes and a summary */
+    bool reuse = true;     /* share ssh connections (--no-reuse turns it off) */
 };
 
 /* Parses the options before the first command; the index of that command,
@@ -155,7 +156,6 @@ int parse_options(int argc, char** argv, EactlSession* s, HostOptions* h, int* p
                   int* status)
 {
     *status = EACTL_USAGE;
-    bool reuse = true;
     long n = 0;
     int opt, hosts_given = 0;
     while ((opt = eactl_getopt(argc, argv, "+w:x:vh", kOptions)) != -1) {
@@ -202,7 +202,7 @@ int parse_options(int argc, char** argv, EactlSession* s, HostOptions* h, int* p
             }
             break;
         case OPT_NO_REUSE:
-            reuse = false;
+            h->reuse = false;
             break;
         case OPT_PARALLEL:
             if (!eactl_number(NULL, "--parallel", optarg, 1, 1000, &n))
@@ -246,8 +246,6 @@ int parse_options(int argc, char** argv, EactlSession* s, HostOptions* h, int* p
         fprintf(stderr, "kvx-eactl: a command is required; try --help\n");
         return -1;
     }
-    if (reuse)
-        s->control_dir = eactl_control_dir();
     return optind;
 }
 
@@ -490,6 +488,8 @@ int main(int argc, char** argv)
     std::vector<EactlNode> nodes;
     if (select_nodes(h, &nodes) != 0)
         return EACTL_USAGE;
+    if (h.reuse && !nodes.empty())
+        s.control_dir = eactl_control_dir();
     eactl_catch_interrupts();
 
     if (h.listed || nodes.size() > 1)
