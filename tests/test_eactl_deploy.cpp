@@ -153,6 +153,7 @@ TEST_F(EactlDeploy, ExitStatusesAndJsonRecords)
         {{"exec", "--wait", "exit 7"}, false, 1, "ret: 1, exit status 7\nno return\n"},
         {{"exec", "echo out; exit 3"}, false, 1, "ret: 0, exit status 3\nout\n"},
         {{"exec", "echo out"}, false, 0, "ret: 0\nout\n"},
+        {{"exec", "exit 3", "then", "exec", "echo after"}, false, 1, "ret: 0, exit status 3\nret: 0\nafter\n"},
         {{"exec", "--wait", "true"}, false, 0, "ret: 0\nno return\n"},
         {{"exec", "kill -9 $PPID"}, false, 1, ""},
         {{"--json", "exec", "echo x; exit 5"}, false, 1, "~\"type\": \"reply\", \"command\": \"exec\", "

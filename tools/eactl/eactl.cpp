@@ -343,8 +343,8 @@ int eactl_print_reply(EactlSession* s, int fn, jxdrproc_t f_res, char* res, json
     }
     f_res(j, res);
     json_t* param = json_object_get(j->x_hd, "param");
-    json_t* rec = json_pack("{s:s, s:s, s:O}", "type", "reply", "command", command_of(fn),
-                            "param", param ? param : json_object());
+    json_t* rec = json_pack("{s:s, s:s, s:o}", "type", "reply", "command", command_of(fn),
+                            "param", param ? json_incref(param) : json_object());
     eactl_readable_fields(fn, res, rec);
     if (extra)
         json_object_update(rec, extra);
@@ -360,12 +360,18 @@ int eactl_run_node(EactlSession* s, const std::vector<EactlStep>& chain, char** 
     int rc = eactl_deploy(s);
     if (rc == EACTL_OK)
         eactl_arm_timeout(s->timeout_s);
+    bool any_failed = false;
     for (size_t k = 0; rc == EACTL_OK && k < chain.size(); k++) {
         const EactlCommand* c = find_command(argv[chain[k].first]);
         if (c->run(s, chain[k].count, argv + chain[k].first) != EACTL_OK) {
-            s->failed = true;
-            rc = EACTL_FAILED;
+            any_failed = true;
+            if (s->failed)
+                rc = EACTL_FAILED;   /* a call failed: the session cannot go on */
         }
+    }
+    if (any_failed) {
+        s->failed = true;
+        rc = EACTL_FAILED;
     }
     if (s->shell_pid > 0) {
         int status = eactl_finish(s);

@@ -151,7 +151,8 @@ typedef struct EactlStep {
     int count;
 } EactlStep;
 /* Deploys on s's node, runs the chain and removes the agent: EACTL_OK,
- * EACTL_FAILED or EACTL_UNREACHABLE.  The connection has s->connect_timeout_s
+ * EACTL_FAILED or EACTL_UNREACHABLE.  A command that failed (an exit status,
+ * a failed mount) does not stop the chain; a failed call does.  The connection has s->connect_timeout_s
  * seconds, the chain s->timeout_s. */
 int  eactl_run_node(EactlSession* s, const std::vector<EactlStep>& chain, char** argv);
 /* Runs the chain on every node, at most parallel at a time, each node's
