@@ -2,25 +2,32 @@
 # Builds the Debian package kvx-ea_<version>_amd64.deb: the operator client
 # /usr/bin/kvx-eactl, the agents it deploys under /usr/lib/kvx-ea/ (the static
 # x86-64 agent, and the i386 one when scripts/portable.sh has built it), the
-# simulated backup program, the man page kvx-eactl(1) and the README.
+# simulated backup program and its monitor stand-in, the man page
+# kvx-eactl(1), the README, a machine-readable copyright file, the changelog
+# and the md5sums.  The programs carry Debian's build flags (dpkg-buildflags,
+# applied by tools/CMakeLists.txt).
 #
-#   scripts/package.sh [--bin DIR] [--out DIR]
+#   scripts/package.sh [--bin DIR] [--out DIR] [--lintian]
 #
 #   --bin DIR   take the programs from DIR instead of building them in build/
 #   --out DIR   where the package goes (default: build/)
+#   --lintian   check the package with lintian: any error or warning fails
 #
 # Prints the package's path.  Installs nothing.
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 bin=
 out="$root/build"
+check=no
 while [ $# -gt 0 ]; do
   case "$1" in
     --bin) bin=$2; shift 2 ;;
     --out) out=$2; shift 2 ;;
-    *) echo "usage: scripts/package.sh [--bin DIR] [--out DIR]" >&2; exit 2 ;;
+    --lintian) check=yes; shift ;;
+    *) echo "usage: scripts/package.sh [--bin DIR] [--out DIR] [--lintian]" >&2; exit 2 ;;
   esac
 done
+maintainer="kvx_ea developers <kvx-ea@example.com>"
 
 if [ -z "$bin" ]; then
   bash "$root/scripts/setup.sh"
@@ -46,11 +53,36 @@ for f in kvx_ea-static kvx_ea-i386 kvxbackupvol-sim; do
     install -D -m 755 "$bin/$f" "$stage/usr/lib/kvx-ea/$f"
   fi
 done
-strip --strip-unneeded "$stage/usr/bin/kvx-eactl" "$stage"/usr/lib/kvx-ea/*
+strip --strip-unneeded --remove-section=.comment --remove-section=.note \
+  "$stage/usr/bin/kvx-eactl" "$stage"/usr/lib/kvx-ea/*
+install -m 755 "$root/tools/kvxmonitor-sim" "$stage/usr/lib/kvx-ea/kvxmonitor-sim"
 mkdir -p "$stage/usr/share/man/man1" "$stage/usr/share/doc/kvx-ea"
 # the page's footer names the version of the programs it ships with
 sed '1s/"kvx-ea"/"kvx-ea '"$version"'"/' "$root/docs/kvx-eactl.1" | gzip -9n >"$stage/usr/share/man/man1/kvx-eactl.1.gz"
 install -m 644 "$root/README.md" "$stage/usr/share/doc/kvx-ea/README.md"
+cat >"$stage/usr/share/doc/kvx-ea/copyright" <<COPYRIGHT
+Format: https://www.debian.org/doc/packaging-manuals/copyright-format/1.0/
+Upstream-Name: kvx-ea
+Upstream-Contact: $maintainer
+
+Files: *
+Copyright: 2026 kvx_ea developers
+License: proprietary
+ All rights reserved.  This package is distributed to the product's
+ customers under the terms of their license agreement.
+COPYRIGHT
+# A native package's changelog: this version, dated by the source's last change.
+when=$(git -C "$root" log -1 --format=%cD 2>/dev/null || date -R)
+{
+  printf 'kvx-ea (%s) stable; urgency=medium\n\n' "$version"
+  printf '  * kvx-eactl: exit statuses, getopt_long options, host ranges and\n'
+  printf '    Ansible inventories, shared ssh connections and the node'"'"'s agent\n'
+  printf '    cache, clean interrupts, JSON records.\n'
+  printf '  * Deploys where /tmp is noexec or read-only.\n\n'
+  printf ' -- %s  %s\n' "$maintainer" "$when"
+} | gzip -9n >"$stage/usr/share/doc/kvx-ea/changelog.gz"
+chmod 644 "$stage/usr/share/doc/kvx-ea/changelog.gz" "$stage/usr/share/doc/kvx-ea/copyright" \
+  "$stage/usr/share/man/man1/kvx-eactl.1.gz"
 
 # The shared libraries of the dynamically linked programs, as Debian names them.
 mkdir -p "$work/debian"
@@ -59,16 +91,19 @@ depends=$(cd "$work" && dpkg-shlibdeps -O -e stage/usr/bin/kvx-eactl \
             -e stage/usr/lib/kvx-ea/kvxbackupvol-sim 2>/dev/null | sed -n 's/^shlibs:Depends=//p')
 
 mkdir -p "$stage/DEBIAN"
+(cd "$stage" && find usr -type f -print0 | sort -z | xargs -0 md5sum) >"$stage/DEBIAN/md5sums"
+chmod 644 "$stage/DEBIAN/md5sums"
 cat >"$stage/DEBIAN/control" <<CONTROL
 Package: kvx-ea
 Version: $version
 Architecture: $arch
-Maintainer: kvx_ea developers <kvx-ea@localhost>
+Maintainer: $maintainer
 Section: admin
 Priority: optional
 Installed-Size: $(du -sk "$stage/usr" | cut -f1)
 Depends: $depends
 Recommends: openssh-client
+Suggests: ansible-core
 Description: execution agent of the Linux backup product, with its operator client
  kvx-eactl deploys the execution agent kvx_ea on this machine or over ssh on
  many nodes in parallel, the way the backup server does, and calls its
@@ -77,4 +112,9 @@ Description: execution agent of the Linux backup product, with its operator clie
  need no libraries on the nodes.
 CONTROL
 dpkg-deb --root-owner-group --build "$stage" "$deb" >/dev/null
+if [ $check = yes ]; then
+  command -v lintian >/dev/null || { echo "package: lintian is missing (scripts/setup.sh installs it)" >&2; exit 1; }
+  # errors and warnings fail; informational tags are shown
+  lintian --fail-on error,warning "$deb" >&2 || { echo "package: lintian rejects $deb" >&2; exit 1; }
+fi
 echo "$deb"

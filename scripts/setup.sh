@@ -3,7 +3,9 @@
 # Idempotent: only missing packages are installed.  As a non-root user it
 # prints the exact command to run and fails.
 #
-#   setup.sh           the normal build and test suite
+#   setup.sh           the normal build and test suite (ansible-core for the
+#                      client's inventories, lintian for the package, pdsh and
+#                      clustershell for the client's benchmark and output tests)
 #   setup.sh --i386    also the 32-bit agent's toolchain (multilib and the
 #                      i386 Jansson, for scripts/portable.sh)
 set -euo pipefail
@@ -14,6 +16,7 @@ PACKAGES=(
   sudo passwd login procps psmisc util-linux mount iproute2 coreutils sed grep locales
   clang libclang-rt-dev file
   openssh-client openssh-server man-db dpkg-dev python3
+  ansible-core lintian pdsh clustershell
 )
 I386_PACKAGES=(gcc-multilib g++-multilib libjansson-dev:i386)
 

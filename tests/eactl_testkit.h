@@ -55,16 +55,20 @@ inline std::string temp_dir(const char* tag)
     return mkdtemp(&tmpl[0]) ? tmpl : "";
 }
 
-/* Runs argv (argv[0] looked up in PATH) with output to files in dir. */
-inline Outcome run_program(const std::vector<std::string>& args, const std::string& dir)
+/* Runs argv (argv[0] looked up in PATH) with output to files in dir and
+ * input as its standard input. */
+inline Outcome run_program(const std::vector<std::string>& args, const std::string& dir,
+                           const std::string& input = "")
 {
     Outcome r;
     std::string out = dir + "/run.out", err = dir + "/run.err";
     struct timespec t0, t1;
     clock_gettime(CLOCK_MONOTONIC, &t0);
+    std::string in_path = dir + "/run.in";
+    spill(in_path, input);
     pid_t pid = fork();
     if (pid == 0) {
-        int in = open("/dev/null", O_RDONLY);
+        int in = open(in_path.c_str(), O_RDONLY);
         int o = open(out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
         int e = open(err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
         dup2(in, 0);
@@ -88,10 +92,11 @@ inline Outcome run_program(const std::vector<std::string>& args, const std::stri
 }
 
 /* kvx-eactl of this build with the given arguments. */
-inline Outcome run_eactl(std::vector<std::string> args, const std::string& dir)
+inline Outcome run_eactl(std::vector<std::string> args, const std::string& dir,
+                         const std::string& input = "")
 {
     args.insert(args.begin(), std::string(KVX_BIN_DIR) + "/kvx-eactl");
-    return run_program(args, dir);
+    return run_program(args, dir, input);
 }
 
 inline bool has(const std::string& text, const std::string& part)

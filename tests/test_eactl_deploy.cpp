@@ -7,79 +7,22 @@
 #include <gtest/gtest.h>
 #include <jansson.h>
 #include <string.h>
+#include <poll.h>
+#include <pty.h>
+#include <signal.h>
+#include <sys/ioctl.h>
+#include <sys/prctl.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 
 #include <regex>
 
-#include "eactl_testkit.h"
-#include "sshd_sandbox.h"
+#include "eactl.h"
+#include "eactl_fixture.h"
 
 namespace {
 
-const std::string kBin = KVX_BIN_DIR;
 
-bool built(const char* name)
-{
-    return access((kBin + "/" + name).c_str(), X_OK) == 0;
-}
-
-class EactlDeploy : public ::testing::Test {
-protected:
-    static void SetUpTestSuite()
-    {
-        home_ssh = ssh_dir_state();
-        if (!sshd_sandbox_start(&sb, {"node1", "node2", "node3"}, &sb_error))
-            sb.dir.clear();
-    }
-    static void TearDownTestSuite()
-    {
-        sshd_sandbox_stop(&sb);
-        EXPECT_EQ(home_ssh, ssh_dir_state()) << "~/.ssh changed";
-    }
-    void SetUp() override
-    {
-        ASSERT_FALSE(sb.dir.empty()) << sb_error;
-        dir = temp_dir("kvx-eactl-test");
-        ASSERT_FALSE(dir.empty());
-    }
-    void TearDown() override { remove_tree(dir); }
-
-    /* What ~/.ssh holds: its entries with their sizes and times. */
-    static std::string ssh_dir_state()
-    {
-        const char* home = getenv("HOME");
-        std::string path = std::string(home ? home : "/") + "/.ssh";
-        Outcome r = run_program({"sh", "-c", "ls -la --time-style=full-iso '" + path + "' 2>&1"}, "/tmp");
-        return r.out;
-    }
-    /* The client's options to reach the sandbox; the sanitizer build has no
-     * static agent and deploys its own. */
-    std::vector<std::string> over_ssh(std::vector<std::string> args) const
-    {
-        std::vector<std::string> opts = {"--ssh", "ssh -F " + sb.client_config};
-        if (!built("kvx_ea-static"))
-            opts.insert(opts.end(), {"--agent", kBin + "/kvx_ea"});
-        args.insert(args.begin(), opts.begin(), opts.end());
-        return args;
-    }
-    /* Connections sshd has accepted so far. */
-    static int connections()
-    {
-        std::string log = slurp(sb.dir + "/sshd.log");
-        int n = 0;
-        for (size_t at = log.find("Accepted publickey"); at != std::string::npos;
-             at = log.find("Accepted publickey", at + 1))
-            n++;
-        return n;
-    }
-
-    static SshdSandbox sb;
-    static std::string sb_error, home_ssh;
-    std::string dir;
-};
-
-SshdSandbox EactlDeploy::sb;
-std::string EactlDeploy::sb_error, EactlDeploy::home_ssh;
 
 /* Quiet unless asked: the agent's first-start "wc" message and a command's
  * standard error stay in the target unless -v; over ssh one connection
@@ -101,6 +44,8 @@ TEST_F(EactlDeploy, PingAndExecQuietlyThroughOneConnection)
         if (c.ssh)
             args.insert(args.begin(), {"--host", "node1"});
         int before = connections();
+        if (c.ssh)
+            args.insert(args.begin(), "--no-reuse");
         Outcome r = run_eactl(c.ssh ? over_ssh(args) : args, dir);
         EXPECT_EQ(0, r.status) << r.err;
         EXPECT_TRUE(has(r.out, "reply: hi\n") && has(r.out, "ret: 0\nout\n")) << r.out;
@@ -149,22 +94,23 @@ TEST_F(EactlDeploy, ManyNodesInParallelWithUnreachableOnes)
 {
     spill(dir + "/nodes", "node1\nnode2  # web\n\nnode3\nunreachable\nsilent\n");
     int before = connections();
-    Outcome r = run_eactl(over_ssh({"--hosts-file", dir + "/nodes", "--timeout", "4", "ping", "many"}), dir);
-    EXPECT_EQ(1, r.status);
-    EXPECT_LT(r.seconds, 20.0) << "waited for the silent node";
+    Outcome r = run_eactl(over_ssh({"--no-reuse", "--hosts-file", dir + "/nodes", "--connect-timeout", "2",
+                                    "ping", "many"}), dir);
+    EXPECT_EQ(4, r.status);
+    EXPECT_LT(r.seconds, 15.0) << "waited for the silent node";
     EXPECT_EQ(3, connections() - before);
     for (const char* node : {"node1", "node2", "node3"})
         EXPECT_TRUE(has(r.out, std::string(node) + ": reply: many\n")) << r.out;
     EXPECT_TRUE(std::regex_match(r.out, std::regex("((node[123]: [^\n]*\n){6})summary: 3 ok, 0 failed, "
-                                                   "2 unreachable \\((unreachable, silent|silent, unreachable)\\)\n")))
+                                                   "2 unreachable \\(unreachable, silent\\)\n")))
         << r.out;
     EXPECT_TRUE(has(r.err, "kvx-eactl: unreachable: unreachable\n")) << r.err;
     EXPECT_TRUE(has(r.err, "kvx-eactl: unreachable: stderr: ssh: connect to host 127.0.0.1 port ")) << r.err;
-    EXPECT_TRUE(has(r.err, "kvx-eactl: silent: unreachable: no answer within 4 s\n")) << r.err;
+    EXPECT_TRUE(has(r.err, "kvx-eactl: silent: stderr: Connection timed out during banner exchange")) << r.err;
 
     r = run_eactl(over_ssh({"--json", "--host", "node1", "--host", "node3", "--host", "unreachable",
                             "ping", "js"}), dir);
-    EXPECT_EQ(1, r.status);
+    EXPECT_EQ(4, r.status);
     std::string results;
     int lines = 0;
     for (size_t at = 0, nl; (nl = r.out.find('\n', at)) != std::string::npos; at = nl + 1, lines++) {
@@ -172,6 +118,8 @@ TEST_F(EactlDeploy, ManyNodesInParallelWithUnreachableOnes)
         ASSERT_TRUE(line) << r.out;
         const char* host = json_string_value(json_object_get(line, "host"));
         const char* result = json_string_value(json_object_get(line, "result"));
+        const char* type = json_string_value(json_object_get(line, "type"));
+        EXPECT_STREQ(!host ? "summary" : result ? "node" : "reply", type);
         json_t* param = json_object_get(line, "param");
         if (param) {
             EXPECT_STREQ("js", json_string_value(json_object_get(param, "str")));
@@ -179,16 +127,353 @@ TEST_F(EactlDeploy, ManyNodesInParallelWithUnreachableOnes)
         if (result)
             results += std::string(host) + "=" + result + " ";
         if (!host) {
-            json_t* sum = json_object_get(line, "summary");
-            EXPECT_EQ(2, json_integer_value(json_object_get(sum, "ok")));
-            EXPECT_EQ(0, json_integer_value(json_object_get(sum, "failed")));
-            EXPECT_EQ(1, json_integer_value(json_object_get(sum, "unreachable")));
+            EXPECT_EQ(2, json_integer_value(json_object_get(line, "ok")));
+            EXPECT_EQ(0, json_integer_value(json_object_get(line, "failed")));
+            EXPECT_EQ(1, json_integer_value(json_object_get(line, "unreachable")));
+            EXPECT_STREQ("unreachable", json_string_value(json_array_get(json_object_get(line, "unreachable_hosts"), 0)));
         }
         json_decref(line);
     }
     EXPECT_EQ(6, lines) << r.out;
     for (const char* result : {"node1=ok ", "node3=ok ", "unreachable=unreachable "})
         EXPECT_TRUE(has(results, result)) << results;
+}
+
+/* The remote command's exit status in every mode, and the client's own:
+ * 1 a command failed, 4 a node unreachable or timed out (over failed);
+ * JSON records with readable fields beside the wire's. */
+TEST_F(EactlDeploy, ExitStatusesAndJsonRecords)
+{
+    const struct {
+        std::vector<std::string> args;
+        bool ssh;
+        int status;
+        std::string out;   /* the whole output, or part of it after '~' */
+    } cases[] = {
+        {{"exec", "--wait", "exit 7"}, false, 1, "ret: 1, exit status 7\nno return\n"},
+        {{"exec", "echo out; exit 3"}, false, 1, "ret: 0, exit status 3\nout\n"},
+        {{"exec", "echo out"}, false, 0, "ret: 0\nout\n"},
+        {{"exec", "exit 3", "then", "exec", "echo after"}, false, 1, "ret: 0, exit status 3\nret: 0\nafter\n"},
+        {{"exec", "--wait", "true"}, false, 0, "ret: 0\nno return\n"},
+        {{"exec", "kill -9 $PPID"}, false, 1, ""},
+        {{"--json", "exec", "echo x; exit 5"}, false, 1, "~\"type\": \"reply\", \"command\": \"exec\", "
+                                                         "\"param\": {\"str\": \"x\\n\""},
+        {{"--json", "exec", "echo x; exit 5"}, false, 1, "~\"status\": 5, \"reason\": \"exit status 5\"}"},
+        {{"--json", "ping", "t"}, false, 0, "~\"agent_time\": \"20"},
+        {{"--json", "demo", "--seconds", "0"}, false, 0, "~\"read_bytes\": 7516192768, \"written_bytes\": 3231961088, "
+                                                      "\"protected_bytes\": 7516192768, \"read_rate_mib_s\": 7168.0, "
+                                                      "\"write_rate_mib_s\": 3082.24}"},
+        {{"--json", "demo", "--seconds", "0"}, false, 0, "~{\"level\": \"info\", \"code\": 0, \"text\": "
+                                                      "\"Backup job finished: 7.0 GiB read, 3.0 GiB written\"}"},
+        {{"--host", "node1", "exec", "--wait", "exit 9"}, true, 1, "ret: 1, exit status 9\nno return\n"},
+        {{"--host", "unreachable", "ping", "x"}, true, 4, ""},
+        {{"--connect-timeout", "1", "--host", "silent", "ping", "x"}, true, 4, ""},
+        {{"--host", "node1,unreachable", "exec", "exit 3"}, true, 4,
+         "~summary: 0 ok, 1 failed (node1), 1 unreachable (unreachable)\n"},
+    };
+    for (const auto& c : cases) {
+        std::string shown;
+        for (const std::string& a : c.args)
+            shown += a + " ";
+        SCOPED_TRACE(shown);
+        Outcome r = run_eactl(c.ssh ? over_ssh(c.args) : c.args, dir);
+        EXPECT_EQ(c.status, r.status) << r.err;
+        if (c.out.compare(0, 1, "~") == 0) {
+            EXPECT_TRUE(has(r.out, c.out.substr(1))) << r.out;
+        } else if (!c.out.empty()) {
+            EXPECT_EQ(c.out, r.out);
+        }
+    }
+}
+
+/* Ranges, an exclude, standard input and duplicates: each node runs once. */
+TEST_F(EactlDeploy, HostRangesExcludeAndStandardInput)
+{
+    Outcome r = run_eactl(over_ssh({"--host", "node[1-3]", "-x", "node2", "--hosts-file", "-", "ping", "sel"}),
+                          dir, "node3\nnode1  # again\n\n");
+    EXPECT_EQ(0, r.status) << r.err;
+    EXPECT_TRUE(std::regex_match(r.out, std::regex("((node[13]: [^\n]*\n){4})summary: 2 ok, 0 failed, "
+                                                   "0 unreachable\n"))) << r.out;
+    for (const char* node : {"node1", "node3"})
+        EXPECT_EQ(r.out.find(std::string(node) + ": reply"), r.out.rfind(std::string(node) + ": reply"));
+
+    /* dshbak and clubak group the nodes' identical lines */
+    r = run_eactl(over_ssh({"--host", "node[1-3]", "-x", "node2", "exec", "echo same"}), dir);
+    EXPECT_EQ(0, r.status) << r.err;
+    spill(dir + "/lines", r.out);
+    for (const char* grouper : {"dshbak -c", "clubak -b"}) {
+        std::string program(grouper, strcspn(grouper, " "));
+        if (sshd_sandbox_run({"sh", "-c", "command -v " + program}) != 0)
+            continue;   /* pdsh and clustershell come with scripts/setup.sh */
+        Outcome g = run_program({"sh", "-c", std::string(grouper) + " <" + dir + "/lines"}, dir);
+        EXPECT_TRUE(has(g.out, "node[1,3]") && has(g.out, "ret: 0\n") && has(g.out, "same\n")) << grouper << "\n" << g.out;
+    }
+
+    /* one host from a list still gets its prefix and the summary, for dshbak and clubak */
+    r = run_eactl(over_ssh({"--host", "node[2-2]", "ping", "one"}), dir);
+    EXPECT_EQ(0, r.status) << r.err;
+    EXPECT_TRUE(has(r.out, "node2: reply: one\n") && has(r.out, "summary: 1 ok, 0 failed, 0 unreachable\n"))
+        << r.out;
+}
+
+/* An Ansible inventory, INI and YAML, with groups of groups, --limit,
+ * ansible_host and ansible_port. */
+TEST_F(EactlDeploy, AnsibleInventoryWithGroupsAndLimit)
+{
+    if (sshd_sandbox_run({"sh", "-c", "command -v ansible-inventory"}) != 0)
+        GTEST_SKIP() << "ansible-core is not installed (scripts/setup.sh installs it)";
+    setenv("ANSIBLE_HOME", (dir + "/ansible").c_str(), 1);
+    std::string port = std::to_string(sb.port);
+    spill(dir + "/hosts.ini", "[web]\nnode1\nnode2\n[db]\ndatabase ansible_host=node3\n"
+                              "[direct]\nbyport ansible_host=127.0.0.1 ansible_port=" + port + "\n"
+                              "[prod:children]\nweb\ndb\n");
+    spill(dir + "/hosts.yml", "all:\n  children:\n    prod:\n      children:\n"
+                              "        web:\n          hosts:\n            node1:\n            node2:\n"
+                              "        db:\n          hosts:\n            database:\n              ansible_host: node3\n"
+                              "    direct:\n      hosts:\n        byport:\n          ansible_host: 127.0.0.1\n"
+                              "          ansible_port: " + port + "\n");
+    const struct { const char* limit; std::vector<std::string> hosts; } cases[] = {
+        {"", {"node1", "node2", "database", "byport"}},
+        {"prod:!node2", {"node1", "database"}},
+        {"direct", {"byport"}},
+    };
+    for (const char* file : {"hosts.ini", "hosts.yml"}) {
+        for (const auto& c : cases) {
+            if (file[6] == 'y' && c.limit[0] == 'd')
+                continue;   /* the YAML reader gets the groups and the limit once */
+            SCOPED_TRACE(std::string(file) + " --limit " + c.limit);
+            std::vector<std::string> args = {"--inventory", dir + "/" + file};
+            if (*c.limit)
+                args.insert(args.end(), {"--limit", c.limit});
+            args.insert(args.end(), {"ping", "inv"});
+            Outcome r = run_eactl(over_ssh(args), dir);
+            EXPECT_EQ(0, r.status) << r.err;
+            for (const std::string& h : c.hosts)
+                EXPECT_TRUE(has(r.out, h + ": reply: inv\n")) << r.out;
+            EXPECT_TRUE(has(r.out, "summary: " + std::to_string(c.hosts.size()) + " ok,")) << r.out;
+        }
+    }
+    Outcome r = run_eactl(over_ssh({"--inventory", dir + "/hosts.ini", "--limit", "nothing", "ping"}), dir);
+    EXPECT_EQ(2, r.status);
+    EXPECT_TRUE(has(r.err, "kvx-eactl: --limit 'nothing' leaves no host of ")) << r.err;
+    r = run_program({"env", "PATH=/nonexistent", kBin + "/kvx-eactl", "--inventory", dir + "/hosts.ini",
+                     "ping"}, dir);
+    EXPECT_EQ(2, r.status);
+    EXPECT_TRUE(has(r.err, "install Debian's ansible-core")) << r.err;
+}
+
+/* A second call shares the first one's connection and takes the agent from
+ * the node's cache; a cache entry that fails its check is never run. */
+TEST_F(EactlDeploy, WarmCallReusesTheConnectionAndTheCachedAgent)
+{
+    if (!built("kvx_ea-static"))
+        GTEST_SKIP() << "the sanitizer build has no static agent";
+    std::string cached = sb.dir + "/cache/kvx-eactl/" + eactl_file_hash(kBin + "/kvx_ea-static");
+    unlink(cached.c_str());
+    int before = connections();
+    Outcome r = run_eactl(over_ssh({"-v", "--host", "node1", "ping", "cold"}), dir);
+    EXPECT_EQ(0, r.status) << r.err;
+    EXPECT_FALSE(has(r.err, "from the node's cache")) << r.err;
+    EXPECT_EQ(slurp(kBin + "/kvx_ea-static"), slurp(cached));
+    struct stat st;
+    ASSERT_EQ(0, stat((sb.dir + "/cache/kvx-eactl").c_str(), &st));
+    EXPECT_EQ(0700u, st.st_mode & 0777);
+    int after_cold = connections();
+    EXPECT_LE(after_cold - before, 1);
+
+    r = run_eactl(over_ssh({"-v", "--host", "node1", "ping", "warm"}), dir);
+    EXPECT_EQ(0, r.status) << r.err;
+    EXPECT_TRUE(has(r.out, "reply: warm\n")) << r.out;
+    EXPECT_TRUE(has(r.err, "deployed in /tmp/kvx-eactl.") && has(r.err, " from the node's cache\n")) << r.err;
+    EXPECT_EQ(after_cold, connections()) << "a new connection";
+
+    spill(cached, "#!/bin/sh\ntouch " + dir + "/ran\n", 0755);
+    r = run_eactl(over_ssh({"--host", "node1", "ping", "bad"}), dir);
+    EXPECT_EQ(1, r.status);
+    EXPECT_TRUE(has(r.err, "failed its check and was removed")) << r.err;
+    EXPECT_NE(0, access((dir + "/ran").c_str(), F_OK)) << "the changed copy ran";
+    r = run_eactl(over_ssh({"--no-reuse", "--host", "node1", "ping", "again"}), dir);
+    EXPECT_EQ(0, r.status) << r.err;
+    EXPECT_EQ(slurp(kBin + "/kvx_ea-static"), slurp(cached));
+}
+
+/* Processes whose parent is this process (the test is their subreaper). */
+std::vector<pid_t> own_children()
+{
+    std::vector<pid_t> pids;
+    std::string me = "PPid:\t" + std::to_string(getpid()) + "\n";
+    Outcome r = run_program({"sh", "-c", "grep -l '^PPid:' /proc/[0-9]*/status 2>/dev/null"}, "/tmp");
+    for (size_t at = 0, nl; (nl = r.out.find('\n', at)) != std::string::npos; at = nl + 1) {
+        std::string path = r.out.substr(at, nl - at);
+        pid_t pid = atoi(path.c_str() + 6);
+        std::string status = slurp(path);
+        if (has(status, me) && !has(status, "State:\tZ") && pid != EactlDeploy::sshd_pid())
+            pids.push_back(pid);
+    }
+    return pids;
+}
+
+/* Ctrl-C (SIGINT) and SIGTERM during a demo over ssh: the agent's input is
+ * closed, the node removes the target and ends the backup program, and no
+ * process of the client is left. */
+TEST_F(EactlDeploy, InterruptDuringDemoLeavesNothingBehind)
+{
+    ASSERT_EQ(0, prctl(PR_SET_CHILD_SUBREAPER, 1));
+    /* SIGTERM to the client of many nodes reaches it alone: it passes it on to each node */
+    const struct { int sig; const char* hosts; size_t nodes; } cases[] = {
+        {SIGINT, "node2", 1}, {SIGTERM, "node2", 1}, {SIGTERM, "node[1-2]", 2},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(std::string(strsignal(c.sig)) + " " + c.hosts);
+        std::string out = dir + "/demo.out", err = dir + "/demo.err";
+        std::vector<std::string> args = over_ssh({"--no-reuse", "--host", c.hosts, "demo", "--seconds", "60"});
+        args.insert(args.begin(), kBin + "/kvx-eactl");
+        pid_t pid = fork();
+        if (pid == 0) {
+            int o = open(out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+            int e = open(err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+            dup2(o, 1);
+            dup2(e, 2);
+            std::vector<char*> argv;
+            for (const std::string& a : args)
+                argv.push_back(const_cast<char*>(a.c_str()));
+            argv.push_back(nullptr);
+            execv(argv[0], argv.data());
+            _exit(127);
+        }
+        /* each backup runs once its first progress line is out */
+        std::string text;
+        std::vector<std::string> targets;
+        std::regex deployed(" deployed on node[12] \\(x86_64\\) in (/[^\n]+)\n");
+        std::regex progress("%  [^\n]*\n");
+        for (int k = 0; k < 3000; k++) {
+            usleep(10000);
+            text = slurp(out);
+            targets.clear();
+            for (std::sregex_iterator it(text.begin(), text.end(), deployed), end; it != end; ++it)
+                targets.push_back((*it)[1]);
+            auto progresses = std::distance(std::sregex_iterator(text.begin(), text.end(), progress),
+                                            std::sregex_iterator());
+            if (targets.size() == c.nodes && (size_t)progresses >= c.nodes)
+                break;
+        }
+        ASSERT_EQ(c.nodes, targets.size()) << text << slurp(err);
+        for (const std::string& t : targets)
+            ASSERT_EQ(0, access(t.c_str(), F_OK)) << t;
+        struct timespec t0, t1;
+        clock_gettime(CLOCK_MONOTONIC, &t0);
+        kill(pid, c.sig);
+        int st = 0;
+        waitpid(pid, &st, 0);
+        clock_gettime(CLOCK_MONOTONIC, &t1);
+        EXPECT_LT(t1.tv_sec - t0.tv_sec, 15) << "the demo ran on";
+        EXPECT_TRUE(WIFEXITED(st)) << st;
+        EXPECT_EQ(128 + c.sig, WEXITSTATUS(st)) << slurp(err);
+        for (const std::string& t : targets) {
+            EXPECT_NE(0, access(t.c_str(), F_OK)) << t << " left on the node";
+            Outcome ps = run_program({"sh", "-c", "ls -l /proc/[0-9]*/exe 2>/dev/null | grep -F '" + t + "/'"}, dir);
+            EXPECT_EQ("", ps.out) << "left running on the node";
+        }
+        while (waitpid(-1, &st, WNOHANG) > 0)   /* ended orphans of the node's side */
+            ;
+        std::vector<pid_t> left = own_children();
+        EXPECT_TRUE(left.empty()) << left.size() << " processes of the client left, e.g. "
+                                  << (left.empty() ? "" : slurp("/proc/" + std::to_string(left[0]) + "/cmdline"));
+        for (pid_t p : left)
+            kill(p, SIGKILL);
+        while (waitpid(-1, &st, WNOHANG) > 0)
+            ;
+    }
+    prctl(PR_SET_CHILD_SUBREAPER, 0);
+}
+
+/* A node whose /tmp cannot run programs (a private mount namespace with a
+ * noexec or read-only tmpfs on /tmp): the deploy moves on to $TMPDIR, then
+ * /var/tmp, and says so in one line; --target still decides. */
+TEST_F(EactlDeploy, NoexecTmpFallsBackToAnotherDirectory)
+{
+    if (sshd_sandbox_run({"unshare", "-m", "true"}) != 0)
+        GTEST_SKIP() << "no mount namespace here (needs root)";
+    std::string tmpdir = temp_dir("kvx-eactl-tmpdir");   /* made before /tmp is covered */
+    std::string var_tmpdir = "/var/tmp/kvx-eactl-test-tmpdir." + std::to_string(getpid());
+    mkdir(var_tmpdir.c_str(), 0755);
+    const struct { std::string mount, env, target; int status; std::string err; } cases[] = {
+        {"noexec", "", "", 0, "kvx-eactl: localhost: /tmp cannot run programs: deployed in /var/tmp/kvx-eactl."},
+        {"ro", "", "", 0, "kvx-eactl: localhost: /tmp cannot run programs: deployed in /var/tmp/kvx-eactl."},
+        {"noexec", "TMPDIR=" + var_tmpdir, "", 0, "kvx-eactl: localhost: /tmp cannot run programs: deployed in " + var_tmpdir + "/kvx-eactl."},
+        {"noexec", "", "/tmp/given", 1, "kvx-eactl: localhost: stderr: kvx-eactl: /tmp/given cannot run programs"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.mount + " " + c.env + " " + c.target);
+        std::vector<std::string> args = {"unshare", "-m", "--propagation", "private", "env"};
+        if (!c.env.empty())
+            args.push_back(c.env);
+        args.insert(args.end(), {"sh", "-c", "mount -t tmpfs -o " + c.mount + " tmpfs /tmp && exec \"$@\"", "sh",
+                                 kBin + "/kvx-eactl"});
+        if (!c.target.empty())
+            args.insert(args.end(), {"--target", c.target});
+        args.insert(args.end(), {"ping", "noexec"});
+        Outcome r = run_program(args, dir);
+        EXPECT_EQ(c.status, r.status) << r.err;
+        EXPECT_TRUE(has(r.err, c.err)) << r.err;
+        if (c.status == 0) {
+            EXPECT_TRUE(has(r.out, "reply: noexec\n")) << r.out;
+            EXPECT_EQ(1u + r.err.find('\n'), r.err.size()) << "one line: " << r.err;
+        }
+    }
+    Outcome left = run_program({"sh", "-c", "ls -d /var/tmp/kvx-eactl.* " + var_tmpdir + "/* 2>/dev/null"}, dir);
+    EXPECT_EQ("", left.out);
+    remove_tree(var_tmpdir);
+    remove_tree(tmpdir);
+}
+
+/* On a terminal the progress line takes its width (less the last column)
+ * and follows a change of size at once; activity lines are whole. */
+TEST_F(EactlDeploy, ProgressLineFitsTheTerminalAndFollowsItsSize)
+{
+    struct winsize ws = {20, 40, 0, 0};
+    int master = -1;
+    pid_t pid = forkpty(&master, nullptr, nullptr, &ws);
+    ASSERT_GE(pid, 0);
+    if (pid == 0) {
+        std::string eactl = kBin + "/kvx-eactl";
+        execl(eactl.c_str(), eactl.c_str(), "demo", "--seconds", "4", (char*)nullptr);
+        _exit(127);
+    }
+    std::string text;
+    size_t resized_at = std::string::npos;
+    char buf[4096];
+    for (;;) {
+        struct pollfd p = {master, POLLIN, 0};
+        if (poll(&p, 1, 30000) <= 0)
+            break;
+        ssize_t n = read(master, buf, sizeof(buf));
+        if (n <= 0)
+            break;   /* EIO once the client has ended */
+        text.append(buf, (size_t)n);
+        if (resized_at == std::string::npos && has(text, "MiB/s")) {
+            resized_at = text.size();
+            ws.ws_col = 60;
+            ioctl(master, TIOCSWINSZ, &ws);
+        }
+    }
+    close(master);
+    int st = 0;
+    waitpid(pid, &st, 0);
+    EXPECT_TRUE(WIFEXITED(st) && WEXITSTATUS(st) == 0) << text;
+    ASSERT_NE(std::string::npos, resized_at) << text;
+    size_t before = 0, after = 0;
+    for (size_t at = 0, end; at < text.size(); at = end + 1) {
+        end = text.find_first_of("\r\n", at);
+        end = end == std::string::npos ? text.size() : end;
+        std::string seg = text.substr(at, end - at);
+        if (!has(seg, "MiB/s") || has(seg, "read 7.0 GiB"))
+            continue;
+        (end <= resized_at ? before : after) = std::max(end <= resized_at ? before : after, seg.size());
+    }
+    EXPECT_EQ(39u, before) << text;
+    EXPECT_EQ(59u, after) << text;
+    EXPECT_TRUE(has(text, "  info     Backing up /dev/sdb1 (xfs, 2.5 GiB)")) << text;
 }
 
 /* Without --agent each node gets the agent it can run: here either one

@@ -60,9 +60,19 @@ int bound_socket(int* port)
     return fd;
 }
 
-std::string server_config(const SshdSandbox* sb, const std::string& user)
+/* The address of the k-th alias: each alias is a node of its own to ssh
+ * (its own shared connection), all served by this one sshd. */
+std::string alias_address(size_t k)
 {
-    return "ListenAddress 127.0.0.1:" + std::to_string(sb->port) + "\n"
+    return "127.0.0." + std::to_string(k % 250 + 1);
+}
+
+std::string server_config(const SshdSandbox* sb, const std::string& user, size_t aliases)
+{
+    std::string listen;
+    for (size_t k = 1; k < aliases && k < 250; k++)
+        listen += "ListenAddress " + alias_address(k) + ":" + std::to_string(sb->port) + "\n";
+    return "ListenAddress 127.0.0.1:" + std::to_string(sb->port) + "\n" + listen +
            "HostKey " + sb->dir + "/host_key\n"
            "PidFile none\n"
            "AuthorizedKeysFile " + sb->dir + "/authorized_keys\n"
@@ -73,18 +83,20 @@ std::string server_config(const SshdSandbox* sb, const std::string& user)
            "UsePAM no\n"
            "StrictModes no\n"            /* the keys lie below /tmp */
            "PermitRootLogin prohibit-password\n"
-           "PrintMotd no\n";
+           "PrintMotd no\n"
+           /* a home of its own: the account's start-up files and caches stay out of it */
+           "SetEnv HOME=" + sb->dir + "/home XDG_CACHE_HOME=" + sb->dir + "/cache\n";
 }
 
 std::string client_config(const SshdSandbox* sb, const std::vector<std::string>& aliases,
                           const std::string& user, int dead_port)
 {
-    std::string names;
-    for (const std::string& a : aliases)
-        names += " " + a;
-    return "Host" + names + "\n"
-           "  HostName 127.0.0.1\n"
-           "  Port " + std::to_string(sb->port) + "\n"
+    std::string hosts;
+    for (size_t k = 0; k < aliases.size(); k++)
+        hosts += "Host " + aliases[k] + "\n"
+                 "  HostName " + alias_address(k) + "\n"
+                 "  Port " + std::to_string(sb->port) + "\n";
+    return hosts +
            "Host unreachable\n"
            "  HostName 127.0.0.1\n"
            "  Port " + std::to_string(dead_port) + "\n"
@@ -176,6 +188,7 @@ bool sshd_sandbox_start(SshdSandbox* sb, const std::vector<std::string>& aliases
     int dead_port = 0;
     sb->dead_fd = bound_socket(&dead_port);
     sb->client_config = sb->dir + "/ssh_config";
+    mkdir((sb->dir + "/home").c_str(), 0700);
     if (getuid() == 0)
         mkdir("/run/sshd", 0755);   /* sshd's privilege separation directory */
     int started = 0;
@@ -186,7 +199,7 @@ bool sshd_sandbox_start(SshdSandbox* sb, const std::vector<std::string>& aliases
         close(fd);   /* free again for sshd; if another takes it first, try anew */
         if (!write_text(sb->dir + "/authorized_keys", sshd_sandbox_read(sb->dir + "/user_key.pub")) ||
             !write_text(sb->dir + "/known_hosts", "kvx-sshd-sandbox " + host_pub) ||
-            !write_text(sb->dir + "/sshd_config", server_config(sb, user)) ||
+            !write_text(sb->dir + "/sshd_config", server_config(sb, user, aliases.size())) ||
             !write_text(sb->client_config, client_config(sb, aliases, user, dead_port))) {
             *error = "cannot write the configuration in " + sb->dir;
             break;

@@ -3,7 +3,8 @@
  * tests and benchmarks: its own host and user keys, configuration, port and
  * log in a temporary directory, key authentication only, and a client
  * configuration to pass as "ssh -F FILE".  Nothing in ~/.ssh is read or
- * written.
+ * written; a login's HOME is DIR/home (the account's shell start-up files
+ * are not read) and its XDG_CACHE_HOME DIR/cache.
  */
 #ifndef SSHD_SANDBOX_H
 #define SSHD_SANDBOX_H
@@ -21,7 +22,7 @@ typedef struct SshdSandbox {
 } SshdSandbox;
 
 /* Starts sshd.  The client configuration names each of aliases as this
- * server, "unreachable" as a port of 127.0.0.1 that refuses connections and
+ * server, on an address of its own (127.0.0.1, 127.0.0.2, ...), "unreachable" as a port of 127.0.0.1 that refuses connections and
  * "silent" as a server that never answers.  sshd is ended when this process
  * dies.  true, or false with the reason in *error (everything undone). */
 bool sshd_sandbox_start(SshdSandbox* sb, const std::vector<std::string>& aliases,

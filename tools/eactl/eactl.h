@@ -5,20 +5,34 @@
 #ifndef EACTL_H
 #define EACTL_H
 
+#include <getopt.h>
 #include <stdio.h>
 #include <sys/types.h>
+#include <jansson.h>
 #include <string>
 #include <vector>
 #include "exec_proto.h"
 #include "ea_proto.h"
 
-/* How a node ended: the exit status of a node's run and of the client. */
+/* How a node ended: the exit status of a node's run and of the client.
+ * With many nodes the client exits with the worst: unreachable over failed. */
 enum {
     EACTL_OK = 0,
-    EACTL_FAILED = 1,       /* deployed, but a command or the agent failed */
+    EACTL_FAILED = 1,       /* a command, the agent or its deployment failed */
     EACTL_USAGE = 2,        /* bad arguments: nothing was deployed */
-    EACTL_UNREACHABLE = 3,  /* the node's shell never answered */
+    EACTL_UNREACHABLE = 4,  /* the node never answered, or a time-out ended it */
+    EACTL_HELP = 100,       /* --help was shown: nothing runs (never an exit status) */
 };
+/* The client's exit status after SIGINT or SIGTERM: 128 + the signal. */
+#define EACTL_SIGNALLED(sig) (128 + (sig))
+
+/* One node: its name in messages, and how ssh reaches it. */
+typedef struct EactlNode {
+    std::string name;   /* inventory name or ssh destination */
+    std::string dest;   /* ssh destination (ansible_host, or the name) */
+    std::string port;   /* ansible_port, "" = ssh's own */
+    std::string user;   /* ansible_user, "" = ssh's own */
+} EactlNode;
 
 /* A file copied into the target directory with the agent. */
 typedef struct EactlFile {
@@ -31,6 +45,10 @@ typedef struct EactlSession {
     std::string host;                /* "" = this machine, else an ssh destination */
     std::string node;                /* the node's name in messages and JSON lines */
     std::vector<std::string> ssh;    /* the ssh command and its own options */
+    std::string port;                /* ssh -p, "" = none */
+    std::string login;               /* ssh -l, "" = none */
+    std::string control_dir;         /* ssh ControlPath directory, "" = no reuse */
+    std::string agent_hash;          /* sha256 of the agent, for the node's cache */
     std::string target_dir;          /* holds boot/kvx_ea and work/ on the node */
     std::string work_dir;
     std::string agent_path;          /* agent to deploy; "" = the one for the node */
@@ -43,8 +61,12 @@ typedef struct EactlSession {
     bool  checking = false;          /* commands only check their arguments */
     bool  tty = false;               /* progress may redraw one line */
     bool  failed = false;            /* a call failed: show the node's standard error */
-    int   timeout_s = 0;             /* per-node time-out, 0 = none */
+    int   timeout_s = 0;             /* time-out of a node's commands, 0 = none */
+    int   connect_timeout_s = 15;    /* time-out until the node's shell answers */
+    int   exit_status = 0;           /* worst exit status of a command the node ran */
+    std::string reason;              /* why the node failed, for --json */
     pid_t shell_pid = -1;            /* the disposable parent (sh or ssh) */
+    int   node_pgid = 0;             /* the process group of the node's shell */
     int   err_fd = -1;               /* captured standard error of that parent */
     FILE* from_agent = nullptr;
     FILE* to_agent = nullptr;
@@ -90,6 +112,21 @@ int  eactl_call(EactlSession* s, int fn, jxdrproc_t f_args, char* args,
 int  eactl_request(EactlSession* s, int fn, jxdrproc_t f_args, char* args,
                    jxdrproc_t f_res, char* res);
 
+/* With --json: prints the reply as a record of type "reply" (the wire's
+ * "param", readable fields beside it and the members of extra, which it
+ * takes) and returns 1; else 0 (the caller prints text). */
+int  eactl_print_reply(EactlSession* s, int fn, jxdrproc_t f_res, char* res, json_t* extra);
+/* Prints a JSON record with "host" added as one line; takes rec. */
+void eactl_print_json(const EactlSession* s, json_t* rec);
+/* Adds readable fields to a reply's record: sizes in bytes, rates in MiB/s,
+ * times in ISO 8601 (eactl_units.cpp). */
+void eactl_readable_fields(int fn, const char* res, json_t* rec);
+/* The private directory of the shared ssh connections ($XDG_RUNTIME_DIR or
+ * /tmp, made 0700 and checked), "" when none can be had. */
+std::string eactl_control_dir();
+/* The sha256 of a file in hex, "" when it cannot be read. */
+std::string eactl_file_hash(const std::string& path);
+
 /* Subcommands: argv[0] is the subcommand name.  With s->checking they only
  * check their arguments (and name the files they need installed).
  * EACTL_OK, EACTL_FAILED, or EACTL_USAGE with a message. */
@@ -114,35 +151,83 @@ typedef struct EactlStep {
     int count;
 } EactlStep;
 /* Deploys on s's node, runs the chain and removes the agent: EACTL_OK,
- * EACTL_FAILED or EACTL_UNREACHABLE.  Ends by the session's time-out. */
+ * EACTL_FAILED or EACTL_UNREACHABLE.  A command that failed (an exit status,
+ * a failed mount) does not stop the chain; a failed call does.  The connection has s->connect_timeout_s
+ * seconds, the chain s->timeout_s. */
 int  eactl_run_node(EactlSession* s, const std::vector<EactlStep>& chain, char** argv);
 /* Runs the chain on every node, at most parallel at a time, each node's
  * output lines prefixed with its name (text) or whole (JSON lines), then
- * prints the summary.  EACTL_OK when every node succeeded, else EACTL_FAILED. */
-int  eactl_run_nodes(const EactlSession& proto, const std::vector<std::string>& hosts,
+ * prints the summary.  EACTL_OK when every node succeeded, else
+ * EACTL_UNREACHABLE when one was, else EACTL_FAILED; 128 + the signal when
+ * SIGINT or SIGTERM ended the run. */
+int  eactl_run_nodes(const EactlSession& proto, const std::vector<EactlNode>& nodes,
                      int parallel, const std::vector<EactlStep>& chain, char** argv);
-/* The per-node time-out of the node this process drives: when it expires
- * the shell's process group is killed and the shell's pipes are turned to
- * /dev/null, so that no read or write can block past it.  0 disarms. */
+/* The time-out of the node this process drives: when it expires, or on
+ * SIGINT, SIGTERM or SIGHUP, the agent's input is closed so that the agent
+ * ends and its shell removes the target; what has not ended a grace period
+ * later is killed with the shell's process group, and the shell's pipes
+ * are turned to /dev/null, so that no read or write can block past it.
+ * 0 disarms the time-out. */
 void eactl_arm_timeout(int seconds);
+/* Installs the handlers of SIGINT, SIGTERM and SIGHUP for eactl_arm_timeout. */
+void eactl_catch_interrupts();
+/* The signal that interrupted the client, 0 when none did. */
+int  eactl_interrupted();
 /* eactl_start and eactl_finish register and drop the shell to stop. */
 void eactl_watch_shell(pid_t pgid, int read_fd, int write_fd);
 void eactl_unwatch_shell();
 bool eactl_timed_out();
+/* Whether the grace period ran out and the shell's group was killed. */
+bool eactl_killed();
+/* Waits for the shell at most the grace period once the input was closed
+ * for a time-out or an interrupt; kills its group after that.  The wait
+ * status, as waitpid gives it. */
+int  eactl_wait_shell(pid_t pid);
 
-/* Reads one ssh destination per line (blank lines and # comments skipped);
+/* Host lists (eactl_hosts.cpp). */
+/* Expands a host pattern as pdsh and clush do: a comma list of names, each
+ * with ranges in brackets ("web[01-12]", "n[1-3,7]", "r[1-2]n[1-2]");
  * 0, or -1 with a message. */
+int  eactl_expand_hosts(const std::string& pattern, std::vector<std::string>* hosts);
+/* Reads one host pattern per line from path, "-" for standard input (blank
+ * lines and # comments skipped); 0, or -1 with a message. */
 int  eactl_read_hosts(const char* path, std::vector<std::string>* hosts);
+/* The hosts of an Ansible inventory (INI or YAML, through
+ * "ansible-inventory --list"), limited by an Ansible pattern when limit is
+ * not empty, with ansible_host, ansible_port and ansible_user; 0, or -1
+ * with a message (naming the package when ansible-inventory is missing). */
+int  eactl_read_inventory(const std::string& file, const std::string& limit,
+                          std::vector<EactlNode>* nodes);
+/* Appends the names to nodes, leaving out those already there and those
+ * in exclude. */
+void eactl_add_nodes(const std::vector<std::string>& names, std::vector<EactlNode>* nodes);
+void eactl_exclude_nodes(const std::vector<std::string>& exclude, std::vector<EactlNode>* nodes);
 
-/* Account options shared by exec, vmdetect and checkmachine:
+/* Options (eactl.cpp). */
+/* getopt_long over a command's argv (argv[0] its name): the next option,
+ * -1 after the last, 'h' for --help, '?' after a one-line message naming
+ * the bad option.  Options end at the first word that is not one, or "--". */
+int  eactl_getopt(int argc, char** argv, const char* shortopts, const struct option* longopts);
+/* Reads a whole number within [low, high]; false with a message otherwise. */
+bool eactl_number(const char* cmd, const char* opt, const char* value, long low, long high,
+                  long* out);
+/* Prints a command's usage line to stdout (its --help). */
+void eactl_command_help(const char* name);
+
+/* Account options shared by exec, vmdetect, checkmachine and mount:
  * --user NAME, --passwd-file FILE (or $KVX_EACTL_PASSWD), --sudo. */
 typedef struct EactlAccount {
     std::string user;
     std::string passwd;
     int         sudo_flag;
 } EactlAccount;
-/* Consumes an account option at argv[*i]; 1 if it was one, -1 on error. */
-int  eactl_account_option(EactlAccount* acct, int argc, char** argv, int* i);
+#define EACTL_ACCOUNT_OPTIONS \
+    {"user", required_argument, nullptr, 'U'}, \
+    {"passwd-file", required_argument, nullptr, 'P'}, \
+    {"sudo", no_argument, nullptr, 'S'}
+/* Takes an account option that getopt returned; 1 if it was one, 0 if not,
+ * -1 on error (reported). */
+int  eactl_account_option(EactlAccount* acct, int opt, const char* value);
 void eactl_account_finish(EactlAccount* acct);
 
 /* Human units (eactl_units.cpp). */
@@ -154,8 +239,14 @@ std::string eactl_duration(long seconds);
 double eactl_mib_per_s(unsigned long long kib_per_min);
 /* The progress line of a running job: the current volume's percent,
  * done and estimated total, the rate, elapsed time (seconds, < 0 unknown),
- * time left and the volume name.  At most 79 characters. */
-std::string eactl_progress_line(const JOB_STATUS& st, long elapsed_s);
+ * time left and the volume name.  At most width characters (1 to 383). */
+std::string eactl_progress_line(const JOB_STATUS& st, long elapsed_s, int width);
+/* Columns a line on the terminal may take: its width less one (the last
+ * column would wrap), 79 when standard output is not a terminal.  Arms
+ * SIGWINCH on the first call. */
+int  eactl_line_width();
+/* Whether the terminal changed its size since the last call. */
+bool eactl_resized();
 /* An activity log line "TYPE CODE TEXT" as "HH:MM:SS  level  TEXT (code N)",
  * at the given time; a line of another form is shown as it is. */
 std::string eactl_activity_line(const char* line, time_t when);

@@ -4,9 +4,12 @@
  */
 #include "eactl.h"
 
+#include <getopt.h>
 #include <stdlib.h>
 #include <string.h>
 #include <time.h>
+
+#include <vector>
 
 namespace {
 
@@ -34,20 +37,43 @@ int outcome(int rc)
     return rc < 0 ? EACTL_FAILED : EACTL_OK;
 }
 
+const struct option kHelpOnly[] = {{"help", no_argument, nullptr, 'h'}, {nullptr, 0, nullptr, 0}};
+
+/* Parses a command that takes no option but --help; its first word that is
+ * not an option, EACTL_HELP, or EACTL_USAGE (reported). */
+int parse_plain(int argc, char** argv, int* first)
+{
+    optind = 0;
+    int opt;
+    while ((opt = eactl_getopt(argc, argv, "h", kHelpOnly)) != -1) {
+        if (opt == 'h') {
+            eactl_command_help(argv[0]);
+            return EACTL_HELP;
+        }
+        return EACTL_USAGE;
+    }
+    *first = optind;
+    return EACTL_OK;
+}
+
 /* Parses the account options and the rest as one command text. */
 int parse_account_and_text(int argc, char** argv, EactlAccount* acct, std::string* text,
                            bool text_required)
 {
-    int i = 1;
-    for (; i < argc && strncmp(argv[i], "--", 2) == 0; i++) {
-        int rc = eactl_account_option(acct, argc, argv, &i);
-        if (rc < 0)
+    static const struct option opts[] = {EACTL_ACCOUNT_OPTIONS, {"help", no_argument, nullptr, 'h'},
+                                         {nullptr, 0, nullptr, 0}};
+    optind = 0;
+    int opt;
+    while ((opt = eactl_getopt(argc, argv, "h", opts)) != -1) {
+        if (opt == 'h') {
+            eactl_command_help(argv[0]);
+            return EACTL_HELP;
+        }
+        if (opt == '?' || eactl_account_option(acct, opt, optarg) <= 0)
             return EACTL_USAGE;
-        if (rc == 0)
-            break;
     }
     eactl_account_finish(acct);
-    *text = join_args(argc, argv, i);
+    *text = join_args(argc, argv, optind);
     if (text_required && text->empty())
         return bad_usage(argv[0], "a command text is required");
     return EACTL_OK;
@@ -63,9 +89,12 @@ void fill_exec_args(ExecCmdargs* a, const std::string& cmd, const EactlAccount& 
     a->sudo_flag = acct.sudo_flag;
 }
 
-void print_exec_result(const ExecCmdres* r)
+void print_exec_result(const ExecCmdres* r, int status)
 {
-    printf("ret: %d\n", r->cmd_ret);
+    if (status != 0)
+        printf("ret: %d, exit status %d\n", r->cmd_ret, status);
+    else
+        printf("ret: %d\n", r->cmd_ret);
     if (r->cmd && r->cmd_len > 0) {
         /* "retmsg_len" may claim more than the text received: stop at its end */
         int n = (int)strnlen(r->cmd, (size_t)r->cmd_len);
@@ -73,18 +102,77 @@ void print_exec_result(const ExecCmdres* r)
     }
 }
 
+/* The command's exit status, when not 0, comes back in its output (message
+ * mode) or in a file of the target (wait mode): the agent's reply has no
+ * field for it. */
+const char kExitMarker[] = "\037kvx-eactl-exit ";
+
+std::string exit_file(const EactlSession* s)
+{
+    return s->target_dir + "/kvx-eactl.exit";
+}
+
+/* The command text that also reports its exit status; cmd itself when the
+ * target's name cannot be written into it. */
+std::string with_exit_report(const EactlSession* s, const std::string& cmd, bool msg)
+{
+    if (msg)
+        return "trap 's=$?; [ \"$s\" = 0 ] || printf \"\\037kvx-eactl-exit %d\\n\" \"$s\"' EXIT; " + cmd;
+    if (s->target_dir.find_first_of("\"$`\\'\n") != std::string::npos)
+        return cmd;
+    return "trap 's=$?; [ \"$s\" = 0 ] || echo \"$s\" >\"" + exit_file(s) + "\"' EXIT; " + cmd;
+}
+
+/* Takes the exit status out of a message-mode reply's text; 0 without one. */
+int take_exit_marker(ExecCmdres* r)
+{
+    if (!r->cmd || r->cmd_len <= 0)
+        return 0;
+    size_t n = strnlen(r->cmd, (size_t)r->cmd_len);
+    std::string text(r->cmd, n);
+    size_t at = text.rfind(kExitMarker);
+    if (at == std::string::npos)
+        return 0;
+    int status = atoi(text.c_str() + at + sizeof(kExitMarker) - 1);
+    size_t end = text.find('\n', at);
+    text.erase(at, end == std::string::npos ? std::string::npos : end + 1 - at);
+    memcpy(r->cmd, text.c_str(), text.size() + 1);
+    r->cmd_len = text.empty() ? 0 : (int)text.size() + 1;
+    return status;
+}
+
+/* Reads the wait-mode exit status that the command left in the target. */
+int read_exit_file(EactlSession* s)
+{
+    std::string cmd = "cat \"" + exit_file(s) + "\" 2>/dev/null; rm -f \"" + exit_file(s) + "\"";
+    EactlAccount none = {"", "", 0};
+    ExecCmdargs a;
+    fill_exec_args(&a, cmd, none);
+    a.need_get_return_msg_flag = 1;
+    ExecCmdres r = {0, 0, NULL};
+    if (eactl_call(s, EA_PROC_EXEC_CMD, JXDR_PROC(ExecCmdargs, jxdr_ExecCmdargs), (char*)&a,
+                   JXDR_PROC(ExecCmdres, jxdr_ExecCmdres), (char*)&r) != 0 || r.cmd_ret != 0 || !r.cmd)
+        return 1;
+    int status = atoi(r.cmd);
+    return status > 0 ? status : 1;
+}
+
 } /* namespace */
 
 int eactl_cmd_ping(EactlSession* s, int argc, char** argv)
 {
-    std::string text = join_args(argc, argv, 1);
+    int first = 1;
+    int rc = parse_plain(argc, argv, &first);
+    if (rc != EACTL_OK)
+        return rc;
+    std::string text = join_args(argc, argv, first);
     if (s->checking)
         return EACTL_OK;
     PINGargs a = {(int)text.size() + 1, const_cast<char*>(text.c_str()), false};
     char buf[EA_PING_MSG_SIZE] = "";
     PINGres r = {0, (int)sizeof(buf), buf};
-    int rc = eactl_request(s, EA_PROC_PING, JXDR_PROC(PINGargs, jxdr_PINGargs), (char*)&a,
-                           JXDR_PROC(PINGres, jxdr_PINGres), (char*)&r);
+    rc = eactl_request(s, EA_PROC_PING, JXDR_PROC(PINGargs, jxdr_PINGargs), (char*)&a,
+                       JXDR_PROC(PINGres, jxdr_PINGres), (char*)&r);
     if (rc != 0)
         return outcome(rc);
     time_t stamp = (time_t)r.stamp;
@@ -96,50 +184,98 @@ int eactl_cmd_ping(EactlSession* s, int argc, char** argv)
 
 int eactl_cmd_exec(EactlSession* s, int argc, char** argv)
 {
+    static const struct option opts[] = {
+        {"msg", no_argument, nullptr, 'm'},
+        {"wait", no_argument, nullptr, 'W'},
+        {"background", no_argument, nullptr, 'b'},
+        {"jobid", required_argument, nullptr, 'j'},
+        EACTL_ACCOUNT_OPTIONS,
+        {"help", no_argument, nullptr, 'h'},
+        {nullptr, 0, nullptr, 0},
+    };
     EactlAccount acct = {"", "", 0};
-    int msg = 1, block = 0, jobid = 0, i = 1;
-    for (; i < argc && strncmp(argv[i], "--", 2) == 0; i++) {
-        if (strcmp(argv[i], "--msg") == 0) {
-            msg = 1, block = 0;
-        } else if (strcmp(argv[i], "--wait") == 0) {
-            msg = 0, block = 0;
-        } else if (strcmp(argv[i], "--background") == 0) {
-            msg = 0, block = 1;
-        } else if (strcmp(argv[i], "--jobid") == 0 && i + 1 < argc) {
-            jobid = atoi(argv[++i]);
-        } else {
-            int rc = eactl_account_option(&acct, argc, argv, &i);
-            if (rc <= 0)
-                return rc < 0 ? EACTL_USAGE : bad_usage("exec", "unknown option");
+    int msg = 1, block = 0, opt;
+    long jobid = 0;
+    optind = 0;
+    while ((opt = eactl_getopt(argc, argv, "h", opts)) != -1) {
+        switch (opt) {
+        case 'm': msg = 1, block = 0; break;
+        case 'W': msg = 0, block = 0; break;
+        case 'b': msg = 0, block = 1; break;
+        case 'j':
+            if (!eactl_number("exec", "--jobid", optarg, 0, 2147483647L, &jobid))
+                return EACTL_USAGE;
+            break;
+        case 'h':
+            eactl_command_help("exec");
+            return EACTL_HELP;
+        default:
+            if (opt == '?' || eactl_account_option(&acct, opt, optarg) <= 0)
+                return EACTL_USAGE;
         }
     }
     eactl_account_finish(&acct);
-    std::string cmd = join_args(argc, argv, i);
+    std::string cmd = join_args(argc, argv, optind);
     if (cmd.empty())
         return bad_usage("exec", "a command is required");
     if (s->checking)
         return EACTL_OK;
 
+    std::string sent = block ? cmd : with_exit_report(s, cmd, msg);
     ExecCmdargs a;
-    fill_exec_args(&a, cmd, acct);
+    fill_exec_args(&a, sent, acct);
     a.need_get_return_msg_flag = msg;
     a.block_flag = block;
-    a.jobid = jobid;
+    a.jobid = (int)jobid;
     ExecCmdres r = {0, 0, NULL};
-    int rc = eactl_request(s, EA_PROC_EXEC_CMD, JXDR_PROC(ExecCmdargs, jxdr_ExecCmdargs),
-                           (char*)&a, JXDR_PROC(ExecCmdres, jxdr_ExecCmdres), (char*)&r);
-    if (rc == 0)
-        print_exec_result(&r);
-    return outcome(rc);
+    int rc = eactl_call(s, EA_PROC_EXEC_CMD, JXDR_PROC(ExecCmdargs, jxdr_ExecCmdargs),
+                        (char*)&a, JXDR_PROC(ExecCmdres, jxdr_ExecCmdres), (char*)&r);
+    if (rc != 0)
+        return EACTL_FAILED;
+    /* the reply's text lives in the channel until the next call */
+    std::vector<char> text(r.cmd && r.cmd_len > 0 ? r.cmd : "", r.cmd && r.cmd_len > 0
+                           ? r.cmd + strnlen(r.cmd, (size_t)r.cmd_len) : "");
+    text.push_back('\0');
+    r.cmd = text.data();
+    r.cmd_len = text.size() > 1 ? (int)text.size() : 0;
+    int status = 0;
+    if (msg)
+        status = take_exit_marker(&r);
+    else if (!block && r.cmd_ret != 0)
+        status = sent == cmd ? 1 : read_exit_file(s);
+    bool agent_failed = status == 0 && r.cmd_ret != 0 && !block;   /* e.g. no output in message mode */
+    if (status != 0) {
+        s->exit_status = status;
+        s->reason = "exit status " + std::to_string(status);
+    } else if (agent_failed) {
+        s->reason = "the agent answered ret " + std::to_string(r.cmd_ret);
+    }
+    if (eactl_print_reply(s, EA_PROC_EXEC_CMD, JXDR_PROC(ExecCmdres, jxdr_ExecCmdres), (char*)&r,
+                          json_pack("{s:i}", "status", status)) == 0)
+        print_exec_result(&r, status);
+    return status == 0 && !agent_failed ? EACTL_OK : EACTL_FAILED;
 }
 
 int eactl_cmd_status(EactlSession* s, int argc, char** argv)
 {
+    static const struct option opts[] = {{"id", required_argument, nullptr, 'i'},
+                                         {"help", no_argument, nullptr, 'h'},
+                                         {nullptr, 0, nullptr, 0}};
     JOBSTATUSargs a = {0};
-    if (argc == 3 && strcmp(argv[1], "--id") == 0)
-        a.jobid = atoi(argv[2]);
-    else if (argc != 1)
-        return bad_usage("status", "usage: status [--id N]");
+    long id = 0;
+    int opt;
+    optind = 0;
+    while ((opt = eactl_getopt(argc, argv, "h", opts)) != -1) {
+        if (opt == 'h') {
+            eactl_command_help("status");
+            return EACTL_HELP;
+        }
+        if (opt != 'i' || !eactl_number("status", "--id", optarg, 0, 2147483647L, &id))
+            return EACTL_USAGE;
+    }
+    if (optind != argc)
+        return bad_usage("status", "takes no arguments but --id N");
+    a.jobid = (int)id;
     if (s->checking)
         return EACTL_OK;
     JOB_STATUS r;
@@ -153,7 +289,7 @@ int eactl_cmd_status(EactlSession* s, int argc, char** argv)
         return EACTL_OK;
     }
     printf("job running (status %u, type %u, phase %u)\n%s\n", r.sts, r.typ, r.stg,
-           eactl_progress_line(r, -1).c_str());
+           eactl_progress_line(r, -1, s->tty ? eactl_line_width() : 79).c_str());
     printf("processed %s, written %s at %.1f MiB/s\n", eactl_bytes(r.dt_fin << 10).c_str(),
            eactl_bytes(r.processed_data_w << 10).c_str(), eactl_mib_per_s(r.throughput_w));
     if (r.job_statistic.DataIsValid)
@@ -174,7 +310,7 @@ void eactl_print_activity(EactlSession* s, const char* text)
         std::string line = nl ? std::string(at, nl) : std::string(at);
         std::string shown = eactl_activity_line(line.c_str(), now);
         if (s->tty)
-            printf("\r%-79s\n", shown.c_str());   /* over a progress line */
+            printf("\r%-*s\n", eactl_line_width(), shown.c_str());   /* over a progress line */
         else
             printf("%s\n", shown.c_str());
         at = nl ? nl + 1 : at + line.size();
@@ -183,12 +319,16 @@ void eactl_print_activity(EactlSession* s, const char* text)
 
 int eactl_cmd_log(EactlSession* s, int argc, char** argv)
 {
-    if (argc != 1)
+    int first = 1;
+    int rc = parse_plain(argc, argv, &first);
+    if (rc != EACTL_OK)
+        return rc;
+    if (first != argc)
         return bad_usage("log", "takes no arguments");
     if (s->checking)
         return EACTL_OK;
     AGENTLOGres r = {0, NULL};
-    int rc = eactl_request(s, EA_PROC_AGENTLOG, jxdr_Noargs, NULL,
+    rc = eactl_request(s, EA_PROC_AGENTLOG, jxdr_Noargs, NULL,
                            JXDR_PROC(AGENTLOGres, jxdr_AGENTLOGres), (char*)&r);
     if (rc != 0)
         return outcome(rc);
@@ -201,13 +341,17 @@ int eactl_cmd_log(EactlSession* s, int argc, char** argv)
 
 int eactl_cmd_result(EactlSession* s, int argc, char** argv)
 {
-    if (argc != 1)
+    int first = 1;
+    int rc = parse_plain(argc, argv, &first);
+    if (rc != EACTL_OK)
+        return rc;
+    if (first != argc)
         return bad_usage("result", "takes no arguments");
     if (s->checking)
         return EACTL_OK;
     JOB_RESULT r;
     memset(&r, 0, sizeof(r));
-    int rc = eactl_request(s, EA_PROC_JOBRESULT, jxdr_Noargs, NULL,
+    rc = eactl_request(s, EA_PROC_JOBRESULT, jxdr_Noargs, NULL,
                            JXDR_PROC(JOB_RESULT, jxdr_JOBRESULTres), (char*)&r);
     if (rc == 0)
         printf("%s\n", eactl_result_text(r).c_str());
@@ -216,21 +360,28 @@ int eactl_cmd_result(EactlSession* s, int argc, char** argv)
 
 int eactl_cmd_mount(EactlSession* s, int argc, char** argv)
 {
+    static const struct option opts[] = {{"point", required_argument, nullptr, 'p'},
+                                         EACTL_ACCOUNT_OPTIONS,
+                                         {"help", no_argument, nullptr, 'h'},
+                                         {nullptr, 0, nullptr, 0}};
     EactlAccount acct = {"", "", 0};
     std::string location, point;
-    for (int i = 1; i < argc; i++) {
-        if (strcmp(argv[i], "--point") == 0 && i + 1 < argc) {
-            point = argv[++i];
-        } else if (strncmp(argv[i], "--", 2) == 0) {
-            int rc = eactl_account_option(&acct, argc, argv, &i);
-            if (rc <= 0)
-                return rc < 0 ? EACTL_USAGE : bad_usage("mount", "unknown option");
-        } else if (location.empty()) {
-            location = argv[i];
-        } else {
-            return bad_usage("mount", "one location only");
+    int opt;
+    optind = 0;
+    while ((opt = eactl_getopt(argc, argv, "h", opts)) != -1) {
+        if (opt == 'h') {
+            eactl_command_help("mount");
+            return EACTL_HELP;
         }
+        if (opt == 'p')
+            point = optarg;
+        else if (opt == '?' || eactl_account_option(&acct, opt, optarg) <= 0)
+            return EACTL_USAGE;
     }
+    if (argc - optind > 1)
+        return bad_usage("mount", "one location only");
+    if (optind < argc)
+        location = argv[optind];
     eactl_account_finish(&acct);
     if (location.empty())
         return bad_usage("mount", "a location is required");
@@ -244,26 +395,37 @@ int eactl_cmd_mount(EactlSession* s, int argc, char** argv)
                            JXDR_PROC(Mountres, jxdr_Mountres), (char*)&r);
     if (rc != 0)
         return outcome(rc);
-    if (r.ret == 0)
+    if (r.ret == 0) {
         printf("mounted on %s\n", r.mount_point);
-    else
-        printf("mount failed (ret %d); the agent's log has the reason\n", r.ret);
-    return EACTL_OK;
+        return EACTL_OK;
+    }
+    printf("mount failed (ret %d); the agent's log has the reason\n", r.ret);
+    s->reason = "mount failed (ret " + std::to_string(r.ret) + ")";
+    return EACTL_FAILED;
 }
 
 int eactl_cmd_vmdetect(EactlSession* s, int argc, char** argv)
 {
+    static const struct option opts[] = {{"uuid", required_argument, nullptr, 'u'},
+                                         EACTL_ACCOUNT_OPTIONS,
+                                         {"help", no_argument, nullptr, 'h'},
+                                         {nullptr, 0, nullptr, 0}};
     EactlAccount acct = {"", "", 0};
     std::string uuid;
-    for (int i = 1; i < argc; i++) {
-        if (strcmp(argv[i], "--uuid") == 0 && i + 1 < argc) {
-            uuid = argv[++i];
-        } else {
-            int rc = eactl_account_option(&acct, argc, argv, &i);
-            if (rc <= 0)
-                return rc < 0 ? EACTL_USAGE : bad_usage("vmdetect", "unknown option");
+    int opt;
+    optind = 0;
+    while ((opt = eactl_getopt(argc, argv, "h", opts)) != -1) {
+        if (opt == 'h') {
+            eactl_command_help("vmdetect");
+            return EACTL_HELP;
         }
+        if (opt == 'u')
+            uuid = optarg;
+        else if (opt == '?' || eactl_account_option(&acct, opt, optarg) <= 0)
+            return EACTL_USAGE;
     }
+    if (optind != argc)
+        return bad_usage("vmdetect", "takes no arguments but options");
     eactl_account_finish(&acct);
     if (s->checking)
         return EACTL_OK;
@@ -294,6 +456,6 @@ int eactl_cmd_checkmachine(EactlSession* s, int argc, char** argv)
     rc = eactl_request(s, EA_PROC_CHECK_MACHINE, JXDR_PROC(ExecCmdargs, jxdr_ExecCmdargs),
                        (char*)&a, JXDR_PROC(ExecCmdres, jxdr_ExecCmdres), (char*)&r);
     if (rc == 0)
-        print_exec_result(&r);
+        print_exec_result(&r, 0);
     return outcome(rc);
 }

@@ -8,6 +8,8 @@
  */
 #include "eactl.h"
 
+#include <errno.h>
+#include <getopt.h>
 #include <stdlib.h>
 #include <string.h>
 #include <time.h>
@@ -24,31 +26,51 @@ struct DemoOptions {
 
 int parse_demo(int argc, char** argv, DemoOptions* o)
 {
-    for (int i = 1; i < argc; i += 2) {
-        bool seconds = strcmp(argv[i], "--seconds") == 0;
-        if ((!seconds && strcmp(argv[i], "--exit") != 0) || i + 1 >= argc) {
-            fprintf(stderr, "kvx-eactl demo: usage: demo [--seconds N] [--exit CODE]\n");
-            return EACTL_USAGE;
+    static const struct option opts[] = {{"seconds", required_argument, nullptr, 's'},
+                                         {"exit", required_argument, nullptr, 'e'},
+                                         {"help", no_argument, nullptr, 'h'},
+                                         {nullptr, 0, nullptr, 0}};
+    int opt;
+    long v = 0;
+    optind = 0;
+    while ((opt = eactl_getopt(argc, argv, "h", opts)) != -1) {
+        if (opt == 'h') {
+            eactl_command_help("demo");
+            return EACTL_HELP;
         }
-        char* end = NULL;
-        long v = strtol(argv[i + 1], &end, 10);
-        if (end == argv[i + 1] || *end || v < 0 || v > (seconds ? 3600 : 255)) {
-            fprintf(stderr, "kvx-eactl demo: %s takes a whole number from 0 to %d\n", argv[i],
-                    seconds ? 3600 : 255);
+        bool seconds = opt == 's';
+        if (opt == '?' || !eactl_number("demo", seconds ? "--seconds" : "--exit", optarg, 0,
+                                        seconds ? 3600 : 255, &v))
             return EACTL_USAGE;
-        }
         (seconds ? o->seconds : o->code) = (int)v;
+    }
+    if (optind != argc) {
+        fprintf(stderr, "kvx-eactl demo: takes no arguments but options; try 'kvx-eactl demo --help'\n");
+        return EACTL_USAGE;
     }
     return EACTL_OK;
 }
 
-void show_progress(EactlSession* s, const std::string& line)
+void show_progress(EactlSession* s, const JOB_STATUS& st, long elapsed)
 {
-    if (s->tty)
-        printf("\r%-79s", line.c_str());
-    else
-        printf("%s\n", line.c_str());
+    if (s->tty) {
+        int width = eactl_line_width();
+        printf("\r%-*s", width, eactl_progress_line(st, elapsed, width).c_str());
+    } else {
+        printf("%s\n", eactl_progress_line(st, elapsed, 79).c_str());
+    }
     fflush(stdout);
+}
+
+/* Waits a second; on a terminal that changes its size meanwhile the
+ * progress line is drawn again at the new width. */
+void wait_a_second(EactlSession* s, const JOB_STATUS& st, long elapsed)
+{
+    struct timespec left = {1, 0};
+    while (nanosleep(&left, &left) != 0 && errno == EINTR && !eactl_interrupted()) {
+        if (s->tty && eactl_resized())
+            show_progress(s, st, elapsed);
+    }
 }
 
 /* Starts the simulated job in the background; 0 or EACTL_FAILED. */
@@ -95,15 +117,15 @@ int watch_job(EactlSession* s, JOB_STATUS* st)
         if (st->sts == EACTL_JOB_ENDED)
             break;
         if (rc == 0)
-            show_progress(s, eactl_progress_line(*st, (long)(time(NULL) - start)));
+            show_progress(s, *st, (long)(time(NULL) - start));
         if (time(NULL) - start > POLL_LIMIT_S) {
             eactl_error(s, "demo: the job did not end within %d s", POLL_LIMIT_S);
             return EACTL_FAILED;
         }
-        sleep(1);
+        wait_a_second(s, *st, (long)(time(NULL) - start));
     }
     if (s->tty)
-        printf("\r%-79s\r", "");
+        printf("\r%-*s\r", eactl_line_width(), "");
     return EACTL_OK;
 }
 
@@ -123,6 +145,10 @@ int eactl_cmd_demo(EactlSession* s, int argc, char** argv)
             return EACTL_FAILED;
         }
         s->files.push_back({sim, "work/linux-kvx-client/kvxbackupvol"});
+        /* the agent's cleanup cancels a running backup through it */
+        std::string monitor = eactl_find_program("kvxmonitor-sim");
+        if (!monitor.empty())
+            s->files.push_back({monitor, "work/linux-kvx-client/kvxmonitor"});
         return EACTL_OK;
     }
     if (!s->json)
@@ -141,5 +167,7 @@ int eactl_cmd_demo(EactlSession* s, int argc, char** argv)
         printf("backup %s:\n", ok ? "finished" : "FAILED");
     if (eactl_cmd_result(s, 1, result_argv) != EACTL_OK)
         return EACTL_FAILED;
+    if (!ok)
+        s->reason = "the backup job failed";
     return ok ? EACTL_OK : EACTL_FAILED;
 }

@@ -12,6 +12,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 #include <jansson.h>
+#include <stdio.h>
 
 namespace {
 
@@ -68,86 +69,86 @@ void prefix_stdout(const std::string& prefix)
     stdout = f;
 }
 
-int run_child(const EactlSession& proto, const std::string& host,
+int run_child(const EactlSession& proto, const EactlNode& node,
               const std::vector<EactlStep>& chain, char** argv)
 {
     EactlSession s = proto;
-    s.host = host;
-    s.node = host;
+    s.host = node.dest;
+    s.node = node.name;
+    s.port = node.port;
+    s.login = node.user;
     s.tty = false;
-    prefix_stdout(s.json ? "" : host + ": ");
+    prefix_stdout(s.json ? "" : node.name + ": ");
     int rc = eactl_run_node(&s, chain, argv);
     fclose(stdout);
     return rc;
 }
 
-void print_summary(const EactlSession& proto, const std::vector<std::string>& hosts,
+void print_summary(const EactlSession& proto, const std::vector<EactlNode>& nodes,
                    const std::vector<int>& results)
 {
-    int count[4] = {0, 0, 0, 0};
-    std::string missed;
-    for (size_t k = 0; k < hosts.size(); k++) {
-        count[results[k]]++;
-        if (results[k] != EACTL_OK)
-            missed += (missed.empty() ? "" : ", ") + hosts[k];
+    int ok = 0;
+    std::vector<std::string> failed, unreachable;
+    for (size_t k = 0; k < nodes.size(); k++) {
+        if (results[k] == EACTL_OK)
+            ok++;
+        else
+            (results[k] == EACTL_UNREACHABLE ? unreachable : failed).push_back(nodes[k].name);
     }
     if (proto.json) {
-        json_t* line = json_pack("{s:{s:i, s:i, s:i}}", "summary", "ok", count[EACTL_OK],
-                                 "failed", count[EACTL_FAILED], "unreachable",
-                                 count[EACTL_UNREACHABLE]);
+        json_t* f = json_array();
+        json_t* u = json_array();
+        for (const std::string& n : failed)
+            json_array_append_new(f, json_string(n.c_str()));
+        for (const std::string& n : unreachable)
+            json_array_append_new(u, json_string(n.c_str()));
+        json_t* line = json_pack("{s:s, s:i, s:i, s:i, s:o, s:o}", "type", "summary", "ok", ok,
+                                 "failed", (int)failed.size(), "unreachable", (int)unreachable.size(),
+                                 "failed_hosts", f, "unreachable_hosts", u);
         char* text = line ? json_dumps(line, 0) : NULL;
         if (text)
             printf("%s\n", text);
         free(text);
         json_decref(line);
+        fflush(stdout);
         return;
     }
-    printf("summary: %d ok, %d failed, %d unreachable%s%s%s\n", count[EACTL_OK],
-           count[EACTL_FAILED], count[EACTL_UNREACHABLE], missed.empty() ? "" : " (",
-           missed.c_str(), missed.empty() ? "" : ")");
+    std::string text = "summary: " + std::to_string(ok) + " ok";
+    for (const std::vector<std::string>* list : {&failed, &unreachable}) {
+        text += ", " + std::to_string(list->size()) + (list == &failed ? " failed" : " unreachable");
+        for (size_t k = 0; k < list->size(); k++)
+            text += (k == 0 ? " (" : ", ") + (*list)[k] + (k + 1 == list->size() ? ")" : "");
+    }
+    printf("%s\n", text.c_str());
+    fflush(stdout);
 }
 
 } /* namespace */
 
-int eactl_read_hosts(const char* path, std::vector<std::string>* hosts)
-{
-    FILE* f = fopen(path, "r");
-    if (!f) {
-        fprintf(stderr, "kvx-eactl: cannot read %s: %s\n", path, strerror(errno));
-        return -1;
-    }
-    char line[1024];
-    int rc = 0;
-    for (int number = 1; rc == 0 && fgets(line, sizeof(line), f); number++) {
-        line[strcspn(line, "#\r\n")] = '\0';
-        std::vector<std::string> words = eactl_split_command(line);
-        if (words.size() > 1 || (words.size() == 1 && words[0][0] == '-')) {   /* as for --host */
-            fprintf(stderr, "kvx-eactl: %s:%d: one ssh destination per line\n", path, number);
-            rc = -1;
-        } else if (words.size() == 1) {
-            hosts->push_back(words[0]);
-        }
-    }
-    fclose(f);
-    return rc;
-}
-
-int eactl_run_nodes(const EactlSession& proto, const std::vector<std::string>& hosts,
+int eactl_run_nodes(const EactlSession& proto, const std::vector<EactlNode>& nodes,
                     int parallel, const std::vector<EactlStep>& chain, char** argv)
 {
-    std::vector<int> results(hosts.size(), EACTL_FAILED);
-    std::vector<pid_t> pids(hosts.size(), -1);
+    std::vector<int> results(nodes.size(), EACTL_FAILED);
+    std::vector<pid_t> pids(nodes.size(), -1);
     size_t next = 0;
     int running = 0;
+    bool forwarded = false;
     fflush(stdout);
     fflush(stderr);
-    while (next < hosts.size() || running > 0) {
-        if (next < hosts.size() && running < parallel) {
+    while ((next < nodes.size() && !eactl_interrupted()) || running > 0) {
+        if (eactl_interrupted() && !forwarded) {
+            /* SIGTERM reached only this process: each node ends its own agent */
+            for (size_t k = 0; k < nodes.size(); k++)
+                if (pids[k] > 0)
+                    kill(pids[k], SIGTERM);
+            forwarded = true;
+        }
+        if (next < nodes.size() && running < parallel && !eactl_interrupted()) {
             pid_t pid = fork();
             if (pid == 0)
-                _exit(run_child(proto, hosts[next], chain, argv));
+                _exit(run_child(proto, nodes[next], chain, argv));
             if (pid < 0)
-                fprintf(stderr, "kvx-eactl: %s: fork: %s\n", hosts[next].c_str(), strerror(errno));
+                fprintf(stderr, "kvx-eactl: %s: fork: %s\n", nodes[next].name.c_str(), strerror(errno));
             else
                 running++;
             pids[next++] = pid;
@@ -160,17 +161,21 @@ int eactl_run_nodes(const EactlSession& proto, const std::vector<std::string>& h
                 continue;
             break;
         }
-        for (size_t k = 0; k < hosts.size(); k++) {
+        for (size_t k = 0; k < nodes.size(); k++) {
             if (pids[k] != pid)
                 continue;
             int code = WIFEXITED(st) ? WEXITSTATUS(st) : EACTL_FAILED;
             results[k] = code == EACTL_OK || code == EACTL_UNREACHABLE ? code : EACTL_FAILED;
+            pids[k] = -1;
             running--;
         }
     }
-    print_summary(proto, hosts, results);
+    print_summary(proto, nodes, results);
+    if (eactl_interrupted())
+        return EACTL_SIGNALLED(eactl_interrupted());
+    int worst = EACTL_OK;
     for (int r : results)
-        if (r != EACTL_OK)
-            return EACTL_FAILED;
-    return EACTL_OK;
+        if (r == EACTL_UNREACHABLE || (r != EACTL_OK && worst == EACTL_OK))
+            worst = r;
+    return worst;
 }

@@ -7,11 +7,21 @@
  */
 #include "eactl.h"
 
+#include <signal.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/ioctl.h>
 #include <time.h>
+#include <unistd.h>
 
 namespace {
+
+volatile sig_atomic_t g_resized = 0;
+
+void on_winch(int)
+{
+    g_resized = 1;
+}
 
 const char* const kUnits[] = {"B", "KiB", "MiB", "GiB", "TiB", "PiB"};
 
@@ -69,7 +79,7 @@ double eactl_mib_per_s(unsigned long long kib_per_min)
     return (double)kib_per_min / 60.0 / 1024.0;
 }
 
-std::string eactl_progress_line(const JOB_STATUS& st, long elapsed_s)
+std::string eactl_progress_line(const JOB_STATUS& st, long elapsed_s, int width)
 {
     unsigned long long pct = st.vol.dt_all > 100 ? 100 : st.vol.dt_all;
     unsigned long long done = st.vol.dt_fin << 10;
@@ -95,7 +105,7 @@ std::string eactl_progress_line(const JOB_STATUS& st, long elapsed_s)
     snprintf(line, sizeof(line), "%3llu%%  %s  %.1f MiB/s  elapsed %s  ETA %s  %.*s", pct, size,
              eactl_mib_per_s(rate), eactl_duration(elapsed_s).c_str(), eactl_duration(left).c_str(),
              (int)sizeof(st.vol.name), st.vol.name);
-    line[79] = '\0';
+    line[width < 1 ? 1 : width > 383 ? 383 : width] = '\0';
     return line;
 }
 
@@ -131,4 +141,105 @@ std::string eactl_result_text(const JOB_RESULT& r)
              r.sessionGuid[0] ? r.sessionGuid : "-", r.recovery_count,
              r.recovery_count == 1 ? "" : "s");
     return text;
+}
+
+namespace {
+
+std::string iso8601(time_t when)
+{
+    char text[32];
+    struct tm tm;
+    strftime(text, sizeof(text), "%Y-%m-%dT%H:%M:%S%z", localtime_r(&when, &tm));
+    return text;
+}
+
+void set_bytes(json_t* rec, const char* name, unsigned long long bytes)
+{
+    json_object_set_new(rec, name, json_integer((json_int_t)bytes));
+}
+
+void set_rate(json_t* rec, const char* name, unsigned long long kib_per_min)
+{
+    /* one decimal place more than the text shows */
+    json_object_set_new(rec, name, json_real((double)(long long)(eactl_mib_per_s(kib_per_min) * 100 + 0.5) / 100));
+}
+
+/* The activity lines "TYPE CODE TEXT" as records; other lines as text. */
+void set_events(json_t* rec, const char* text, size_t size)
+{
+    json_t* events = json_array();
+    std::string all = text ? std::string(text, strnlen(text, size)) : "";
+    for (size_t at = 0, nl; at < all.size(); at = nl + 1) {
+        nl = all.find('\n', at);
+        nl = nl == std::string::npos ? all.size() : nl;
+        std::string line = all.substr(at, nl - at);
+        if (line.empty())
+            continue;
+        char* end = NULL;
+        long type = strtol(line.c_str(), &end, 10);
+        const char* word = end != line.c_str() && *end == ' ' ? level_word(type) : NULL;
+        char* rest = NULL;
+        long code = word ? strtol(end + 1, &rest, 10) : 0;
+        if (word && rest != end + 1 && *rest == ' ')
+            json_array_append_new(events, json_pack("{s:s, s:I, s:s}", "level", word, "code", (json_int_t)code,
+                                                    "text", rest + 1));
+        else
+            json_array_append_new(events, json_pack("{s:s}", "text", line.c_str()));
+    }
+    json_object_set_new(rec, "events", events);
+}
+
+} /* namespace */
+
+void eactl_readable_fields(int fn, const char* res, json_t* rec)
+{
+    if (fn == EA_PROC_PING) {
+        const PINGres* r = (const PINGres*)res;
+        json_object_set_new(rec, "agent_time", json_string(iso8601((time_t)r->stamp).c_str()));
+    } else if (fn == EA_PROC_JOBSTATUS) {
+        const JOB_STATUS* r = (const JOB_STATUS*)res;
+        json_object_set_new(rec, "running", json_boolean(r->sts != EACTL_JOB_ENDED));
+        json_object_set_new(rec, "volume", json_stringn(r->vol.name, strnlen(r->vol.name, sizeof(r->vol.name))));
+        json_object_set_new(rec, "volume_percent", json_integer((json_int_t)(r->vol.dt_all > 100 ? 100 : r->vol.dt_all)));
+        set_bytes(rec, "volume_done_bytes", r->vol.dt_fin << 10);
+        set_bytes(rec, "processed_bytes", r->dt_fin << 10);
+        set_bytes(rec, "written_bytes", r->processed_data_w << 10);
+        set_rate(rec, "rate_mib_s", r->tm_usd ? r->tm_usd : r->vol.tm_usd);
+        set_rate(rec, "write_rate_mib_s", r->throughput_w);
+        set_events(rec, r->act_size ? r->act_log : NULL, r->act_size);
+    } else if (fn == EA_PROC_AGENTLOG) {
+        const AGENTLOGres* r = (const AGENTLOGres*)res;
+        set_events(rec, r->logSize > 0 ? r->pLog : NULL, (size_t)r->logSize);
+    } else if (fn == EA_PROC_JOBRESULT) {
+        const JOB_RESULT* r = (const JOB_RESULT*)res;
+        set_bytes(rec, "read_bytes", r->processed_data_read);
+        set_bytes(rec, "written_bytes", r->processed_data_write);
+        set_bytes(rec, "protected_bytes", r->protected_data);
+        set_rate(rec, "read_rate_mib_s", r->throughput_read);
+        set_rate(rec, "write_rate_mib_s", r->throughput_write);
+    }
+}
+
+int eactl_line_width()
+{
+    static bool armed = false;
+    if (!armed) {
+        struct sigaction sa;
+        memset(&sa, 0, sizeof(sa));
+        sa.sa_handler = on_winch;
+        sa.sa_flags = SA_RESTART;
+        sigaction(SIGWINCH, &sa, NULL);
+        armed = true;
+    }
+    struct winsize ws;
+    if (ioctl(STDOUT_FILENO, TIOCGWINSZ, &ws) != 0 || ws.ws_col < 2)
+        return 79;
+    return ws.ws_col - 1 > 383 ? 383 : ws.ws_col - 1;
+}
+
+bool eactl_resized()
+{
+    bool r = g_resized != 0;
+    g_resized = 0;
+    return r;
 }
