@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Builds the Debian package kvx-ea_<version>_amd64.deb: the operator client
 # /usr/bin/kvx-eactl, the agents it deploys under /usr/lib/kvx-ea/ (the static
-# x86-64 agent, and the i386 one when scripts/portable.sh has built it), the
+# x86-64 agent, and those of the other CPUs that scripts/portable.sh built), the
 # simulated backup program, the man page kvx-eactl(1) and the README.
 #
 #   scripts/package.sh [--bin DIR] [--out DIR]
@@ -41,12 +41,14 @@ work=$(mktemp -d /tmp/kvx-package.XXXXXX)
 trap 'rm -rf "$work"' EXIT
 stage="$work/stage"
 install -D -m 755 "$bin/kvx-eactl" "$stage/usr/bin/kvx-eactl"
-for f in kvx_ea-static kvx_ea-i386 kvxbackupvol-sim; do
+# The agents of other CPUs that scripts/portable.sh built (and stripped).
+others=$(awk '!/^#/ && NF { print "kvx_ea-" $1 }' "$root/scripts/arches.txt")
+for f in kvx_ea-static $others kvxbackupvol-sim; do
   if [ -f "$bin/$f" ]; then
     install -D -m 755 "$bin/$f" "$stage/usr/lib/kvx-ea/$f"
   fi
 done
-strip --strip-unneeded "$stage/usr/bin/kvx-eactl" "$stage"/usr/lib/kvx-ea/*
+strip --strip-unneeded "$stage/usr/bin/kvx-eactl" "$stage"/usr/lib/kvx-ea/{kvx_ea-static,kvxbackupvol-sim}
 mkdir -p "$stage/usr/share/man/man1" "$stage/usr/share/doc/kvx-ea"
 gzip -9n <"$root/docs/kvx-eactl.1" >"$stage/usr/share/man/man1/kvx-eactl.1.gz"
 install -m 644 "$root/README.md" "$stage/usr/share/doc/kvx-ea/README.md"

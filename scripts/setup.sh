@@ -6,8 +6,8 @@
 #   setup.sh           the normal build and test suite
 #   setup.sh --i386    also the 32-bit agent's toolchain (Debian's i686 cross
 #                      compiler and the i386 Jansson, for scripts/portable.sh)
-#   setup.sh --cross   also those of the other CPUs in scripts/arches.txt, and
-#                      qemu-user-static to run their agents here
+#   setup.sh --cross   also those of the other CPUs in scripts/arches.txt (with
+#                      their GoogleTest), and qemu-user-static to run them here
 # The options combine.
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -22,12 +22,15 @@ PACKAGES=(
 # Debian's cross compilers conflict with gcc-multilib (which apt then
 # removes): the 32-bit agent is built with one of them too.
 table_packages() {   # $1: "i386" for that row, "other" for the rest
-  local agent arch triplet tests
-  while read -r agent arch triplet tests; do
+  local agent arch triplet tests own
+  while read -r agent arch triplet tests own; do
     case "$agent" in ''|'#'*) continue ;; esac
     if [ "$1" = i386 ] && [ "$agent" != i386 ]; then continue; fi
     if [ "$1" != i386 ] && [ "$agent" = i386 ]; then continue; fi
     PACKAGES+=("g++-$triplet" "libjansson-dev:$arch")
+    if [ "$own" != - ]; then
+      PACKAGES+=("libgtest-dev:$arch")
+    fi
     foreign+=("$arch")
   done < scripts/arches.txt
 }
