@@ -193,6 +193,19 @@ TEST_P(Portable, AnswersPingAndReadsAnActivityLogOverTwoGigabytes)
     EXPECT_EQ(h.wait_exit(20), 0);
 }
 
+/* The simulated backup program goes to the nodes with the demo: static too,
+ * the build machine's and those of the other CPUs that were built. */
+TEST(PortableSimulator, IsStatic)
+{
+    for (const char* cpu : {"", "-i386", "-aarch64", "-ppc64le", "-s390x"}) {
+        std::string path = std::string(KVX_BIN_DIR) + "/kvxbackupvol-sim" + cpu;
+        if (*cpu && access(path.c_str(), X_OK) != 0)
+            continue;
+        std::string what = run_text("file -b '" + path + "'");
+        EXPECT_NE(what.find("statically linked"), std::string::npos) << path << ": " << what;
+    }
+}
+
 INSTANTIATE_TEST_SUITE_P(Agents, Portable, ::testing::ValuesIn(kAgents),
                          [](const ::testing::TestParamInfo<PortableAgent>& i) {
                              return std::string(i.param.label);
