@@ -40,8 +40,9 @@ while read -r agent arch triplet tests own; do
   fi
 done < scripts/arches.txt
 
-emulator_of() {   # $1: agent; the emulator's path, empty when it runs natively
-  if [ "$1" != i386 ]; then command -v "qemu-$1-static"; fi
+# $1: agent, $2: its tests; the emulator's path, empty when it runs natively.
+emulator_of() {
+  if [ "$2" != integration ]; then command -v "qemu-$1-static"; fi
 }
 
 # Every agent first: the integration suite's test_portable checks all that
@@ -64,7 +65,7 @@ for row in "${rows[@]}"; do
   options=(-DKVX_BUILD_TESTS=OFF)
   if [ "$own" != - ]; then
     targets+=("tests-$own")
-    options=(-DKVX_BUILD_TESTS=ON -DCMAKE_CROSSCOMPILING_EMULATOR="$(emulator_of "$agent")")
+    options=(-DKVX_BUILD_TESTS=ON -DCMAKE_CROSSCOMPILING_EMULATOR="$(emulator_of "$agent" "$tests")")
   fi
   # The linker's warnings about getaddrinfo in static programs stay in the log.
   mkdir -p "$dir"
@@ -95,7 +96,7 @@ status=0
 summary=()
 for row in "${rows[@]}"; do
   read -r agent triplet tests own <<<"$row"
-  emulator=$(emulator_of "$agent")
+  emulator=$(emulator_of "$agent" "$tests")
   # The i386 agent reads the monitor written by the 64-bit simulated backup
   # program (the packed layout); another CPU's agent that of its own CPU.
   sim=
