@@ -1,8 +1,8 @@
 #!/usr/bin/env bash
 # Builds the Debian package kvx-ea_<version>_amd64.deb: the operator client
 # /usr/bin/kvx-eactl, the agents it deploys under /usr/lib/kvx-ea/ (the static
-# x86-64 agent, and the i386 one when scripts/portable.sh has built it), the
-# simulated backup program and its monitor stand-in, the man page
+# x86-64 agent, and those of the other CPUs that scripts/portable.sh built),
+# the simulated backup program and its monitor stand-in, the man page
 # kvx-eactl(1), the README, a machine-readable copyright file, the changelog
 # and the md5sums.  The programs carry Debian's build flags (dpkg-buildflags,
 # applied by tools/CMakeLists.txt).
@@ -48,13 +48,16 @@ work=$(mktemp -d /tmp/kvx-package.XXXXXX)
 trap 'rm -rf "$work"' EXIT
 stage="$work/stage"
 install -D -m 755 "$bin/kvx-eactl" "$stage/usr/bin/kvx-eactl"
-for f in kvx_ea-static kvx_ea-i386 kvxbackupvol-sim; do
+# The agents of other CPUs that scripts/portable.sh built (and stripped).
+others=$(awk '!/^#/ && NF { print "kvx_ea-" $1 }' "$root/scripts/arches.txt")
+for f in kvx_ea-static $others kvxbackupvol-sim; do
   if [ -f "$bin/$f" ]; then
     install -D -m 755 "$bin/$f" "$stage/usr/lib/kvx-ea/$f"
   fi
 done
+# the build machine's strip reads only its own CPU's programs; scripts/portable.sh strips the others
 strip --strip-unneeded --remove-section=.comment --remove-section=.note \
-  "$stage/usr/bin/kvx-eactl" "$stage"/usr/lib/kvx-ea/*
+  "$stage/usr/bin/kvx-eactl" "$stage"/usr/lib/kvx-ea/{kvx_ea-static,kvxbackupvol-sim}
 install -m 755 "$root/tools/kvxmonitor-sim" "$stage/usr/lib/kvx-ea/kvxmonitor-sim"
 mkdir -p "$stage/usr/share/man/man1" "$stage/usr/share/doc/kvx-ea"
 # the page's footer names the version of the programs it ships with

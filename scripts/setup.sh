@@ -6,9 +6,13 @@
 #   setup.sh           the normal build and test suite (ansible-core for the
 #                      client's inventories, lintian for the package, pdsh and
 #                      clustershell for the client's benchmark and output tests)
-#   setup.sh --i386    also the 32-bit agent's toolchain (multilib and the
-#                      i386 Jansson, for scripts/portable.sh)
+#   setup.sh --i386    also the 32-bit agent's toolchain (Debian's i686 cross
+#                      compiler and the i386 Jansson, for scripts/portable.sh)
+#   setup.sh --cross   also those of the other CPUs in scripts/arches.txt (with
+#                      their GoogleTest), and qemu-user-static to run them here
+# The options combine.
 set -euo pipefail
+cd "$(dirname "$0")/.."
 
 PACKAGES=(
   build-essential cmake pkgconf
@@ -18,16 +22,38 @@ PACKAGES=(
   openssh-client openssh-server man-db dpkg-dev python3
   ansible-core lintian pdsh clustershell
 )
-I386_PACKAGES=(gcc-multilib g++-multilib libjansson-dev:i386)
+# Debian's cross compilers conflict with gcc-multilib (which apt then
+# removes): the 32-bit agent is built with one of them too.
+table_packages() {   # $1: "i386" for that row, "other" for the rest
+  local agent arch triplet tests own
+  while read -r agent arch triplet tests own; do
+    case "$agent" in ''|'#'*) continue ;; esac
+    if [ "$1" = i386 ] && [ "$agent" != i386 ]; then continue; fi
+    if [ "$1" != i386 ] && [ "$agent" = i386 ]; then continue; fi
+    PACKAGES+=("g++-$triplet" "libjansson-dev:$arch")
+    if [ "$own" != - ]; then
+      PACKAGES+=("libgtest-dev:$arch")
+    fi
+    foreign+=("$arch")
+  done < scripts/arches.txt
+}
 
-add_i386=no
-if [ "${1:-}" = "--i386" ]; then
-  PACKAGES+=("${I386_PACKAGES[@]}")
-  if [ "$(dpkg --print-architecture)" != i386 ] &&
-     ! dpkg --print-foreign-architectures | grep -qx i386; then
-    add_i386=yes
+# Foreign Debian architectures the chosen options need.
+foreign=()
+for opt in "$@"; do
+  case "$opt" in
+    --i386) table_packages i386 ;;
+    --cross) table_packages other; PACKAGES+=(qemu-user-static) ;;
+    *) echo "usage: scripts/setup.sh [--i386] [--cross]" >&2; exit 2 ;;
+  esac
+done
+add_arches=()
+for a in ${foreign[@]+"${foreign[@]}"}; do
+  if [ "$(dpkg --print-architecture)" != "$a" ] &&
+     ! dpkg --print-foreign-architectures | grep -qx "$a"; then
+    add_arches+=("$a")
   fi
-fi
+done
 
 missing=()
 for p in "${PACKAGES[@]}"; do
@@ -36,24 +62,25 @@ for p in "${PACKAGES[@]}"; do
   fi
 done
 
-if [ ${#missing[@]} -eq 0 ] && [ $add_i386 = no ]; then
+if [ ${#missing[@]} -eq 0 ] && [ ${#add_arches[@]} -eq 0 ]; then
   exit 0
 fi
 
 if [ "$(id -u)" -ne 0 ]; then
   echo "setup: missing packages: ${missing[*]}" >&2
-  if [ $add_i386 = yes ]; then
-    echo "setup: run as root:  dpkg --add-architecture i386 && apt-get update && apt-get install -y ${missing[*]}" >&2
+  if [ ${#add_arches[@]} -gt 0 ]; then
+    add=$(printf 'dpkg --add-architecture %s && ' "${add_arches[@]}")
+    echo "setup: run as root:  ${add}apt-get update && apt-get install -y ${missing[*]}" >&2
   else
     echo "setup: run as root:  apt-get update && apt-get install -y ${missing[*]}" >&2
   fi
   exit 1
 fi
 
-if [ $add_i386 = yes ]; then
-  echo "setup: adding the i386 architecture"
-  dpkg --add-architecture i386
-fi
+for a in ${add_arches[@]+"${add_arches[@]}"}; do
+  echo "setup: adding the $a architecture"
+  dpkg --add-architecture "$a"
+done
 echo "setup: installing ${missing[*]}"
 export DEBIAN_FRONTEND=noninteractive
 # The tests start sshd themselves, on a port of their own.  A system sshd that

@@ -2,8 +2,9 @@
 # Builds the agent and runs the whole suite:
 #   1. normal build: every test, slow ones included;
 #   2. fuzzing: each libFuzzer target for a bounded time (scripts/fuzz.sh);
-#   3. the integration suite again against the static i386 agent
-#      (scripts/portable.sh);
+#   3. the agents of the other CPUs (scripts/portable.sh): the integration
+#      suite again against the static i386 agent, the protocol tests against
+#      those of aarch64, ppc64le and s390x under qemu-user-static;
 #   4. AddressSanitizer/UBSan build: every test but those labelled "slow".
 # Exits non-zero when any step fails; the last lines are CTest's summary.
 set -uo pipefail
@@ -25,7 +26,7 @@ if [ -f scripts/fuzz.sh ]; then
   bash scripts/fuzz.sh || status=1
 fi
 if [ -f scripts/portable.sh ]; then
-  step "integration suite against the i386 agent"
+  step "agents of the other CPUs"
   bash scripts/portable.sh || status=1
 fi
 

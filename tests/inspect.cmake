@@ -1,4 +1,4 @@
 # Machine inspection: VM and socket probes, GUIDs, HTTP client and metadata.
-kvx_add_test(test_vmdetect SOURCES test_vmdetect.cpp)
+kvx_add_test(test_vmdetect SOURCES test_vmdetect.cpp LABELS cpu)
 kvx_add_test(test_http SOURCES test_http.cpp)
 kvx_add_test(test_http_slow SOURCES test_http_slow.cpp LABELS slow TIMEOUT 180)

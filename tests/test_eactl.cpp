@@ -116,7 +116,9 @@ TEST(EactlDeploy, SplitsTheSshCommandAndPicksTheAgentForTheNode)
         {"x86_64", false, {"kvx_ea", "kvx_ea-static"}},
         {"x86_64", true, {"kvx_ea-static"}},
         {"i386", true, {"kvx_ea-i386"}}, {"i686", false, {"kvx_ea-i386"}},
-        {"i786", true, {}}, {"aarch64", true, {}}, {"", false, {}},
+        {"aarch64", true, {"kvx_ea-aarch64"}}, {"arm64", false, {"kvx_ea-aarch64"}},
+        {"ppc64le", true, {"kvx_ea-ppc64le"}}, {"s390x", true, {"kvx_ea-s390x"}},
+        {"i786", true, {}}, {"ppc64", true, {}}, {"armv7l", true, {}}, {"", false, {}},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(std::string(c.machine) + (c.remote ? " remote" : " local"));

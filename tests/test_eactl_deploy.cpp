@@ -525,6 +525,9 @@ TEST_F(EactlDeploy, PackageRunsFromAnUnpackedRoot)
                              "/usr/lib/kvx-ea/kvxbackupvol-sim", "/usr/share/man/man1/kvx-eactl.1.gz",
                              "/usr/share/doc/kvx-ea/README.md"})
         EXPECT_EQ(0, access((root + file).c_str(), R_OK)) << file;
+    /* and every agent of another CPU that scripts/portable.sh built */
+    for (const char* agent : {"kvx_ea-i386", "kvx_ea-aarch64", "kvx_ea-ppc64le", "kvx_ea-s390x"})
+        EXPECT_EQ(built(agent), access((root + "/usr/lib/kvx-ea/" + agent).c_str(), R_OK) == 0) << agent;
 
     r = run_program({root + "/usr/bin/kvx-eactl", "--version"}, dir);
     EXPECT_EQ("kvx-eactl " KVX_VERSION_TEXT "\n", r.out);

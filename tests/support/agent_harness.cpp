@@ -97,6 +97,15 @@ std::string agent_binary()
     return std::string(KVX_BIN_DIR) + "/kvx_ea";
 }
 
+/* The user-mode emulator that runs an agent of another CPU (and its
+ * simulated backup program), e.g. /usr/bin/qemu-s390x-static; empty when
+ * they run natively. */
+std::string emulator()
+{
+    const char* env = getenv("KVX_EA_EMULATOR");
+    return env ? env : "";
+}
+
 /* Mount points at or below dir, deepest first. */
 std::vector<std::string> mounts_below(const std::string& dir)
 {
@@ -196,7 +205,16 @@ void AgentHarness::write_script(const std::string& path, const std::string& body
 
 void AgentHarness::install_simulator()
 {
-    copy_file(std::string(KVX_BIN_DIR) + "/kvxbackupvol-sim", client_dir + "/kvxbackupvol", 0755);
+    const char* env = getenv("KVX_SIM_BINARY");
+    std::string sim = env && *env ? env : std::string(KVX_BIN_DIR) + "/kvxbackupvol-sim";
+    if (emulator().empty()) {
+        copy_file(sim, client_dir + "/kvxbackupvol", 0755);
+        return;
+    }
+    /* another CPU's program runs through the emulator, under the same pid */
+    copy_file(sim, base + "/kvxbackupvol-sim", 0755);
+    write_script(client_dir + "/kvxbackupvol",
+                 "exec '" + emulator() + "' '" + base + "/kvxbackupvol-sim' \"$@\"\n");
 }
 
 void AgentHarness::set_env(const std::string& name, const std::string& value)
@@ -226,6 +244,8 @@ bool AgentHarness::start(const std::vector<std::string>& args, bool default_args
     }
 
     std::vector<std::string> argv_s;
+    if (!emulator().empty())
+        argv_s.push_back(emulator());
     argv_s.push_back(boot_dir + "/kvx_ea");
     if (default_args && args.empty()) {
         argv_s.push_back("--targetworkdir");

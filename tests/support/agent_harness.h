@@ -10,7 +10,10 @@
  * The test process is a child subreaper, so an agent whose parent was killed
  * is re-parented to the test and its exit status can still be collected.
  *
- * The agent binary is $KVX_EA_BINARY if set, else KVX_BIN_DIR/kvx_ea.
+ * The agent binary is $KVX_EA_BINARY if set, else KVX_BIN_DIR/kvx_ea; the
+ * simulated backup program $KVX_SIM_BINARY if set, else
+ * KVX_BIN_DIR/kvxbackupvol-sim.  With $KVX_EA_EMULATOR (an agent of another
+ * CPU) both run through that program, e.g. qemu-aarch64-static.
  */
 #ifndef AGENT_HARNESS_H
 #define AGENT_HARNESS_H

@@ -370,6 +370,14 @@ std::vector<std::string> eactl_agents_for(const std::string& machine, bool remot
     if (machine.size() == 4 && machine[0] == 'i' && machine.compare(2, 2, "86") == 0 &&
         machine[1] >= '3' && machine[1] <= '6')
         return {"kvx_ea-i386"};
+    /* the other CPUs of scripts/arches.txt ("arm64" where a kernel says so) */
+    static const struct { const char* machine; const char* agent; } kOther[] = {
+        {"aarch64", "kvx_ea-aarch64"}, {"arm64", "kvx_ea-aarch64"},
+        {"ppc64le", "kvx_ea-ppc64le"}, {"s390x", "kvx_ea-s390x"},
+    };
+    for (const auto& o : kOther)
+        if (machine == o.machine)
+            return {o.agent};
     return {};
 }
 
