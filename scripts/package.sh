@@ -63,6 +63,15 @@ mkdir -p "$stage/usr/share/man/man1" "$stage/usr/share/doc/kvx-ea"
 # the page's footer names the version of the programs it ships with
 sed '1s/"kvx-ea"/"kvx-ea '"$version"'"/' "$root/docs/kvx-eactl.1" | gzip -9n >"$stage/usr/share/man/man1/kvx-eactl.1.gz"
 install -m 644 "$root/README.md" "$stage/usr/share/doc/kvx-ea/README.md"
+# The programs that go to nodes are static on purpose (they run where no
+# library is installed), and the agents of other CPUs are for other nodes.
+mkdir -p "$stage/usr/share/lintian/overrides"
+cat >"$stage/usr/share/lintian/overrides/kvx-ea" <<'OVERRIDES'
+# copied to nodes that may have no libraries: static on purpose
+kvx-ea: statically-linked-binary [usr/lib/kvx-ea/kvxbackupvol-sim*]
+# agents for nodes of other CPUs, never run on this machine
+kvx-ea: binary-from-other-architecture [usr/lib/kvx-ea/kvx_ea-*]
+OVERRIDES
 cat >"$stage/usr/share/doc/kvx-ea/copyright" <<COPYRIGHT
 Format: https://www.debian.org/doc/packaging-manuals/copyright-format/1.0/
 Upstream-Name: kvx-ea
