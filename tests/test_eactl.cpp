@@ -134,13 +134,14 @@ protected:
 TEST_F(EactlClient, RefusesBadArgumentsBeforeDeployingAnything)
 {
     spill(dir + "/hosts", "node1\n  # comment\n\nnode2 node3\n");
+    spill(dir + "/quoted", "''\n");   /* no host at all: never this machine */
     const std::vector<std::vector<std::string>> cases = {
         {"exec"}, {"exec", "--user"}, {"ping", "x", "then"}, {"then", "ping"}, {"bogus"},
         {"ping", "x", "then", "mount"}, {"status", "--id"}, {"log", "extra"},
         {"checkmachine"}, {"demo", "--seconds", "x"}, {"demo", "--exit", "256"},
         {"--parallel", "0", "ping"}, {"--timeout", "-1", "ping"}, {"--ssh", " ", "ping"},
         {"--host", "-oProxyCommand=false", "ping"}, {"--hosts-file", dir + "/missing", "ping"},
-        {"--hosts-file", dir + "/hosts", "ping"}, {"--host"}, {"--bogus", "ping"}, {},
+        {"--hosts-file", dir + "/hosts", "ping"}, {"--hosts-file", dir + "/quoted", "ping"}, {"--host"}, {"--bogus", "ping"}, {},
     };
     for (std::vector<std::string> args : cases) {
         std::string shown;

@@ -121,7 +121,7 @@ int eactl_read_hosts(const char* path, std::vector<std::string>* hosts)
     for (int number = 1; rc == 0 && fgets(line, sizeof(line), f); number++) {
         line[strcspn(line, "#\r\n")] = '\0';
         std::vector<std::string> words = eactl_split_command(line);
-        if (words.size() > 1 || (words.size() == 1 && words[0][0] == '-')) {   /* as for --host */
+        if (words.size() > 1 || (words.size() == 1 && (words[0].empty() || words[0][0] == '-'))) {   /* as for --host; '' is no host */
             fprintf(stderr, "kvx-eactl: %s:%d: one ssh destination per line\n", path, number);
             rc = -1;
         } else if (words.size() == 1) {
