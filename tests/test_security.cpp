@@ -62,8 +62,11 @@ TEST(LocalUser, GainsNothingFromASharedWorkDirectory)
     ASSERT_EQ(0, rmdir(h.client_dir.c_str()));
     ASSERT_EQ(0, chmod(w.c_str(), 01777));
     ASSERT_EQ(0, mkdir(secret.c_str(), 0700));
-    for (const char* f : {"act", "res", "log", "report"}) {
-        AgentHarness::write_file(secret + "/" + f, "1 0 root only\n");
+    std::string lines;   /* a log long enough to be trimmed at start-up */
+    for (int i = 0; i < 20001; i++)
+        lines += "1 0 root only\n";
+    for (const char* f : {"res", "log", "report"}) {
+        AgentHarness::write_file(secret + "/" + f, f == std::string("log") ? lines : "1 0 root only\n");
         chmod((secret + "/" + f).c_str(), 0600);
     }
     AgentHarness::write_file(w + "/root.js", "root's");
@@ -71,11 +74,11 @@ TEST(LocalUser, GainsNothingFromASharedWorkDirectory)
     ASSERT_EQ(0, chmod(h.boot_dir.c_str(), 0777));
     ASSERT_EQ(0, attacker("ln -s " + secret + "/report " + h.boot_dir + "/.checkmachinetxt"));
     ASSERT_EQ(0, attacker("cd " + w + " && mkdir logs linux-kvx-client && echo x > theirs.js && "
-                          "ln -s " + secret + "/act logs/linuxkvxactivity.log && "
+                          "echo 4 0 backup finished OK >logs/linuxkvxactivity.log && "
                           "ln -s " + secret + "/res logs/linuxkvxjobres && "
                           "ln -s " + secret + "/log logs/kvx-agent.log && cd linux-kvx-client && "
-                          "for p in ps id; do printf '#!/bin/sh\\ntouch %s/ran-$p\\n' " + w +
-                          " >$p && chmod 755 $p; done"));
+                          "for p in ps id; do printf '#!/bin/sh\\ntouch %s/ran-%s\\n' " + w +
+                          " $p >$p && chmod 755 $p; done"));
     ASSERT_TRUE(h.start());
 
     EXPECT_EQ(0, num(rpc(h, EA_PROC_AGENTLOG, ""), "size"));
@@ -83,10 +86,13 @@ TEST(LocalUser, GainsNothingFromASharedWorkDirectory)
     EXPECT_TRUE(run_cmd(h, 1, "id >/dev/null; ps"));
     EXPECT_EQ("checked ", text(rpc(h, EA_PROC_CHECK_MACHINE, exec_args(h.boot_dir + "/checkmachine", true)), "str"));
     EXPECT_EQ(0600, mode_of(secret + "/report"));
-    for (const char* f : {"act", "res", "log", "report"})
-        EXPECT_EQ("1 0 root only\n", AgentHarness::read_file(secret + "/" + f)) << f;
+    for (const char* f : {"res", "log", "report"})
+        EXPECT_EQ(f == std::string("log") ? lines : "1 0 root only\n", AgentHarness::read_file(secret + "/" + f)) << f;
+    EXPECT_EQ(0777, mode_of(w + "/logs/kvx-agent.log")) << "still the attacker's link, not trimmed by sed";
     EXPECT_FALSE(AgentHarness::exists(w + "/ran-ps") || AgentHarness::exists(w + "/ran-id"));
-    EXPECT_EQ(h.agent_stderr().find("Log not trusted, not written: ["), h.agent_stderr().rfind("Log not trusted"));
+    const std::string err = h.agent_stderr();
+    EXPECT_NE(std::string::npos, err.find("/logs/kvx-agent.log]: logs belongs to another account.")) << err;
+    EXPECT_EQ(err.find("Log not trusted, not written: ["), err.rfind("Log not trusted"));
 
     h.signal_agent(SIGHUP);   /* the cleanup: only root's own files go */
     EXPECT_EQ(1, h.wait_exit(60));
