@@ -29,11 +29,19 @@
 /* Internal result of drain_locked_file: the file exceeds a refusing limit. */
 #define DRAIN_TOO_BIG (-1000)
 
-/* Takes the whole-file lock, KVX_LOCK_ATTEMPTS tries one second apart. */
-static int lock_with_retries(int fd)
+/*
+ * Takes the whole-file lock, KVX_LOCK_ATTEMPTS tries one second apart; a
+ * read lock on a descriptor open for reading only.
+ */
+static int lock_with_retries(int fd, int writable)
 {
+    struct flock fl;
+
+    memset(&fl, 0, sizeof(fl));
+    fl.l_type = F_RDLCK;
+    fl.l_whence = SEEK_SET;
     for (int attempt = 0; attempt < KVX_LOCK_ATTEMPTS; attempt++) {
-        if (lockf(fd, F_TLOCK, 0) == 0)
+        if (writable ? lockf(fd, F_TLOCK, 0) == 0 : fcntl(fd, F_SETLK, &fl) == 0)
             return 0;
         sleep(1);
     }
@@ -77,13 +85,20 @@ static int drain_locked_file(const char* path, char** text, int* size, int limit
     if (path == NULL || text == NULL || size == NULL)
         return -1;
     /* a file root may not trust (a link, another account's) is taken as absent */
-    if (zel_trust_open_path(path, O_RDWR, 0, refuse ? ZT_LOOSE_OK : 0, &t) != 0) {
+    int writable = 1;
+    int rc = zel_trust_open_path(path, O_RDWR, 0, refuse ? ZT_LOOSE_OK : 0, &t);
+    if (rc != 0 && errno == EACCES) {   /* root's file, an agent of another account: read it */
+        zel_trust_close(&t);
+        writable = 0;
+        rc = zel_trust_open_path(path, O_RDONLY, 0, refuse ? ZT_LOOSE_OK : 0, &t);
+    }
+    if (rc != 0) {
         err = errno;
         zel_trust_close(&t);
         return (err == ENOENT || err == EPERM) ? 0 : -1;
     }
     fd = t.fd;
-    if (lock_with_retries(fd) != 0) {
+    if (lock_with_retries(fd, writable) != 0) {
         zel_trust_close(&t);
         return -2;
     }
