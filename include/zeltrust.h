@@ -19,6 +19,7 @@ typedef struct zel_trusted {
     int  fd;           /* the file itself, -1 when closed */
     char name[256];    /* the file's name within dir */
     char why[160];     /* why it was refused (errno EPERM) */
+    uid_t owner;       /* the root's owner, trusted too when no one else may write the root */
 } zel_trusted;
 
 /* 1 when uid is root or the agent's effective uid. */
@@ -27,7 +28,9 @@ int  zel_trusted_owner(uid_t uid);
 /*
  * Opens root/rel: root is trusted as given, every directory of rel below it
  * is opened with O_NOFOLLOW and checked, and so is the file (flags and mode
- * as for open(2); O_NOFOLLOW and O_CLOEXEC are added).  A trusted owner's
+ * as for open(2); O_NOFOLLOW and O_CLOEXEC are added).  Trusted owners are
+ * root, the agent's account and the owner of a root no one else may write
+ * (an agent's own work directory, seen from the root programs it runs).  A trusted owner's
  * file or directory that others may write is tightened (chmod g-w,o-w, or
  * to owner-only with ZT_PRIVATE) when the agent may change its mode.
  * 0 with t->fd and t->dir open; -1 with errno: ENOENT when something is

@@ -182,7 +182,9 @@ TEST(LocalUser, CannotHoldTheProductLock)
     Reply r = rpc(h, EA_PROC_CHECK_MACHINE, exec_args("kvx_ea_check_set_lock.cmd", true));
     kill(holder, SIGKILL);
     waitpid(holder, nullptr, 0);
-    EXPECT_GE(num(r, "ret"), 0) << h.log();
+    /* -2 only for a volume backup another test runs on this machine, never for the stranger's lock */
+    EXPECT_TRUE(num(r, "ret") >= 0 || log_count(h.log(), "ea_svc", 90, "kvxbackupvol already running") == 1)
+        << h.log();
     EXPECT_EQ(0600, mode_of(lock));
     EXPECT_NE(0, attacker("exec 2>/dev/null 3<" + lock));
     EXPECT_EQ(1, log_count(h.log(), "zelfunc", 0, "of another account: made anew."));
