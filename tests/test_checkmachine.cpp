@@ -62,13 +62,16 @@ struct ReportCase {
 };
 
 const ReportCase kReports[] = {
-    {200, "i-0abc123", kReport, 0, 0, "{  \"NodeUUID\" : \"i-0abc123--1234-abcd\",  \"Name\" : \"n1\" } ",
-     "check_machine: The target node is a EC2 VM and its instance id is i-0abc123."},
+    {200, "i-0abc1234", kReport, 0, 0, "{  \"NodeUUID\" : \"i-0abc1234--1234-abcd\",  \"Name\" : \"n1\" } ",
+     "check_machine: The target node is a EC2 VM and its instance id is i-0abc1234."},
     {200, "vm-123", kReport, 0, 0, kFlat, "check_machine: it is not AWS VM but we get instance-id=vm-123."},
+    {200, "i-0abc\", \"Injected\" : \"x", kReport, 0, 0, kFlat,
+     "check_machine: it is not AWS VM but we get instance-id=i-0abc\", \"Injected\" : \"x."},
+    {200, "i-0abc123", kReport, 0, 0, kFlat, "we get instance-id=i-0abc123."},
     {0, "", kReport, 0, 0, kFlat, ""},
-    {404, "i-0abc123", kReport, 0, 0, kFlat, ""},
-    {200, "i-0abc123", "\"NodeUUID\":\"1234\"\n", 0, 0, "\"NodeUUID\":\"1234\" ", ""},
-    {200, "i-0abc123", "a\tb\nc\n", 4, 4, "a b c ", ""},
+    {404, "i-0abc1234", kReport, 0, 0, kFlat, ""},
+    {200, "i-0abc1234", "\"NodeUUID\":\"1234\"\n", 0, 0, "\"NodeUUID\":\"1234\" ", ""},
+    {200, "i-0abc1234", "a\tb\nc\n", 4, 4, "a b c ", ""},
     {0, "", "caf\xe9\n", 0, 0, "caf? ", ""},
     {0, "", std::string(204799, 'r'), 0, 0, "",
      "read_checkmachine_file: checkmachine output is too big(204800.)"},

@@ -184,6 +184,7 @@ TEST(EactlHosts, ControlDirectoryOfOthersIsNotUsed)
 TEST_F(EactlClient, RefusesBadArgumentsBeforeDeployingAnything)
 {
     spill(dir + "/hosts", "node1\n  # comment\n\nnode2 node3\n");
+    spill(dir + "/quoted", "''\n");   /* no host at all: never this machine */
     const struct { std::vector<std::string> args; std::string error; } cases[] = {
         {{"exec"}, "kvx-eactl exec: a command is required"},
         {{"exec", "--user"}, "kvx-eactl exec: a value is missing after '--user'; try 'kvx-eactl exec --help'"},
@@ -210,6 +211,7 @@ TEST_F(EactlClient, RefusesBadArgumentsBeforeDeployingAnything)
         {{"--limit", "web", "ping"}, "--limit selects from an --inventory"},
         {{"--hosts-file", dir + "/missing", "ping"}, "cannot read " + dir + "/missing"},
         {{"--hosts-file", dir + "/hosts", "ping"}, dir + "/hosts:4: one ssh destination per line"},
+        {{"--hosts-file", dir + "/quoted", "ping"}, dir + "/quoted:1: one ssh destination per line"},
         {{"--host"}, "a value is missing after '--host'; try 'kvx-eactl --help'"},
         {{"--bogus", "ping"}, "unknown option '--bogus'; try 'kvx-eactl --help'"},
         {{"-q", "ping"}, "unknown option '-q'"},

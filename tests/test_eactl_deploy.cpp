@@ -59,6 +59,12 @@ TEST_F(EactlDeploy, PingAndExecQuietlyThroughOneConnection)
         EXPECT_TRUE(has(r.err, "kvx-eactl: " + node + ": stderr: err\n")) << r.err;
         EXPECT_TRUE(has(r.err, c.deployed)) << r.err;
     }
+    /* the password from the environment travels only inside requests */
+    setenv("KVX_EACTL_PASSWD", "kvxt-secret", 1);
+    Outcome r = run_eactl({"exec", "env"}, dir);
+    unsetenv("KVX_EACTL_PASSWD");
+    EXPECT_EQ(0, r.status) << r.err;
+    EXPECT_TRUE(has(r.out, "PATH=") && !has(r.out, "kvxt-secret")) << r.out;
 }
 
 /* The demo over ssh, and a failing job here, whose agent's standard error

@@ -166,4 +166,15 @@ TEST_F(MountAgent, CifsPasswordOnlyOnStandardInput)
     EXPECT_TRUE(logged("Fail to mount session location //srv/share"));
     EXPECT_FALSE(logged(pwd));
     EXPECT_EQ(h.agent_stderr().find(pwd), std::string::npos);
+
+    /* values stay values: a user name or domain adding options, a location or point read as one */
+    const size_t ran = calls("mount.cifs").size();
+    for (const Lines& v : std::vector<Lines>{ { "//srv/share", "backup,uid=1001,file_mode=0777", point },
+                                              { "//srv/share", "CORP,uid=0/backup", point },
+                                              { "-oremount", "backup", point },
+                                              { "//srv/share", "backup", "-n" } }) {
+        expect_mount(v[0], v[1], pwd, v[2], 1, "");
+        EXPECT_TRUE(logged("Refused session location [" + v[0] + "] on [" + v[2] + "] for user [" + v[1]));
+    }
+    EXPECT_EQ(calls("mount.cifs").size(), ran);
 }

@@ -1,6 +1,6 @@
 // What the agent makes of the node: its start-up forms, the environment of
 // the commands it runs (the client package directory first in the library
-// path and PATH, the product homes, LANG=C, umask 0; a root agent keeps the
+// path and PATH, the product homes, LANG=C, umask 022; a root agent keeps the
 // inherited paths behind its own, one run as an ordinary user drops them),
 // and the product lock.
 #include <errno.h>
@@ -75,7 +75,7 @@ TEST(StartUp, OneShotModesOptionFormsAndChildEnvironment)
             {"PATH", client + ":" + (f.as_user ? "/bin:/sbin:/usr/bin:/usr/sbin:/usr/local/bin:/usr/local/sbin" : path)},
             {"ZEL_LOG_BASE_DIR", work + "//"},
             {"ZEL_ENCRYPTION_LIBRARY_PATH", client}, {"QMPKIHOME", client}, {"KVX_CLN_HOME", client},
-            {"LANG", "C"}, {"UMASK", "0000"}};
+            {"LANG", "C"}, {"UMASK", "0022"}};
         for (const auto& var : want)
             EXPECT_EQ(env[var.first], var.second) << var.first;
         EXPECT_TRUE(AgentHarness::exists(work + "/logs/kvx-agent.log"));

@@ -6,6 +6,7 @@
  * from its "str", procedure 8 the lock query or the machine check script.
  */
 #include <errno.h>
+#include <fcntl.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -16,6 +17,7 @@
 #include "ea_child.h"
 #include "svc_product.h"
 #include "zelutil.h"
+#include "zeltrust.h"
 
 #define INSPECT_PATH_SIZE     4096
 #define INSPECT_META_SIZE     128
@@ -97,20 +99,28 @@ static int check_lock_query(ExecCmdres* res)
     return 0;
 }
 
+/* 1 when id is "i-" and 8 to 17 lowercase hexadecimal digits, the provider's format. */
+static int instance_id_valid(const char* id)
+{
+    size_t digits = strspn(id + 2, "0123456789abcdef");
+
+    return strncmp(id, "i-", 2) == 0 && digits >= 8 && digits <= 17 && id[2 + digits] == '\0';
+}
+
 /*
  * The instance id of an EC2 node into id (INSPECT_META_SIZE bytes): 1 when
- * the metadata service answers with "i-" and hexadecimal digits, else 0.
+ * the metadata service answers with an id of the provider's format, else 0.
  */
 static int check_ec2_instance_id(char* id)
 {
-    char hex[INSPECT_META_SIZE];
     int len = INSPECT_META_SIZE - 1;
 
     memset(id, 0, INSPECT_META_SIZE);
     if (get_meta_value_by_key("instance-id", id, &len) != 0)
         return 0;
     id[INSPECT_META_SIZE - 1] = '\0';
-    if (sscanf(id, "i-%127[0-9a-fA-F]", hex) != 1) {
+    /* the whole answer must match: it is spliced into the report's JSON text */
+    if (!instance_id_valid(id)) {
         ZELLogFunction(3, "ea_svc", 113, "%s: it is not AWS VM but we get instance-id=%s.\n",
                        CHECK_FN, id);
         return 0;
@@ -239,6 +249,11 @@ int check_machine(ExecCmdargs* args, ExecCmdres* res)
     char path[INSPECT_PATH_SIZE];
     memset(path, 0, sizeof(path));
     path_join(GetTargetBootstrapDir(), CHECK_REPORT_NAME, path, sizeof(path));
+    zel_trusted t;
+    /* a report root may not trust (a link, another account's) goes first: touch and chmod would follow it */
+    if (zel_trust_open_path(path, O_RDONLY, 0, ZT_LOOSE_OK, &t) != 0 && errno == EPERM && t.name[0] != '\0')
+        unlinkat(t.dir, t.name, 0);
+    zel_trust_close(&t);
     /* never cut; the report path is one shell word, the server's command stays a command */
     char* command = zel_shell_cmdline("touch %w >/dev/null 2>&1; chmod 666 %w >/dev/null 2>&1; "
                                       "%s >%w 2>/dev/null", path, path, args->cmd, path);

@@ -13,16 +13,17 @@
 #include <sys/uio.h>
 #include <unistd.h>
 #include "net_conn.h"
+#include "zellog.h"
 
 #define CH_PENDING 65536   /* one line of the largest size read_line() hands out */
 
 STDIOChannel::STDIOChannel()
-    : m_fin(stdin), m_fout(stdout), m_wake(-1), m_pend(NULL), m_plen(0), m_eof(0)
+    : m_fin(stdin), m_fout(stdout), m_wake(-1), m_pend(NULL), m_plen(0), m_eof(0), m_skip(0)
 {
 }
 
 STDIOChannel::STDIOChannel(FILE* fin, FILE* fout)
-    : m_fin(fin), m_fout(fout), m_wake(-1), m_pend(NULL), m_plen(0), m_eof(0)
+    : m_fin(fin), m_fout(fout), m_wake(-1), m_pend(NULL), m_plen(0), m_eof(0), m_skip(0)
 {
 }
 
@@ -77,6 +78,16 @@ int STDIOChannel::read_pending_line(char* buffer, int size)
     for (;;) {
         char* nl = (char*)memchr(m_pend, '\n', (size_t)(m_plen < max ? m_plen : max));
         int take = nl != NULL ? (int)(nl - m_pend) + 1 : (m_plen >= max ? max : 0);
+        /* an overlong line is one bad line: dropped up to its newline, never served in parts */
+        if (take > 0 && (m_skip || nl == NULL)) {
+            if (!m_skip)
+                ZELLogFunction(0, "net_conn", __LINE__, "Line longer than %d bytes discarded.\n", max);
+            m_skip = nl == NULL;
+            m_plen -= take;
+            memmove(m_pend, m_pend + take, (size_t)m_plen);
+            explicit_bzero(m_pend + m_plen, (size_t)take);
+            continue;
+        }
         if (take > 0) {
             memcpy(buffer, m_pend, (size_t)take);
             buffer[take] = '\0';

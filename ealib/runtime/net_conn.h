@@ -40,6 +40,7 @@ private:
     char* m_pend;    /* bytes received and not yet handed out as a line */
     int   m_plen;
     int   m_eof;     /* the input has ended (or failed for good) */
+    int   m_skip;    /* the rest of an overlong line is being discarded */
 };
 
 class NetConn {

@@ -24,6 +24,7 @@
 #include "svc_wake.h"
 #include "zelfunc.h"
 #include "zellog.h"
+#include "zeltrust.h"
 
 #ifndef SA_INTERRUPT
 #define SA_INTERRUPT 0   /* Linux: absence of SA_RESTART already interrupts */
@@ -108,7 +109,8 @@ static void export_env(const env_row* row, const char* value)
 /*
  * Puts the client package directory first in the library path and PATH and
  * points the product homes at it.  A root agent keeps the inherited values
- * behind it; any other agent drops them.
+ * behind it; any other agent drops them.  A client directory that root may
+ * not trust is left out of both paths, and the homes are not set.
  */
 static void export_child_env(const char* old_ld, const char* old_path)
 {
@@ -116,6 +118,19 @@ static void export_child_env(const char* old_ld, const char* old_path)
     const char* client = GetEnvLdLibraryPath();
     int root = geteuid() == 0;
 
+    zel_trusted t;
+    int refused = zel_trust_open_path(client, O_RDONLY | O_DIRECTORY, 0, 0, &t) != 0 && errno != ENOENT;
+    zel_trust_close(&t);
+    /* a client directory root may not trust (others could plant programs in it) stays out of both paths */
+    if (refused) {
+        if (old_ld != NULL && root)
+            export_env(&env_ld, old_ld);
+        else
+            unsetenv(env_ld.name);
+        export_env(&env_path, old_path != NULL && root ? old_path : EA_STD_PATH + 1);
+        export_env(&env_lang, "C");
+        return;
+    }
     if (old_ld != NULL && root)
         snprintf(value, sizeof(value), "%s:%s", client, old_ld);
     else
@@ -284,7 +299,7 @@ int svc_main(ExecProto* proto)
         old_ld = exstrncpy(old_ld_buf, old_ld, sizeof(old_ld_buf));
     if (old_path != NULL)
         old_path = exstrncpy(old_path_buf, old_path, sizeof(old_path_buf));
-    umask(0);
+    umask(022);   /* nothing the agent or its commands make is writable by others */
     jxdr_wipe_freed_json();
 
     open_agent_log();

@@ -7,9 +7,12 @@
  * driver, stops the product's agent, removes what the server copied to the
  * node, kills the remote shell that started it and exits with status 1.
  */
+#include <dirent.h>
+#include <fnmatch.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include "svc_main.h"
@@ -18,6 +21,7 @@
 #include "zelcommon.h"
 #include "zelfunc.h"
 #include "zellog.h"
+#include "zeltrust.h"
 
 #define SRC               "svc_main"
 #define CANCEL_ROUNDS     12
@@ -82,21 +86,76 @@ static void cancel_product_program(void)
         run_cmdline(zel_shell_cmdline("umount -l %w", GetZelRootDir()));
 }
 
+/* 1 when others than its owner may write dir: what it holds may be anyone's. */
+static int dir_shared(const char* dir)
+{
+    struct stat st;
+
+    return stat(dir, &st) == 0 && (st.st_mode & (S_IWGRP | S_IWOTH)) != 0;
+}
+
+/* Appends path to the command line cmd (size bytes) as one word when root or we own it. */
+static void add_owned(char* cmd, size_t size, const char* path)
+{
+    char word[4096];
+    struct stat st;
+
+    if (lstat(path, &st) != 0 || !zel_trusted_owner(st.st_uid) ||
+        zel_shell_word(path, 0, word, sizeof(word)) == NULL ||
+        strlen(cmd) + 1 + strlen(word) >= size)
+        return;
+    strcat(cmd, " ");
+    strcat(cmd, word);
+}
+
+/*
+ * The removal of remove_staged_files() in a directory others may write:
+ * only what root or the agent's account owns, "*.js" matched here.
+ */
+static void remove_owned_staged(const char* work, const char* boot, const char* const* names, int count)
+{
+    char cmd[16384] = "rm -rf";
+    char path[4096];
+
+    for (int i = 0; i < count; i++) {
+        snprintf(path, sizeof(path), "%s/%s", work, names[i]);
+        add_owned(cmd, sizeof(cmd), path);
+    }
+    DIR* d = opendir(work);
+    for (struct dirent* e; d != NULL && (e = readdir(d)) != NULL;) {
+        if (fnmatch("*.js", e->d_name, FNM_PERIOD) == 0) {
+            snprintf(path, sizeof(path), "%s/%s", work, e->d_name);
+            add_owned(cmd, sizeof(cmd), path);
+        }
+    }
+    if (d != NULL)
+        closedir(d);
+    snprintf(path, sizeof(path), "%s/%s", boot, "checkmachine");
+    add_owned(cmd, sizeof(cmd), path);
+    add_owned(cmd, sizeof(cmd), GetEATarget());
+    if (strchr(cmd, ' ') != NULL)
+        ExecuteCmdWrapper(cmd, 0);
+}
+
 /* Removes the packages, lists and scripts the server copied, and ourselves. */
 static void remove_staged_files(void)
 {
+    static const char* const names[] = {
+        "linux-kvx-client", "LinuxImage-backup-client-x86.tar.gz", "LinuxImage-backup-client-x64.tar.gz",
+        "LinuxImage-restore-client-x86.tar.gz", "LinuxImage-restore-client-x64.tar.gz", "drv_target.lst",
+    };
     const char* work = GetTargetWorkDir();
     const char* boot = GetTargetBootstrapDir();
 
+    /* in a directory others may write, only root's and the agent's own entries go */
+    if (dir_shared(work) || dir_shared(boot)) {
+        remove_owned_staged(work, boot, names, (int)(sizeof(names) / sizeof(names[0])));
+        return;
+    }
     /* each directory is one shell word ("/srv/kvx node" never removes "/srv/kvx"); *.js still expands */
     run_cmdline(zel_shell_cmdline("rm -rf %w/%s %w/%s %w/%s %w/%s %w/%s %w/%s %w/%s %w/%s %w",
-                                  work, "linux-kvx-client",
-                                  work, "LinuxImage-backup-client-x86.tar.gz",
-                                  work, "LinuxImage-backup-client-x64.tar.gz",
-                                  work, "LinuxImage-restore-client-x86.tar.gz",
-                                  work, "LinuxImage-restore-client-x64.tar.gz",
-                                  work, "drv_target.lst",
-                                  work, "*.js",
+                                  work, names[0], work, names[1], work, names[2], work, names[3],
+                                  work, names[4], work, names[5], work, "*.js",
                                   boot, "checkmachine",
                                   GetEATarget()));
 }

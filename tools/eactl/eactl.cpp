@@ -469,15 +469,20 @@ int eactl_account_option(EactlAccount* acct, int opt, const char* value)
     return 1;
 }
 
+static std::string g_env_passwd;   /* $KVX_EACTL_PASSWD, taken out of the environment at start */
+
 void eactl_account_finish(EactlAccount* acct)
 {
-    const char* env = getenv("KVX_EACTL_PASSWD");
-    if (acct->passwd.empty() && env)
-        acct->passwd = env;
+    if (acct->passwd.empty())
+        acct->passwd = g_env_passwd;
 }
 
 int main(int argc, char** argv)
 {
+    /* the password travels only inside requests: neither the agent nor its commands inherit it */
+    if (const char* pw = getenv("KVX_EACTL_PASSWD"))
+        g_env_passwd = pw;
+    unsetenv("KVX_EACTL_PASSWD");
     EactlSession s;
     s.timeout_s = 120;
     g_main_argv0 = argv[0];

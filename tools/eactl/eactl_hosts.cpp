@@ -187,7 +187,8 @@ int eactl_read_hosts(const char* path, std::vector<std::string>* hosts)
     for (int number = 1; rc == 0 && fgets(line, sizeof(line), f); number++) {
         line[strcspn(line, "#\r\n")] = '\0';
         std::vector<std::string> words = eactl_split_command(line);
-        if (words.size() > 1 || (words.size() == 1 && words[0][0] == '-')) {   /* as for --host */
+        /* as for --host; '' is no host (and never this machine) */
+        if (words.size() > 1 || (words.size() == 1 && (words[0].empty() || words[0][0] == '-'))) {
             fprintf(stderr, "kvx-eactl: %s:%d: one ssh destination per line\n", shown, number);
             rc = -1;
         } else if (words.size() == 1) {

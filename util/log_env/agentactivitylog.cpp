@@ -18,6 +18,7 @@
 #include "agentactivitylog.h"
 #include "zelcommon.h"
 #include "zellog.h"
+#include "zeltrust.h"
 
 #define LOG_SRC "agentactivitylog"
 
@@ -28,11 +29,19 @@
 /* Internal result of drain_locked_file: the file exceeds a refusing limit. */
 #define DRAIN_TOO_BIG (-1000)
 
-/* Takes the whole-file lock, KVX_LOCK_ATTEMPTS tries one second apart. */
-static int lock_with_retries(int fd)
+/*
+ * Takes the whole-file lock, KVX_LOCK_ATTEMPTS tries one second apart; a
+ * read lock on a descriptor open for reading only.
+ */
+static int lock_with_retries(int fd, int writable)
 {
+    struct flock fl;
+
+    memset(&fl, 0, sizeof(fl));
+    fl.l_type = F_RDLCK;
+    fl.l_whence = SEEK_SET;
     for (int attempt = 0; attempt < KVX_LOCK_ATTEMPTS; attempt++) {
-        if (lockf(fd, F_TLOCK, 0) == 0)
+        if (writable ? lockf(fd, F_TLOCK, 0) == 0 : fcntl(fd, F_SETLK, &fl) == 0)
             return 0;
         sleep(1);
     }
@@ -63,34 +72,46 @@ static int read_all(int fd, char* buf, int want)
  * above limit) is cut to limit
  * (its tail is lost with the file) when refuse is 0; when refuse is set it is
  * left alone and DRAIN_TOO_BIG returned with the needed size in *size.
- * Results: bytes read; 0 no file; -1 bad arguments or open failure; -2 lock
- * not obtained; -3 read error (file kept, *text still set for the caller to
+ * Results: bytes read; 0 no file (or one root may not trust); -1 bad
+ * arguments or open failure; -2 lock not obtained; -3 read error (file kept, *text still set for the caller to
  * free); -errno when fstat or malloc fails.
  */
 static int drain_locked_file(const char* path, char** text, int* size, int limit, int refuse)
 {
     struct stat st;
+    zel_trusted t;
     int fd, err, got;
 
     if (path == NULL || text == NULL || size == NULL)
         return -1;
-    fd = open(path, O_RDWR);
-    if (fd < 0)
-        return errno == ENOENT ? 0 : -1;
-    if (lock_with_retries(fd) != 0) {
-        close(fd);
+    /* a file root may not trust (a link, another account's) is taken as absent */
+    int writable = 1;
+    int rc = zel_trust_open_path(path, O_RDWR, 0, refuse ? ZT_LOOSE_OK : 0, &t);
+    if (rc != 0 && errno == EACCES) {   /* root's file, an agent of another account: read it */
+        zel_trust_close(&t);
+        writable = 0;
+        rc = zel_trust_open_path(path, O_RDONLY, 0, refuse ? ZT_LOOSE_OK : 0, &t);
+    }
+    if (rc != 0) {
+        err = errno;
+        zel_trust_close(&t);
+        return (err == ENOENT || err == EPERM) ? 0 : -1;
+    }
+    fd = t.fd;
+    if (lock_with_retries(fd, writable) != 0) {
+        zel_trust_close(&t);
         return -2;
     }
     if (fstat(fd, &st) != 0) {
         err = errno;
-        close(fd);
+        zel_trust_close(&t);
         return -err;
     }
     if (st.st_size >= (off_t)limit) {
         if (refuse) {
             /* Saturate: the caller only logs the figure. */
             *size = st.st_size >= 0x7fffffff ? 0x7fffffff : (int)st.st_size + 1;
-            close(fd);
+            zel_trust_close(&t);
             return DRAIN_TOO_BIG;
         }
         *size = limit;
@@ -101,20 +122,20 @@ static int drain_locked_file(const char* path, char** text, int* size, int limit
     *text = (char*)calloc(1, *size);
     if (*text == NULL) {
         err = errno;
-        close(fd);
+        zel_trust_close(&t);
         return -err;
     }
     got = read_all(fd, *text, *size);
     if (got < 0) {
-        close(fd);
+        zel_trust_close(&t);
         return -3;
     }
     (*text)[*size - 1] = '\0';
     if (ftruncate(fd, 0) != 0) {
         /* Unlinked anyway; an unemptied file cannot be read again. */
     }
-    unlink(path);
-    close(fd);
+    unlinkat(t.dir, t.name, 0);
+    zel_trust_close(&t);
     return got;
 }
 
@@ -151,23 +172,25 @@ int read_checkmachine_file(const char* filename, char** buf_out, int* len_out)
 
 /*
  * Appends text and "\n" to path under the whole-file lock (the file is
- * created with mode 0666).  Each failed lock closes the file, waits a second
- * and reopens it.  Results: 0 written; -1 open failure; busy_rc when the lock
+ * created with mode 0644).  Each failed lock closes the file, waits a second
+ * and reopens it.  Results: 0 written; -1 open failure or a file root may not trust; busy_rc when the lock
  * was not obtained in KVX_LOCK_ATTEMPTS attempts (the line is dropped).
  */
 static int append_locked(const char* path, const char* text, int busy_rc)
 {
     for (int attempt = 0; attempt < KVX_LOCK_ATTEMPTS; attempt++) {
-        int fd = open(path, O_RDWR | O_CREAT | O_APPEND, 0666);
-        if (fd < 0)
+        zel_trusted t;
+        if (zel_trust_open_path(path, O_RDWR | O_CREAT | O_APPEND, 0644, 0, &t) != 0) {
+            zel_trust_close(&t);
             return -1;
-        if (lockf(fd, F_TLOCK, 0) == 0) {
-            writen(fd, (void*)text, (int)strlen(text), 0);
-            writen(fd, (void*)"\n", 1, 0);
-            close(fd);
+        }
+        if (lockf(t.fd, F_TLOCK, 0) == 0) {
+            writen(t.fd, (void*)text, (int)strlen(text), 0);
+            writen(t.fd, (void*)"\n", 1, 0);
+            zel_trust_close(&t);
             return 0;
         }
-        close(fd);
+        zel_trust_close(&t);
         sleep(1);
     }
     return busy_rc;

@@ -11,22 +11,26 @@
 #include "zelcommon.h"
 #include "zelfunc.h"
 #include "zellog.h"
+#include "zeltrust.h"
 
 #define LOG_SRC "zelfunc"
 
 /*
  * Appends rec (KVX_JOB_RESULT_SIZE bytes) to path, creating it with mode
- * 0666.  The file is opened for appending, so an unread older result stays
- * in front and is the one that gets delivered.  0; -1 when the open fails
+ * 0644; a file root may not trust is not written.  The file is opened for
+ * appending, so an unread older result stays in front and is the one that
+ * gets delivered.  0; -1 when the open fails
  * or the write is short.
  */
 int create_job_result(const char* path, JOB_RESULT* rec)
 {
+    zel_trusted t;
     int fd, n;
 
     if (path == NULL || rec == NULL)
         return -1;
-    fd = open(path, O_RDWR | O_CREAT | O_APPEND, 0666);
+    fd = zel_trust_open_path(path, O_RDWR | O_CREAT | O_APPEND, 0644, 0, &t) == 0 ? dup(t.fd) : -1;
+    zel_trust_close(&t);
     if (fd < 0) {
         int err = errno;
         ZELLogFunction(0, LOG_SRC, 2328, "%s: open(%s) failed: %s[%d].\n",
@@ -52,29 +56,37 @@ int create_job_result(const char* path, JOB_RESULT* rec)
 int read_job_result(const char* path, JOB_RESULT* rec)
 {
     JOB_RESULT tmp;
+    zel_trusted t;
     int fd, n;
 
     if (path == NULL || rec == NULL)
         return -1;
-    if (access(path, F_OK) != 0) {
-        ZELLogFunction(0, LOG_SRC, 2345, "%s: file(%s) is not exist.\n", __func__, path);
-        return 0;
+    /* a result file root may not trust (a link, another account's) is taken as absent */
+    int rc = zel_trust_open_path(path, O_RDWR, 0, 0, &t);
+    if (rc != 0 && errno == EACCES) {   /* root's file, an agent of another account: read it */
+        zel_trust_close(&t);
+        rc = zel_trust_open_path(path, O_RDONLY, 0, 0, &t);
     }
-    fd = open(path, O_RDWR);
-    if (fd < 0) {
+    if (rc != 0) {
         int err = errno;
+        zel_trust_close(&t);
+        if (err == ENOENT || err == EPERM) {
+            ZELLogFunction(0, LOG_SRC, 2345, "%s: file(%s) is not exist.\n", __func__, path);
+            return 0;
+        }
         ZELLogFunction(0, LOG_SRC, 2352, "%s: open(%s) failed: %s[%d].\n",
                        __func__, path, strerror(err), err);
         return -1;
     }
+    fd = t.fd;
     /* Read aside: a short file must not leave a partial record behind. */
     memset(&tmp, 0, sizeof(tmp));
     n = readn(fd, &tmp, KVX_JOB_RESULT_SIZE, 0);
     if (ftruncate(fd, 0) != 0) {
         /* Removed below in any case. */
     }
-    close(fd);
-    unlink(path);
+    unlinkat(t.dir, t.name, 0);
+    zel_trust_close(&t);
     if (n != KVX_JOB_RESULT_SIZE) {
         ZELLogFunction(0, LOG_SRC, 2362, "%s: readn(%s) return:%d, not equal expected:%d.\n",
                        __func__, path, n, KVX_JOB_RESULT_SIZE);

@@ -17,6 +17,7 @@
 #include "zelfunc.h"
 #include "zellog.h"
 #include "zelsvciobackend.h"
+#include "zeltrust.h"
 
 #define DEFAULT_DIR       "/tmp"
 #define DEFAULT_ZEL_ROOT  "/ZEL_ROOT/"
@@ -179,26 +180,41 @@ int CheckFileProperty(const char* file, unsigned iprop, int rpc)
     return (file_properties(&st) & iprop) == iprop ? 1 : 0;
 }
 
+/* 1 unless process pid runs as another account than root or the agent's (0: unknown, kept). */
+static int lock_holder_trusted(pid_t pid)
+{
+    char proc[32];
+    struct stat st;
+
+    snprintf(proc, sizeof(proc), "/proc/%ld", (long)pid);
+    return pid <= 0 || stat(proc, &st) != 0 || zel_trusted_owner(st.st_uid);
+}
+
 /*
- * Single-instance lock: opens (creating, mode 0666) path and places a
+ * Single-instance lock: opens (creating, mode 0600) path and places a
  * non-blocking write lock on the whole file.  Returns the descriptor, which
  * the caller keeps open for the life of the process; -2 when another
- * process holds a lock on it (logged unless quiet), -1 on failure.
+ * process of root or the agent's account holds a lock on it (logged unless
+ * quiet), -1 on failure or when root may not trust the file.
  */
 int check_and_lock_file(const char* path, int quiet)
 {
     struct flock fl;
+    zel_trusted t;
     int tries = 1;
     int fd;
 
     if (path == NULL)
         return -1;
-    /* close-on-exec: the lock belongs to this process, not its programs */
-    fd = open(path, O_RDWR | O_CREAT | O_CLOEXEC, 0666);
-    if (fd < 0) {
+    /* close-on-exec: the lock belongs to this process, not its programs; only root and we may open it */
+    if (zel_trust_open_path(path, O_RDWR | O_CREAT, 0600, ZT_PRIVATE, &t) != 0) {
+        int err = errno;
+        zel_trust_close(&t);
+        if (err == EPERM)
+            return -1;
         ZELLogFunction(3, "zelfunc", 218,
                        "%s: Failed to open [%s] even after trying [%d] times, error code: [%d]\n",
-                       "check_and_lock_file", path, tries, errno);
+                       "check_and_lock_file", path, tries, err);
         return -1;
     }
 
@@ -207,21 +223,35 @@ int check_and_lock_file(const char* path, int quiet)
     fl.l_whence = SEEK_SET;
     fl.l_start = 0;
     fl.l_len = 0;
-    if (fcntl(fd, F_GETLK, &fl) == 0 && (fl.l_type == F_RDLCK || fl.l_type == F_WRLCK)) {
-        if (!quiet)
-            ZELLogFunction(3, "zelfunc", 231, "%s: File (%s) is locked(write) by pid: [%ld].\n",
+    if (fcntl(t.fd, F_GETLK, &fl) == 0 && (fl.l_type == F_RDLCK || fl.l_type == F_WRLCK)) {
+        /* a stranger's lock (opened while the file was loose) holds a file we replace */
+        if (!lock_holder_trusted(fl.l_pid)) {
+            ZELLogFunction(0, "zelfunc", __LINE__,
+                           "%s: File (%s) is locked by pid [%ld] of another account: made anew.\n",
                            "check_and_lock_file", path, (long)fl.l_pid);
-        close(fd);
-        return -2;
+            close(t.fd);
+            unlinkat(t.dir, t.name, 0);
+            t.fd = openat(t.dir, t.name, O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
+        } else {
+            if (!quiet)
+                ZELLogFunction(3, "zelfunc", 231, "%s: File (%s) is locked(write) by pid: [%ld].\n",
+                               "check_and_lock_file", path, (long)fl.l_pid);
+            zel_trust_close(&t);
+            return -2;
+        }
     }
+    fd = t.fd;
+    t.fd = -1;
+    zel_trust_close(&t);
 
     memset(&fl, 0, sizeof(fl));
     fl.l_type = F_WRLCK;
     fl.l_whence = SEEK_SET;
-    if (fcntl(fd, F_SETLK, &fl) != 0) {
+    if (fd < 0 || fcntl(fd, F_SETLK, &fl) != 0) {
         ZELLogFunction(3, "zelfunc", 241, "%s: Failed to lock file [%s] error code: [%d]\n",
                        "check_and_lock_file", path, 0);
-        close(fd);
+        if (fd >= 0)
+            close(fd);
         return -1;
     }
     return fd;

@@ -11,6 +11,7 @@
 
 #include "zelfunc.h"
 #include "zellog.h"
+#include "zeltrust.h"
 
 /* The fixed key of the job monitor segment. */
 int GetIPCKey(void)
@@ -21,7 +22,8 @@ int GetIPCKey(void)
 /*
  * Attaches segment shmid when it is >= 1, otherwise looks up the existing
  * segment of GetIPCKey() (never creates it).  The address, or null (logged
- * at level 0).  Release with DetachSHM().
+ * at level 0), also for a segment that root or the agent's account did not
+ * both create and own.  Release with DetachSHM().
  */
 void* AttachSHM(int size, int shmid)
 {
@@ -45,6 +47,14 @@ void* AttachSHM(int size, int shmid)
                            "AttachSHM", strerror(err), err, shmid);
             return NULL;
         }
+    }
+    /* a segment another account created or owns may carry forged progress: none */
+    struct shmid_ds ds;
+    if (shmctl(shmid, IPC_STAT, &ds) != 0 || !zel_trusted_owner(ds.shm_perm.cuid) ||
+        !zel_trusted_owner(ds.shm_perm.uid)) {
+        ZELLogFunction(0, "zelfunc", __LINE__, "%s: segment %d not trusted (creator %ld, owner %ld).\n",
+                       "AttachSHM", shmid, (long)ds.shm_perm.cuid, (long)ds.shm_perm.uid);
+        return NULL;
     }
     addr = shmat(shmid, NULL, 0);
     if (addr == (void*)-1) {   /* shmat's failure value is not null: map it */

@@ -8,6 +8,7 @@
  */
 #include <ctype.h>
 #include <errno.h>
+#include <fcntl.h>
 #include <stdarg.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -19,6 +20,7 @@
 
 #include "zelfunc.h"
 #include "zellog.h"
+#include "zeltrust.h"
 #include "kvx_version.h"
 
 #define LOG_LINE_MAX     10240
@@ -96,34 +98,52 @@ void ZELInitLogger(const char* logFile, int logLevel)
 }
 
 /*
- * Opens the log stream if it is not open yet (mode "a+", the base directory
- * made one level deep with mode 0755).  0 when open, 1 for a directory
- * problem, errno when the file cannot be opened.  Writes the banner first.
+ * Opens the log stream if it is not open yet (appending, the base directory
+ * made one level deep with mode 0755).  0 when open, errno when the file
+ * cannot be opened (EPERM: root may not trust it, said once on standard
+ * error).  Writes the banner first.
  */
 int OpenLogFile(void)
 {
-    static char fullPath[LOG_PATH_MAX];
-    struct stat st;
+    static int refused = 0;
+    char root[LOG_PATH_MAX];
+    char rel[LOG_PATH_MAX];
+    zel_trusted t;
+    char* slash;
 
     if (gfpDebug != NULL)
         return 0;
     if (pszLogBaseDir[0] == '\0' || pszLogFileName[0] == '\0')
         ZELInitLogger(NULL, -1);
 
-    if (stat(pszLogBaseDir, &st) != 0) {
-        if (errno != ENOENT)
-            return 1;
-        if (mkdir(pszLogBaseDir, 0755) != 0)
-            return 1;
-    }
-
-    /* an over-long path is cut to 4095 bytes */
-    if (snprintf(fullPath, sizeof(fullPath), "%s/%s", pszLogBaseDir, pszLogFileName) < 0)
+    /* the base directory is made one level deep below its parent; an over-long path is cut */
+    exstrncpy(root, pszLogBaseDir, sizeof(root));
+    for (size_t n = strlen(root); n > 1 && root[n - 1] == '/'; n--)
+        root[n - 1] = '\0';
+    slash = strrchr(root, '/');
+    if (snprintf(rel, sizeof(rel), "%s/%s", slash != NULL ? slash + 1 : root, pszLogFileName) < 0)
         return 1;
-    /* close-on-exec: programs the agent runs must not inherit the log */
-    gfpDebug = fopen64(fullPath, "a+e");
-    if (gfpDebug == NULL)
-        return errno;
+    if (slash != NULL)
+        slash[slash == root ? 1 : 0] = '\0';
+    else
+        root[0] = '\0';
+    /* opened below its parent without following links, and only when root may trust it */
+    if (zel_trust_open(root, rel, O_RDWR | O_CREAT | O_APPEND, 0644, ZT_MKDIR, &t) != 0) {
+        int err = errno;
+        if (err == EPERM && !refused++)
+            fprintf(stderr, "Log not trusted, not written: [%s/%s]: %s.\n", pszLogBaseDir,
+                    pszLogFileName, t.why);
+        zel_trust_close(&t);
+        return err != 0 ? err : 1;
+    }
+    gfpDebug = fdopen(t.fd, "a+");
+    if (gfpDebug == NULL) {
+        int err = errno;
+        zel_trust_close(&t);
+        return err;
+    }
+    t.fd = -1;   /* the stream owns it now */
+    zel_trust_close(&t);
 
     ZELLogFunction(0, "zellog", 156, "Tessel for Linux Version %d.%d.%d (Build:%d.%d)\n",
                    kVersion[0], kVersion[1], kVersion[2], kVersion[3], kVersion[4]);

@@ -157,7 +157,9 @@ static int mount_remote(LocationKind kind, char* location, char* mountPoint,
  * newMountPoint (4096 bytes, in/out): the wanted mount point or "" for the
  * agent's root directory; on return the mount point used.  realMountFlag is
  * true only when this call mounted (and kept) the location.
- * 0 on success; -1 bad arguments, mount point or kernel version; 2023 local
+ * 0 on success; -1 bad arguments (also a location or mount point starting
+ * with "-", a user name or domain with "," or a line break), mount point or
+ * kernel version; 2023 local
  * location whose parent is missing; the mount tool's status; 2015 when the
  * location cannot be written for lack of permission, another errno for other
  * write failures (a mount made here is then undone).
@@ -179,6 +181,14 @@ int MountSessionLocation(const char* sessLocation, const char* sessLocationUserN
         return -1;
     }
 
+    /* values stay values: a path read as an option, a user name or domain adding options */
+    if (sessLocation[0] == '-' || newMountPoint[0] == '-' ||
+        (sessLocationUserName != NULL && strpbrk(sessLocationUserName, ",\r\n") != NULL)) {
+        ZELLogFunction(0, SRC, __LINE__, "Refused session location [%s] on [%s] for user [%s].\n",
+                       sessLocation, newMountPoint,
+                       sessLocationUserName != NULL ? sessLocationUserName : "");
+        return -1;
+    }
     if (newMountPoint[0] != '\0') {
         exstrncpy(mountPoint, newMountPoint, sizeof(mountPoint));
     } else {
