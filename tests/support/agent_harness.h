@@ -17,6 +17,7 @@
 
 #include <signal.h>
 #include <sys/types.h>
+#include <functional>
 #include <string>
 #include <vector>
 #include "exec_proto.h"
@@ -47,6 +48,14 @@ public:
     void set_env(const std::string& name, const std::string& value);
     /* Runs the agent (not its parent) as this account; the tree is chowned. */
     void run_as(uid_t uid, gid_t gid);
+    /* As root the agent gets mount and IPC namespaces of its own, with a
+     * private layer over /var/lib (product lock) and its own monitor key, so
+     * that other agents on the machine cannot change an outcome.  A test
+     * whose agents must share those with each other calls this first. */
+    void share_node() { m_private = false; }
+    /* Runs fn in a child that joined the agent's namespaces (e.g. to make a
+     * mount the agent should see); its result, false when it cannot join. */
+    bool in_agent_namespaces(const std::function<bool()>& fn);
 
     /* ---- the agent process ---- */
     /* Starts the agent; args default to {"--targetworkdir", work_dir}. */
@@ -88,6 +97,7 @@ private:
     uid_t m_uid;
     gid_t m_gid;
     bool  m_as_user;
+    bool  m_private;
     pid_t m_parent;
     pid_t m_agent;
     int   m_to_agent;      /* write end of the agent's stdin */
