@@ -18,6 +18,7 @@
 #include <sys/mount.h>
 #include <sched.h>
 #include <sys/prctl.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -136,7 +137,7 @@ void enter_private_node(const std::string& layer_dir)
 } /* namespace */
 
 AgentHarness::AgentHarness(const std::string& tree)
-    : m_uid(0), m_gid(0), m_as_user(false), m_private(true), m_parent(-1), m_agent(-1),
+    : m_uid(0), m_gid(0), m_as_user(false), m_private(true), m_nofile(0), m_parent(-1), m_agent(-1),
       m_to_agent(-1), m_from_agent(-1), m_status_fd(-1), m_exit(-1),
       m_in(nullptr), m_out(nullptr), m_channel(nullptr), m_proto(nullptr)
 {
@@ -289,6 +290,11 @@ bool AgentHarness::start(const std::vector<std::string>& args, bool default_args
             signal(SIGPIPE, SIG_DFL);
             if (isolate)
                 enter_private_node(layer_dir);
+            struct rlimit files = {(rlim_t)m_nofile, (rlim_t)m_nofile};
+            for (int fd = 3; m_nofile > 0 && fd < 1024; fd++)   /* nothing from ctest counts */
+                close(fd);
+            if (m_nofile > 0 && setrlimit(RLIMIT_NOFILE, &files) != 0)
+                _exit(126);
             if (m_as_user) {
                 if (setgroups(0, nullptr) || setgid(m_gid) || setuid(m_uid))
                     _exit(126);
@@ -427,6 +433,17 @@ bool AgentHarness::in_agent_namespaces(const std::function<bool()>& fn)
     while (c > 0 && waitpid(c, &st, 0) < 0 && errno == EINTR)
         ;
     return c > 0 && WIFEXITED(st) && WEXITSTATUS(st) == 0;
+}
+
+void AgentHarness::close_output()
+{
+    if (m_out) {
+        fclose(m_out);
+        m_out = nullptr;
+        if (m_channel)
+            m_channel->m_fin = nullptr;
+        m_from_agent = -1;
+    }
 }
 
 void AgentHarness::close_input()

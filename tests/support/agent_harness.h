@@ -53,6 +53,8 @@ public:
      * that other agents on the machine cannot change an outcome.  A test
      * whose agents must share those with each other calls this first. */
     void share_node() { m_private = false; }
+    /* The agent starts with RLIMIT_NOFILE at n and only descriptors 0-2. */
+    void limit_files(int n) { m_nofile = n; }
     /* Runs fn in a child that joined the agent's namespaces (e.g. to make a
      * mount the agent should see); its result, false when it cannot join. */
     bool in_agent_namespaces(const std::function<bool()>& fn);
@@ -75,6 +77,8 @@ public:
     /* True when reply bytes arrive within timeout_ms. */
     bool reply_pending(int timeout_ms);
     void close_input();
+    /* Closes the test's end of the agent's standard output (later writes break). */
+    void close_output();
     /* Exit status of the agent (0-255, 128+signal when killed), or -1 when
      * it has not ended within timeout_s. */
     int  wait_exit(int timeout_s);
@@ -98,6 +102,7 @@ private:
     gid_t m_gid;
     bool  m_as_user;
     bool  m_private;
+    int   m_nofile;      /* RLIMIT_NOFILE for the agent, 0: inherited */
     pid_t m_parent;
     pid_t m_agent;
     int   m_to_agent;      /* write end of the agent's stdin */

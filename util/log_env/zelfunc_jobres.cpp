@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include "zelcommon.h"
+#include "zelconsume.h"
 #include "zelfunc.h"
 #include "zellog.h"
 
@@ -43,6 +44,18 @@ int create_job_result(const char* path, JOB_RESULT* rec)
     return 0;
 }
 
+/* Empties and removes the job result file once its record was delivered. */
+static void finish_job_result(int fd, const char* path, long consumed, int delivered)
+{
+    if (delivered) {
+        if (ftruncate(fd, 0) != 0) {
+            /* Removed below in any case. */
+        }
+        unlink(path);
+    }
+    close(fd);
+}
+
 /*
  * Reads the first record of the job result file into rec and removes the
  * file, whatever was read.  0 when the file does not exist (rec untouched)
@@ -70,11 +83,7 @@ int read_job_result(const char* path, JOB_RESULT* rec)
     /* Read aside: a short file must not leave a partial record behind. */
     memset(&tmp, 0, sizeof(tmp));
     n = readn(fd, &tmp, KVX_JOB_RESULT_SIZE, 0);
-    if (ftruncate(fd, 0) != 0) {
-        /* Removed below in any case. */
-    }
-    close(fd);
-    unlink(path);
+    zel_consume(fd, path, n, finish_job_result);
     if (n != KVX_JOB_RESULT_SIZE) {
         ZELLogFunction(0, LOG_SRC, 2362, "%s: readn(%s) return:%d, not equal expected:%d.\n",
                        __func__, path, n, KVX_JOB_RESULT_SIZE);
