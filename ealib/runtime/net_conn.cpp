@@ -125,10 +125,11 @@ int STDIOChannel::write_line(char* buffer)
     int left = 2;
     while (left > 0) {
         ssize_t w = writev(fd, v, left);
-        /* an interrupted or partial write goes on where it stopped */
+        /* an interrupted or partial write goes on where it stopped (a non-blocking stream waits) */
         if (w < 0 && (errno == EINTR || errno == EAGAIN)) {
             struct pollfd pfd = { fd, POLLOUT, 0 };
-            poll(&pfd, 1, errno == EAGAIN ? -1 : 0);
+            if (errno == EAGAIN)
+                poll(&pfd, 1, -1);
             continue;
         }
         if (w <= 0)
