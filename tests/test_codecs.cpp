@@ -156,6 +156,10 @@ TEST(Codec, MismatchedParamLeavesRecordAlone)
         {"ping args int str", P(PINGargs, jxdr_PINGargs), 0, "{\"str\": 5}"},
         {"ping res no sp", P(PINGres, jxdr_PINGres), sizeof(PINGres), "{\"str\": \"a\"}"},
         {"job status args string id", P(JOBSTATUSargs, jxdr_JOBSTATUSargs), 0, "{\"id\": \"1\"}"},
+        {"job status args id over int", P(JOBSTATUSargs, jxdr_JOBSTATUSargs), 0, "{\"id\": 4294967297}"},
+        {"exec args jobid over int", P(ExecCmdargs, jxdr_ExecCmdargs), 0,
+         "{\"str\":\"ls\",\"msg_mode\":true,\"block_mode\":false,\"jobid\":4294967303,\"user\":\"\","
+         "\"passwd\":\"\",\"sudoflag\":0}"},
         {"job status res empty", P(JOB_STATUS, jxdr_JOBSTATUSres), sizeof(JOB_STATUS), "{}"},
         {"exec args int msg_mode", P(ExecCmdargs, jxdr_ExecCmdargs), 0,
          "{\"str\":\"ls\",\"msg_mode\":1,\"block_mode\":false,\"jobid\":0,\"user\":\"\","

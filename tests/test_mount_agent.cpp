@@ -110,7 +110,7 @@ TEST_F(MountAgent, LocalAndNfsLocations)
     EXPECT_EQ(calls("umount"), Lines{}) << "a failed mount has nothing to undo";
 
     /* an existing mount is reused while it cannot be unmounted, else replaced */
-    ASSERT_EQ(mount("nfshost:/exp", point.c_str(), "tmpfs", 0, "size=1m"), 0);
+    ASSERT_TRUE(mount_here(point));
     control("umount", "exit", "1\n");
     expect_mount("nfshost:/exp", "", "", point, 0, point);
     EXPECT_EQ(calls("umount"), (Lines{ "umount " + point, "umount -fl " + point }));
@@ -121,7 +121,7 @@ TEST_F(MountAgent, LocalAndNfsLocations)
     expect_mount("nfshost:/exp/", "", "", point + "/", 0, point + "/");
     EXPECT_EQ(calls("umount"), Lines{ "umount " + point });
     EXPECT_EQ(calls("mount"), Lines(2, "mount nfshost:/exp " + point + nfs));   /* failed, then this */
-    EXPECT_TRUE(AgentHarness::exists(point + "/marker"));
+    EXPECT_TRUE(bound(point));
 
     /* a mount point too long for the reply is refused and its mount undone */
     std::string deep = h.root;
@@ -131,15 +131,15 @@ TEST_F(MountAgent, LocalAndNfsLocations)
     expect_mount("nfshost:/exp", "", "", deep, 1, "");
     EXPECT_EQ(calls("mount").size(), 1u);
     EXPECT_EQ(calls("umount"), Lines{ "umount " + deep });
-    EXPECT_FALSE(AgentHarness::exists(deep + "/marker"));
+    EXPECT_FALSE(bound(deep));
 
     /* a point with a blank and a quote is one word: found, unmounted and mounted there */
     const std::string odd = h.root + "/mnt 'x";
     mkdir(odd.c_str(), 0755);
-    ASSERT_EQ(mount("nfshost:/exp", odd.c_str(), "tmpfs", 0, "size=1m"), 0);
+    ASSERT_TRUE(mount_here(odd));
     expect_mount("nfshost:/exp", "", "", odd, 0, odd);
     EXPECT_EQ(calls("umount"), Lines{ "umount " + odd });
-    EXPECT_TRUE(AgentHarness::exists(odd + "/marker"));
+    EXPECT_TRUE(bound(odd));
     EXPECT_TRUE(logged("Execute command [mount nfshost:/exp '" + h.root + "/mnt '\\''x' -w -o vers=3] result: 0."));
 }
 
@@ -152,7 +152,7 @@ TEST_F(MountAgent, CifsPasswordOnlyOnStandardInput)
     control("mount.cifs", "bind", src);
     start();
     expect_mount("//srv/share", "CORP\\backup", pwd, point, 0, point);
-    EXPECT_TRUE(AgentHarness::exists(point + "/marker"));
+    EXPECT_TRUE(bound(point));
     const std::string opts = "rw,port=4445,domainname=CORP,username=backup,vers=3";
     const std::string cmd = "mount.cifs //srv/share " + point + " -o " + opts;
     EXPECT_EQ(calls("mount.cifs"), (Lines{ cmd, cmd + ",sec=ntlmssp" }));

@@ -7,6 +7,7 @@
 
 #include <gtest/gtest.h>
 
+#include <sys/mount.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -66,6 +67,16 @@ protected:
         EXPECT_EQ(res.ret, ret);
         EXPECT_EQ(res.mount_point_len, (int)reply.size());
         EXPECT_EQ(std::string(buf.data()), reply);
+    }
+    /* An existing mount at path, made where the agent sees it. */
+    bool mount_here(const std::string& path)
+    {
+        return h.in_agent_namespaces([&] { return mount("nfshost:/exp", path.c_str(), "tmpfs", 0, "size=1m") == 0; });
+    }
+    /* src is bound at path, as the agent sees it. */
+    bool bound(const std::string& path)
+    {
+        return h.in_agent_namespaces([&] { return AgentHarness::exists(path + "/marker"); });
     }
     bool logged(const std::string& text) { return h.log().find(text) != std::string::npos; }
 };

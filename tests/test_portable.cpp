@@ -191,9 +191,9 @@ TEST_P(Portable, AnswersPingAndReadsAnActivityLogOverTwoGigabytes)
     ASSERT_EQ(h.call(EA_PROC_AGENTLOG, jxdr_Noargs, NULL,
                      JXDR_PROC(AGENTLOGres, jxdr_AGENTLOGres), (char*)&l), 0);
     EXPECT_STREQ(buf, line);
-    EXPECT_FALSE(AgentHarness::exists(act));
     h.close_input();
     EXPECT_EQ(h.wait_exit(20), 0);
+    EXPECT_FALSE(AgentHarness::exists(act));
 }
 
 /* The simulated backup program goes to the nodes with the demo: static too,

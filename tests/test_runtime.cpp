@@ -51,9 +51,12 @@ TEST(Loop, AnswersWhatDecodesSkipsTheRestThenEndsCleanly)
     EXPECT_EQ(int_of(r, "seq"), 101);
     EXPECT_STREQ(json_string_value(json_object_get(json_object_get(r, "param"), "str")), "in two pieces");
     json_decref(r);
-    // Five lines that are no envelope: empty, not JSON, an array, a string
-    // version, an unterminated object.
+    // Seven lines that are no envelope: empty, not JSON, an array, a string
+    // version, a function and a sequence number beyond 32 bits (not run as
+    // procedure 3, not answered as seq 5), an unterminated object.
     h.send_raw("\ngarbage\n[1, 2]\n{\"ver\": \"1\", \"type\": 1, \"seq\": 1, \"fn\": 1, \"status\": 0}\n"
+               "{\"ver\": 1, \"type\": 1, \"seq\": 1, \"fn\": 4294967299, \"status\": 0}\n"
+               "{\"ver\": 1, \"type\": 1, \"seq\": 4294967301, \"fn\": 1, \"status\": 0}\n"
                "{\"ver\": 1, \"type\": 1, \"seq\": 1, \"fn\": 1, \"status\": 0, \"param\": {");
     for (const auto& s : steps) {
         SCOPED_TRACE(s.seq);
@@ -74,7 +77,7 @@ TEST(Loop, AnswersWhatDecodesSkipsTheRestThenEndsCleanly)
         json_decref(r);
     }
     std::string log = h.log();
-    EXPECT_EQ(log_count(log, "svc_main", 378, "failed to receive data, rc=-5. try again."), 5);
+    EXPECT_EQ(log_count(log, "svc_main", 378, "failed to receive data, rc=-5. try again."), 7);
     for (const auto& s : steps)
         EXPECT_EQ(log_count(log, "svc_main", 429, "Unkown function call:" + std::to_string(s.fn)),
                   s.answered ? 0 : 1);
@@ -106,6 +109,7 @@ TEST(Cleanup, StopSignalRemovesFilesKillsParentExitsOne)
         {SIGHUP, 1, 364, "receive signal: SIGHUP.", "", true},
         {SIGALRM, 2, 365, "receive signal: SIGALRM.", "", true},
         {SIGPIPE, 3, 366, "receive signal: SIGPIPE.", "", true},
+        {SIGTERM, 4, 363, "receive signal: SIGTERM.", "", true},   // kill, systemd
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(std::string(c.text) + (c.busy ? " busy" : " idle"));

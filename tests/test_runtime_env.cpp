@@ -98,6 +98,7 @@ TEST(ProductLock, OnlyTheHolderCleansUpAfterEndOfInput)
     AgentHarness::write_file("/var/lib/norvane_kvx/legacy", "old");
     AgentHarness holder, other;
     for (AgentHarness* h : {&holder, &other}) {
+        h->share_node();   // both see the lock under the test's /var/lib
         stage_node(*h);   // a backup program that ends well when cancelled
         add_journal_stub(*h, "kvxbackupvol", 0, "trap 'kill $!; exit 0' TERM\necho $$ > " + h->root +
                                                     "/prog.pid\nsleep 1000 & wait");

@@ -97,6 +97,7 @@ int jxdr_ExecCmdargs(JXDR* xdrs, ExecCmdargs*& rec)
     ExecCmdargs* r;
     const char *s = NULL, *user = NULL, *pwd = NULL;
     int msg_mode = 0, block_mode = 0, jobid = 0, sudoflag = 0;
+    json_int_t jobid_in = 0;
 
     if (xdrs->x_op == JXDR_ENCODE) {
         if (!rec)
@@ -115,10 +116,12 @@ int jxdr_ExecCmdargs(JXDR* xdrs, ExecCmdargs*& rec)
     }
     if (xdrs->x_op != JXDR_DECODE)
         return -1;
-    if (json_unpack(xdrs->x_hd, "{s:{s:s,s:b,s:b,s:i,s:s,s:s,s:i}}", "param",
+    if (json_unpack(xdrs->x_hd, "{s:{s:s,s:b,s:b,s:I,s:s,s:s,s:i}}", "param",
                     "str", &s, "msg_mode", &msg_mode, "block_mode", &block_mode,
-                    "jobid", &jobid, "user", &user, "passwd", &pwd,
+                    "jobid", &jobid_in, "user", &user, "passwd", &pwd,
                     "sudoflag", &sudoflag) != 0)
+        return -1;
+    if (!jxdr_int_fits(jobid_in, &jobid))   /* refused, not wrapped */
         return -1;
     dlog2("unset", 0, "1.cmdargs: decode: cmd_len=%d! \n", (int)strlen(s));
 

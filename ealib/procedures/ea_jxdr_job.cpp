@@ -16,6 +16,7 @@ int jxdr_JOBSTATUSargs(JXDR* xdrs, JOBSTATUSargs*& rec)
 {
     JOBSTATUSargs* r;
     int id = 0;
+    json_int_t id_in = 0;
 
     if (xdrs->x_op == JXDR_ENCODE) {
         if (!rec)
@@ -25,8 +26,8 @@ int jxdr_JOBSTATUSargs(JXDR* xdrs, JOBSTATUSargs*& rec)
     }
     if (xdrs->x_op != JXDR_DECODE)
         return -1;
-    if (json_unpack(xdrs->x_hd, "{s:{s:i}}", "param", "id", &id) != 0)
-        return -1;
+    if (json_unpack(xdrs->x_hd, "{s:{s:I}}", "param", "id", &id_in) != 0 || !jxdr_int_fits(id_in, &id))
+        return -1;   /* an id that does not fit is refused, not wrapped */
     r = (JOBSTATUSargs*)jxdr_param_alloc(xdrs, sizeof(JOBSTATUSargs));
     if (!r)
         return -1;

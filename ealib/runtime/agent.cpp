@@ -17,6 +17,7 @@
 #include "jxdr.h"
 #include "net_conn.h"
 #include "svc_main.h"
+#include "svc_stream.h"
 #include "vmdetect.h"
 #include "zelfunc.h"
 
@@ -57,7 +58,8 @@ int main(int argc, char** argv)
     }
 
     dlog("=====Exec Agent Start=====");
-    STDIOChannel* channel = new STDIOChannel();
+    /* commands started from here on never write into the reply stream */
+    STDIOChannel* channel = new STDIOChannel(stdin, svc_private_stream());
     ExecProto* proto = new ExecProto(channel);
     int rc = svc_main(proto);
     dlog("=====Exec Agent Stop=====");

@@ -52,7 +52,7 @@ int ExecProto::receive(JXDR*& jxdr)
 }
 
 /* Writes the envelope as one record.  The byte count written including the
- * NUL, or -1 when the envelope cannot be serialised. */
+ * NUL, or -1 when the envelope cannot be serialised or the stream broke. */
 int ExecProto::send(JXDR* jxdr)
 {
     char* text = jxdr_to_string(jxdr);

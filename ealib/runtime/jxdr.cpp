@@ -26,7 +26,8 @@ int jxdr_get_seq(void)
  * Header codec.  Encode: replaces x_hd with a fresh object holding the five
  * header keys and an empty "param"; always 0.  Decode: reads the five
  * integer keys from x_hd (extra keys allowed, "param" optional); -1 when a
- * key is missing or not an integer (or x_hd is not an object).
+ * key is missing, not an integer or out of int range (or x_hd is not an
+ * object).
  */
 int jxdr_header(JXDR* xdrs)
 {
@@ -40,9 +41,13 @@ int jxdr_header(JXDR* xdrs)
                                "fn", h->fn, "status", h->st, "param");
         return 0;
     }
-    if (json_unpack(xdrs->x_hd, "{s:i, s:i, s:i, s:i, s:i}",
-                    "ver", &h->ver, "type", &h->type, "seq", &h->seq,
-                    "fn", &h->fn, "status", &h->st) != 0)
+    json_int_t v[5];
+    if (json_unpack(xdrs->x_hd, "{s:I, s:I, s:I, s:I, s:I}",
+                    "ver", &v[0], "type", &v[1], "seq", &v[2], "fn", &v[3], "status", &v[4]) != 0)
+        return -1;
+    /* a number that does not fit its field is refused, not wrapped */
+    if (!jxdr_int_fits(v[0], &h->ver) || !jxdr_int_fits(v[1], &h->type) || !jxdr_int_fits(v[2], &h->seq) ||
+        !jxdr_int_fits(v[3], &h->fn) || !jxdr_int_fits(v[4], &h->st))
         return -1;
     return 0;
 }

@@ -25,6 +25,15 @@ typedef struct JXDR_Header {
     int fn;
 } JXDR_Header;
 
+/* v as an int in *out; 0 when it does not fit (nothing stored). */
+static inline int jxdr_int_fits(json_int_t v, int* out)
+{
+    if (v < -2147483647 - 1 || v > 2147483647)
+        return 0;
+    *out = (int)v;
+    return 1;
+}
+
 typedef struct JXDR_Param {
     char* p_org;   /* start of the block, null until first use */
     char* p_cur;   /* next free byte */

@@ -34,14 +34,14 @@ STDIOChannel::~STDIOChannel()
 
 /*
  * From now on lines are read straight from the input descriptor through a
- * buffer of this channel, waiting for input or for fd to become readable.
- * Call it before the first read_line().
+ * buffer of this channel, waiting for input or for fd to become readable
+ * (fd -1: until a signal arrives).  Call it before the first read_line().
  */
 void STDIOChannel::set_wakeup(int fd)
 {
-    if (fd >= 0 && m_pend == NULL)
+    if (m_pend == NULL)
         m_pend = (char*)malloc(CH_PENDING);
-    m_wake = m_pend != NULL ? fd : -1;   /* without the buffer: plain fgets() */
+    m_wake = fd;
 }
 
 /*
@@ -52,7 +52,7 @@ void STDIOChannel::set_wakeup(int fd)
  */
 int STDIOChannel::read_line(char* buffer, int size)
 {
-    if (m_wake >= 0)
+    if (m_pend != NULL)
         return read_pending_line(buffer, size);
     if (!fgets(buffer, size, m_fin)) {
         /* result looked at only through feof below */
@@ -66,7 +66,8 @@ int STDIOChannel::read_line(char* buffer, int size)
  * read_line() with a wake-up descriptor: the same lines and results, but a
  * signal only interrupts the wait.  Bytes already received stay in m_pend,
  * so a line whose read a signal cut is handed out whole once its end has
- * arrived.  Returns 0 when the wake-up descriptor is readable.
+ * arrived.  Returns 0 when the wake-up descriptor is readable (without one:
+ * when a signal interrupted the wait).
  */
 int STDIOChannel::read_pending_line(char* buffer, int size)
 {
@@ -103,6 +104,8 @@ int STDIOChannel::read_pending_line(char* buffer, int size)
         if (poll(pfd, 2, -1) < 0) {
             if (errno != EINTR)
                 m_eof = 1;
+            else if (m_wake < 0)
+                return 0;   /* no wake-up descriptor: the interrupted wait ends here, bytes kept */
             continue;   /* interrupted: the handler has made m_wake readable */
         }
         if (pfd[1].revents != 0)
@@ -118,19 +121,37 @@ int STDIOChannel::read_pending_line(char* buffer, int size)
 }
 
 /*
- * Writes the text with its NUL in one unbuffered write, then "\n\n".
- * Returns strlen(buffer) + 1 whatever the writes did: a short or failed
- * write is not reported (a closed pipe raises SIGPIPE instead).
+ * Writes the text with its NUL and "\n\n" in one unbuffered writev.  Returns
+ * strlen(buffer) + 1 once the whole record is out, -1 when the stream is
+ * broken (a closed pipe raises SIGPIPE as well).
  */
 int STDIOChannel::write_line(char* buffer)
 {
     size_t len = strlen(buffer) + 1;
-    ssize_t w;
+    int fd = fileno(m_fout);
 
     /* text, NUL and "\n\n" in one call: the same bytes, one wake-up of the reader */
     struct iovec iov[2] = { { buffer, len }, { (void*)"\n\n", 2 } };
-    w = writev(fileno(m_fout), iov, 2);
-    (void)w;
+    struct iovec* v = iov;
+    int left = 2;
+    while (left > 0) {
+        ssize_t w = writev(fd, v, left);
+        /* an interrupted or partial write goes on where it stopped (a non-blocking stream waits) */
+        if (w < 0 && (errno == EINTR || errno == EAGAIN)) {
+            struct pollfd pfd = { fd, POLLOUT, 0 };
+            if (errno == EAGAIN)
+                poll(&pfd, 1, -1);
+            continue;
+        }
+        if (w <= 0)
+            return -1;
+        for (; left > 0 && (size_t)w >= v->iov_len; v++, left--)
+            w -= (ssize_t)v->iov_len;
+        if (left > 0) {
+            v->iov_base = (char*)v->iov_base + w;
+            v->iov_len -= (size_t)w;
+        }
+    }
     fflush(m_fout);
     return (int)len;
 }

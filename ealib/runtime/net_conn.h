@@ -14,7 +14,7 @@ public:
     virtual ~NetChannel() {}
     /* strlen of the line read, 0 on an empty/failed read, -2 at end of input. */
     virtual int read_line(char* buffer, int size) = 0;
-    /* Writes text+NUL then "\n\n"; returns strlen(buffer)+1. */
+    /* Writes text+NUL then "\n\n" whole; strlen(buffer)+1, or -1 on a broken stream. */
     virtual int write_line(char* buffer) = 0;
     /* A descriptor that becomes readable when the waiting read must give up
      * (a signal arrived); -1 for none.  Channels without a wait ignore it. */
@@ -36,8 +36,8 @@ public:
 private:
     int read_pending_line(char* buffer, int size);
 
-    int   m_wake;    /* wake-up descriptor, -1: plain fgets() reads */
-    char* m_pend;    /* bytes received and not yet handed out as a line */
+    int   m_wake;    /* wake-up descriptor, -1: a signal ends the wait */
+    char* m_pend;    /* bytes received and not handed out yet; null: plain fgets() */
     int   m_plen;
     int   m_eof;     /* the input has ended (or failed for good) */
     int   m_skip;    /* the rest of an overlong line is being discarded */

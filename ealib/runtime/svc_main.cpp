@@ -20,8 +20,10 @@
 #include "svc_main.h"
 #include "ea_svc.h"
 #include "ea_child.h"
+#include "svc_logcap.h"
 #include "svc_product.h"
 #include "svc_wake.h"
+#include "zelconsume.h"
 #include "zelfunc.h"
 #include "zellog.h"
 #include "zeltrust.h"
@@ -170,6 +172,7 @@ static void open_agent_log(void)
 static void signal_hup(int sig)   { _kill_self = 1; svc_wake(); }
 static void signal_alarm(int sig) { _kill_self = 2; svc_wake(); }
 static void signal_pipe(int sig)  { _kill_self = 3; svc_wake(); }
+static void signal_term(int sig)  { _kill_self = 4; svc_wake(); }
 
 /* Installs handler without restart semantics: a blocked read returns EINTR. */
 static int install_handler(int sig, void (*handler)(int))
@@ -186,7 +189,8 @@ static int install_handler(int sig, void (*handler)(int))
 static int install_signals(void)
 {
     /* the wait for the next request must end when a signal arrives */
-    svc_wake_open();
+    if (svc_wake_open() != 0)   /* said once; requests are still read whole without it */
+        ZELLogFunction(0, SRC, 300, "Failed to create the wake-up pipe (%d), reading without it.\n", errno);
     if (install_handler(SIGCHLD, signal_child) < 0) {
         ZELLogFunction(0, SRC, 305, "Sigaction(SIGCHLD) failed.\n");
         return -1;
@@ -203,6 +207,11 @@ static int install_signals(void)
     }
     if (install_handler(SIGPIPE, signal_pipe) < 0) {
         ZELLogFunction(0, SRC, 349, "Sigaction(SIGPIPE) failed.\n");
+        return -1;
+    }
+    /* kill, systemd or a server shutting down: stop and clean up as for SIGHUP */
+    if (install_handler(SIGTERM, signal_term) < 0) {
+        ZELLogFunction(0, SRC, 350, "Sigaction(SIGTERM) failed.\n");
         return -1;
     }
     return 0;
@@ -232,9 +241,10 @@ static void serve_request(ExecProto* proto, JXDR* request)
     if (reply != NULL)
         proc->f_res(reply, res);
     if (res != NULL) {
+        zel_consume_hold();   /* files the reply carries go only once it is out whole */
         proc->handler(args, res);
         proc->f_res(reply, res);
-        proto->send(reply);
+        zel_consume_release(proto->send(reply) > 0);
     }
     jxdr_destroy(request);
     jxdr_destroy(reply);
@@ -249,15 +259,20 @@ static void log_stop_signal(int flag)
         ZELLogFunction(3, SRC, 365, "receive signal: SIGALRM.\n");
     else if (flag == 3)
         ZELLogFunction(3, SRC, 366, "receive signal: SIGPIPE.\n");
+    else if (flag == 4)
+        ZELLogFunction(3, SRC, 363, "receive signal: SIGTERM.\n");
     ZELLogFunction(3, SRC, 367, "cleanup flag is set to %d. stop ExecAgent.\n", flag);
 }
 
 /* Serves until end of input or a stop flag. */
 static void serve(ExecProto* proto)
 {
+    char log_path[4096];
+    snprintf(log_path, sizeof(log_path), "%s/%s", ZELGetLogPath(), EA_LOG_FILE);
     proto->m_channel->set_wakeup(svc_wake_fd());
     for (;;) {
         JXDR* request = NULL;
+        svc_log_bound(log_path, EA_LOG_LINES);   /* a flood of lines cannot fill the disk */
         svc_wake_drain();
         child_exit_events();   /* children that ended are logged before the next read */
         alarm(EA_IDLE_SECONDS);

@@ -16,7 +16,9 @@
 #include <stdlib.h>
 #include <string.h>
 #include <sys/mount.h>
+#include <sched.h>
 #include <sys/prctl.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -129,10 +131,22 @@ std::vector<std::string> mounts_below(const std::string& dir)
     return found;
 }
 
+/* In the agent's child before exec: private mount and IPC namespaces, and a
+ * copy-on-write layer over /var/lib kept in layer_dir. */
+void enter_private_node(const std::string& layer_dir)
+{
+    if (unshare(CLONE_NEWNS | CLONE_NEWIPC) != 0)
+        return;
+    if (mount(NULL, "/", NULL, MS_REC | MS_PRIVATE, NULL) != 0)
+        return;
+    std::string opts = "lowerdir=/var/lib,upperdir=" + layer_dir + "/upper,workdir=" + layer_dir + "/work";
+    mount("kvxt_node", "/var/lib", "overlay", 0, opts.c_str());
+}
+
 } /* namespace */
 
 AgentHarness::AgentHarness(const std::string& tree)
-    : m_uid(0), m_gid(0), m_as_user(false), m_parent(-1), m_agent(-1),
+    : m_uid(0), m_gid(0), m_as_user(false), m_private(true), m_nofile(0), m_parent(-1), m_agent(-1),
       m_to_agent(-1), m_from_agent(-1), m_status_fd(-1), m_exit(-1),
       m_in(nullptr), m_out(nullptr), m_channel(nullptr), m_proto(nullptr)
 {
@@ -261,7 +275,16 @@ bool AgentHarness::start(const std::vector<std::string>& args, bool default_args
     for (std::string& e : m_env)
         envp.push_back(&e[0]);
     envp.push_back(nullptr);
-    std::string err_path = root + "/agent.stderr";
+    std::string err_path = root + "/agent.stderr", layer_dir = base + "/.node";
+    bool isolate = m_private && geteuid() == 0;
+    if (isolate) {   /* made after the chown above: the layer stays root's */
+        struct stat vl;
+        mode_t mode = stat("/var/lib", &vl) == 0 ? (vl.st_mode & 07777) : 0755;
+        mkdir(layer_dir.c_str(), 0700);
+        mkdir((layer_dir + "/upper").c_str(), mode);
+        mkdir((layer_dir + "/work").c_str(), 0700);
+        chmod((layer_dir + "/upper").c_str(), mode);
+    }
 
     int in_pipe[2], out_pipe[2], st_pipe[2];
     if (pipe2(in_pipe, O_CLOEXEC) || pipe2(out_pipe, O_CLOEXEC) || pipe2(st_pipe, O_CLOEXEC))
@@ -285,6 +308,13 @@ bool AgentHarness::start(const std::vector<std::string>& args, bool default_args
             if (efd >= 0)
                 dup2(efd, 2);
             signal(SIGPIPE, SIG_DFL);
+            if (isolate)
+                enter_private_node(layer_dir);
+            struct rlimit files = {(rlim_t)m_nofile, (rlim_t)m_nofile};
+            for (int fd = 3; m_nofile > 0 && fd < 1024; fd++)   /* nothing from ctest counts */
+                close(fd);
+            if (m_nofile > 0 && setrlimit(RLIMIT_NOFILE, &files) != 0)
+                _exit(126);
             if (m_as_user) {
                 if (setgroups(0, nullptr) || setgid(m_gid) || setuid(m_uid))
                     _exit(126);
@@ -401,6 +431,39 @@ bool AgentHarness::reply_pending(int timeout_ms)
         rc = poll(&pfd, 1, timeout_ms);
     } while (rc < 0 && errno == EINTR);
     return rc > 0 && (pfd.revents & POLLIN);
+}
+
+bool AgentHarness::in_agent_namespaces(const std::function<bool()>& fn)
+{
+    if (m_agent <= 0)
+        return false;
+    pid_t c = fork();
+    if (c == 0) {
+        const char* kinds[] = {"ipc", "mnt"};
+        for (const char* kind : kinds) {
+            std::string path = "/proc/" + std::to_string(m_agent) + "/ns/" + kind;
+            int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+            if (fd < 0 || setns(fd, 0) != 0)
+                _exit(2);
+            close(fd);
+        }
+        _exit(fn() ? 0 : 1);
+    }
+    int st = 0;
+    while (c > 0 && waitpid(c, &st, 0) < 0 && errno == EINTR)
+        ;
+    return c > 0 && WIFEXITED(st) && WEXITSTATUS(st) == 0;
+}
+
+void AgentHarness::close_output()
+{
+    if (m_out) {
+        fclose(m_out);
+        m_out = nullptr;
+        if (m_channel)
+            m_channel->m_fin = nullptr;
+        m_from_agent = -1;
+    }
 }
 
 void AgentHarness::close_input()

@@ -20,6 +20,7 @@
 
 #include <signal.h>
 #include <sys/types.h>
+#include <functional>
 #include <string>
 #include <vector>
 #include "exec_proto.h"
@@ -50,6 +51,16 @@ public:
     void set_env(const std::string& name, const std::string& value);
     /* Runs the agent (not its parent) as this account; the tree is chowned. */
     void run_as(uid_t uid, gid_t gid);
+    /* As root the agent gets mount and IPC namespaces of its own, with a
+     * private layer over /var/lib (product lock) and its own monitor key, so
+     * that other agents on the machine cannot change an outcome.  A test
+     * whose agents must share those with each other calls this first. */
+    void share_node() { m_private = false; }
+    /* The agent starts with RLIMIT_NOFILE at n and only descriptors 0-2. */
+    void limit_files(int n) { m_nofile = n; }
+    /* Runs fn in a child that joined the agent's namespaces (e.g. to make a
+     * mount the agent should see); its result, false when it cannot join. */
+    bool in_agent_namespaces(const std::function<bool()>& fn);
 
     /* ---- the agent process ---- */
     /* Starts the agent; args default to {"--targetworkdir", work_dir}. */
@@ -69,6 +80,8 @@ public:
     /* True when reply bytes arrive within timeout_ms. */
     bool reply_pending(int timeout_ms);
     void close_input();
+    /* Closes the test's end of the agent's standard output (later writes break). */
+    void close_output();
     /* Exit status of the agent (0-255, 128+signal when killed), or -1 when
      * it has not ended within timeout_s. */
     int  wait_exit(int timeout_s);
@@ -91,6 +104,8 @@ private:
     uid_t m_uid;
     gid_t m_gid;
     bool  m_as_user;
+    bool  m_private;
+    int   m_nofile;      /* RLIMIT_NOFILE for the agent, 0: inherited */
     pid_t m_parent;
     pid_t m_agent;
     int   m_to_agent;      /* write end of the agent's stdin */

@@ -17,6 +17,7 @@
 
 #include "agentactivitylog.h"
 #include "zelcommon.h"
+#include "zelconsume.h"
 #include "zellog.h"
 #include "zeltrust.h"
 
@@ -66,6 +67,34 @@ static int read_all(int fd, char* buf, int want)
 }
 
 /*
+ * Removes the consumed head of a drained file once delivered: the whole file,
+ * or, when lines were appended since it was read, only the part read.
+ */
+static void finish_drained(zel_trusted* t, long consumed, int delivered)
+{
+    struct stat st;
+    int fd = t->fd;
+    int writable = (fcntl(fd, F_GETFL) & O_ACCMODE) != O_RDONLY;
+
+    if (delivered && lock_with_retries(fd, writable) == 0 && fstat(fd, &st) == 0) {
+        long rest = (long)st.st_size - consumed;
+        char* tail = rest > 0 ? (char*)malloc((size_t)rest) : NULL;
+        if (rest > 0 && writable && tail != NULL && pread(fd, tail, (size_t)rest, consumed) == (ssize_t)rest) {
+            if (ftruncate(fd, 0) == 0 && pwrite(fd, tail, (size_t)rest, 0) != (ssize_t)rest) {
+                /* what could not be put back is lost as with a full disk */
+            }
+        } else if (rest <= 0) {
+            if (writable && ftruncate(fd, 0) != 0) {
+                /* Unlinked anyway; an unemptied file cannot be read again. */
+            }
+            unlinkat(t->dir, t->name, 0);
+        }
+        free(tail);
+    }
+    zel_trust_close(t);
+}
+
+/*
  * The one reader behind read_activity_log_file and read_checkmachine_file.
  * Locks path, reads it into a fresh heap buffer of file size + 1 bytes and
  * removes the file.  A file that needs more than limit bytes (file size + 1
@@ -76,7 +105,8 @@ static int read_all(int fd, char* buf, int want)
  * arguments or open failure; -2 lock not obtained; -3 read error (file kept, *text still set for the caller to
  * free); -errno when fstat or malloc fails.
  */
-static int drain_locked_file(const char* path, char** text, int* size, int limit, int refuse)
+static int drain_locked_file(const char* path, char** text, int* size, int limit, int refuse,
+                             int keep)
 {
     struct stat st;
     zel_trusted t;
@@ -131,11 +161,16 @@ static int drain_locked_file(const char* path, char** text, int* size, int limit
         return -3;
     }
     (*text)[*size - 1] = '\0';
-    if (ftruncate(fd, 0) != 0) {
-        /* Unlinked anyway; an unemptied file cannot be read again. */
+    if (keep) {   /* removed once the reply is out; appending goes on meanwhile */
+        struct flock whole;   /* the whole file: lockf's F_ULOCK would free only what lies past the read */
+        memset(&whole, 0, sizeof(whole));
+        whole.l_type = F_UNLCK;
+        whole.l_whence = SEEK_SET;
+        fcntl(fd, F_SETLK, &whole);
+        zel_consume(&t, (long)st.st_size, finish_drained);
+    } else {
+        finish_drained(&t, (long)st.st_size, 1);
     }
-    unlinkat(t.dir, t.name, 0);
-    zel_trust_close(&t);
     return got;
 }
 
@@ -150,7 +185,7 @@ static int drain_locked_file(const char* path, char** text, int* size, int limit
  */
 int read_activity_log_file(const char* path, char** text, int* size)
 {
-    return drain_locked_file(path, text, size, KVX_ACTIVITY_LOG_MAX, 0);
+    return drain_locked_file(path, text, size, KVX_ACTIVITY_LOG_MAX, 0, 1);
 }
 
 /*
@@ -161,7 +196,7 @@ int read_activity_log_file(const char* path, char** text, int* size)
  */
 int read_checkmachine_file(const char* filename, char** buf_out, int* len_out)
 {
-    int rc = drain_locked_file(filename, buf_out, len_out, KVX_CHECKMACHINE_LIMIT, 1);
+    int rc = drain_locked_file(filename, buf_out, len_out, KVX_CHECKMACHINE_LIMIT, 1, 0);
     if (rc == DRAIN_TOO_BIG) {
         ZELLogFunction(0, LOG_SRC, __LINE__, "%s: checkmachine output is too big(%d.)\n",
                        __func__, *len_out);

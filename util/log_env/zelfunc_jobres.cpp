@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include "zelcommon.h"
+#include "zelconsume.h"
 #include "zelfunc.h"
 #include "zellog.h"
 #include "zeltrust.h"
@@ -47,6 +48,18 @@ int create_job_result(const char* path, JOB_RESULT* rec)
     return 0;
 }
 
+/* Empties and removes the job result file once its record was delivered. */
+static void finish_job_result(zel_trusted* t, long consumed, int delivered)
+{
+    if (delivered) {
+        if ((fcntl(t->fd, F_GETFL) & O_ACCMODE) != O_RDONLY && ftruncate(t->fd, 0) != 0) {
+            /* Removed below in any case. */
+        }
+        unlinkat(t->dir, t->name, 0);
+    }
+    zel_trust_close(t);
+}
+
 /*
  * Reads the first record of the job result file into rec and removes the
  * file, whatever was read.  0 when the file does not exist (rec untouched)
@@ -82,11 +95,7 @@ int read_job_result(const char* path, JOB_RESULT* rec)
     /* Read aside: a short file must not leave a partial record behind. */
     memset(&tmp, 0, sizeof(tmp));
     n = readn(fd, &tmp, KVX_JOB_RESULT_SIZE, 0);
-    if (ftruncate(fd, 0) != 0) {
-        /* Removed below in any case. */
-    }
-    unlinkat(t.dir, t.name, 0);
-    zel_trust_close(&t);
+    zel_consume(&t, n, finish_job_result);
     if (n != KVX_JOB_RESULT_SIZE) {
         ZELLogFunction(0, LOG_SRC, 2362, "%s: readn(%s) return:%d, not equal expected:%d.\n",
                        __func__, path, n, KVX_JOB_RESULT_SIZE);

@@ -26,6 +26,7 @@
 #define LOG_LINE_MAX     10240
 #define LOG_PATH_MAX     4096
 #define LOG_DEFAULT_NAME "kvx.log"
+#define LOG_REPEAT_KEPT  32   /* identical lines written before the rest of a run is counted */
 
 static char  pszLogBaseDir[LOG_PATH_MAX];
 static char  pszLogFileName[LOG_PATH_MAX];
@@ -34,6 +35,10 @@ static int   zelDebugLevelResetFlag = 0;
 static int   zelConsoleDebugLog = 0;
 static int   zelLogFileResetFlag = 0;   /* recorded only */
 static FILE* gfpDebug = NULL;
+static char  lastMessage[LOG_LINE_MAX];   /* the current run of identical lines */
+static char  lastSource[64];
+static int   lastLineNo = -1;
+static long  runLength = 0;
 
 /* Product version shown in the banner line of every new log stream. */
 static const int kVersion[5] = { KVX_VERSION_MAJOR, KVX_VERSION_MINOR, KVX_VERSION_PATCH,
@@ -150,9 +155,42 @@ int OpenLogFile(void)
     return 0;
 }
 
+/* Writes one line: header, then message (which supplies the newline). */
+static void write_log_line(int lineNo, const char* source, const char* message)
+{
+    char header[LOG_LINE_MAX];
+
+    snprintf(header, sizeof(header), "%s %s (pid:%u tid:%u) %4d:%-20s ",
+             GetSysDate(), GetSysTime(), (unsigned)getpid(),
+             (unsigned)syscall(SYS_gettid), lineNo, source);
+    fprintf(gfpDebug, "%s", header);
+    fprintf(gfpDebug, "%s", message);
+    fflush(gfpDebug);
+
+    if (zelConsoleDebugLog == 1) {
+        /* standard error: standard output is the agent's protocol stream */
+        fprintf(stderr, "%s", header);
+        fprintf(stderr, "%s", message);
+    }
+}
+
+/* Ends the current run: the lines it did not write become one count line. */
+static void end_log_run(void)
+{
+    char note[64];
+
+    if (runLength > LOG_REPEAT_KEPT && gfpDebug != NULL) {
+        snprintf(note, sizeof(note), "last message repeated %ld times\n", runLength - LOG_REPEAT_KEPT);
+        write_log_line(lastLineNo, lastSource, note);
+    }
+    runLength = 0;
+    lastLineNo = -1;
+}
+
 /* Closes and forgets the stream; the next line opens it again. */
 void CloseLogFile(void)
 {
+    end_log_run();
     if (gfpDebug != NULL) {
         fclose(gfpDebug);
         gfpDebug = NULL;
@@ -166,8 +204,8 @@ void CloseLogFile(void)
  */
 int ZELLogFunction(int level, const char* filename, int lineNo, const char* fmt, ...)
 {
-    char header[LOG_LINE_MAX];
     char message[LOG_LINE_MAX];
+    const char* source = log_basename(filename);
     va_list ap;
     int rc;
 
@@ -177,10 +215,6 @@ int ZELLogFunction(int level, const char* filename, int lineNo, const char* fmt,
     if (rc != 0)
         return rc;
 
-    snprintf(header, sizeof(header), "%s %s (pid:%u tid:%u) %4d:%-20s ",
-             GetSysDate(), GetSysTime(), (unsigned)getpid(),
-             (unsigned)syscall(SYS_gettid), lineNo, log_basename(filename));
-
     message[0] = '\0';
     if (fmt != NULL) {
         va_start(ap, fmt);
@@ -188,15 +222,18 @@ int ZELLogFunction(int level, const char* filename, int lineNo, const char* fmt,
         va_end(ap);
     }
 
-    fprintf(gfpDebug, "%s", header);
-    fprintf(gfpDebug, "%s", message);
-    fflush(gfpDebug);
-
-    if (zelConsoleDebugLog == 1) {
-        /* standard error: standard output is the agent's protocol stream */
-        fprintf(stderr, "%s", header);
-        fprintf(stderr, "%s", message);
+    /* a run of identical lines ends in a count, as syslog does, not in a full disk */
+    if (lineNo == lastLineNo && strcmp(source, lastSource) == 0 && strcmp(message, lastMessage) == 0) {
+        if (++runLength > LOG_REPEAT_KEPT)
+            return 0;
+    } else {
+        end_log_run();
+        lastLineNo = lineNo;
+        exstrncpy(lastSource, source, sizeof(lastSource));
+        exstrncpy(lastMessage, message, sizeof(lastMessage));
+        runLength = 1;
     }
+    write_log_line(lineNo, source, message);
     return 0;
 }
 

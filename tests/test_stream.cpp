@@ -1,0 +1,169 @@
+// The reply stream under load and faults: a server that stops reading, a
+// stream that breaks, commands that print, and too few descriptors.
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <time.h>
+
+#include <chrono>
+#include <thread>
+
+#include "test_exec_cmd_client.h"
+#include "zelfunc.h"
+
+namespace {
+
+// Number of the system call process pid is blocked in, -1 when running.
+long in_call(pid_t pid)
+{
+    std::string call = AgentHarness::read_file("/proc/" + std::to_string(pid) + "/syscall");
+    return call.compare(0, 7, "running") == 0 || call.empty() ? -1 : atol(call.c_str());
+}
+
+// True once the agent sits in writev (the server has stopped reading).
+bool blocked_in_write(pid_t pid)
+{
+    for (int i = 0; i < 1500; i++, usleep(20000))
+        if (in_call(pid) == SYS_writev)
+            return true;
+    return false;
+}
+
+long long bytes_read(pid_t pid)
+{
+    std::string io = AgentHarness::read_file("/proc/" + std::to_string(pid) + "/io");
+    size_t at = io.find("rchar: ");
+    return at == std::string::npos ? -1 : atoll(io.c_str() + at + 7);
+}
+
+// True once the agent has read up to total bytes and waits for more.
+bool waits_after_reading(pid_t pid, long long total)
+{
+    for (int i = 0; i < 500; i++, usleep(20000)) {
+        long call = in_call(pid);
+        if (bytes_read(pid) >= total && (call == SYS_read || call == SYS_poll || call == SYS_ppoll))
+            return true;
+    }
+    return false;
+}
+
+// A background job that ends when the test writes to <root>/go.
+void start_job(AgentHarness& h)
+{
+    std::string go = h.root + "/go";
+    ASSERT_EQ(0, mkfifo(go.c_str(), 0600));
+    ASSERT_TRUE(run_cmd(h, 1, "cat " + go, true));
+}
+
+void end_job(AgentHarness& h)
+{
+    int fd = -1;
+    for (int i = 0; i < 500 && fd < 0; i++, fd < 0 && usleep(20000))   // once the job has it open
+        fd = open((h.root + "/go").c_str(), O_WRONLY | O_NONBLOCK);
+    EXPECT_GE(fd, 0) << "the job never opened its pipe\n" << h.log();
+    close(fd);
+}
+
+// A background job ends while the server does not read: every reply comes,
+// whole and in order, and the files the replies carry are delivered once.
+TEST(Stream, NoReplyLostWhileTheServerStopsReading)
+{
+    AgentHarness h;
+    stage_node(h);   // the broken stream at the end stops the agent with a cleanup
+    const std::string logs = h.work_dir + "/logs/";
+    mkdir(logs.c_str(), 0755);
+    std::string events;
+    for (int i = 0; i < 500; i++)
+        events += "1 0 event " + std::to_string(i) + " of the activity log, about sixty bytes\n";
+    AgentHarness::write_file(logs + "linuxkvxactivity.log", events);
+    JOB_RESULT done = {};
+    done.protected_data = 12345;
+    ASSERT_EQ(0, create_job_result((logs + "linuxkvxjobres").c_str(), &done));
+    ASSERT_TRUE(h.start());
+    start_job(h);
+
+    const int kPings = 3000;
+    std::string flood;
+    for (int i = 0; i < kPings; i++) {
+        flood += request_line(10 + i, 1, "{\"str\": \"p" + std::to_string(i) + "\"}") + "\n";
+        if (i == 300)
+            flood += request_line(5, 5, "") + "\n" + request_line(6, 6, "") + "\n";
+    }
+    std::thread sender([&] { h.send_raw(flood, false); });
+    EXPECT_TRUE(blocked_in_write(h.agent_pid()));
+    end_job(h);
+    int next = 10;
+    std::string got_log;
+    long long got_result = 0;
+    for (int n = 0; n < kPings + 2; n++) {
+        Reply r(read_reply(h), json_decref);
+        long long seq = json_integer_value(json_object_get(r.get(), "seq"));
+        if (seq == 5)
+            got_log = text(r, "ActivityLogs");
+        else if (seq == 6)
+            got_result = num(r, "protect_data");
+        else if (seq == next)
+            next++;
+        else
+            break;   // lost or out of order
+    }
+    EXPECT_EQ(10 + kPings, next) << "every ping answered, in order";
+    if (next != 10 + kPings)
+        h.signal_agent(SIGKILL);   // a sender still writing ends too
+    sender.join();
+    EXPECT_EQ(events.substr(0, 32767), got_log);
+    EXPECT_EQ(12345, got_result);
+    EXPECT_EQ(log_count(h.log(), "ea_svc", 38, "signal_child: child pid="), 1) << "the job ended meanwhile";
+
+    // A reply that cannot be written leaves its file for the next session.
+    AgentHarness::write_file(logs + "linuxkvxactivity.log", "1 0 kept\n");
+    h.close_output();
+    h.send_raw(request_line(7, 5, ""));
+    EXPECT_EQ(1, h.wait_exit(30)) << "a broken stream stops the agent";
+    EXPECT_EQ("1 0 kept\n", AgentHarness::read_file(logs + "linuxkvxactivity.log"));
+}
+
+// Whatever a command prints stays off the stream, and a daemon it leaves
+// does not hold the stream open after the agent has ended.
+TEST(Stream, OnlyRepliesReachTheServer)
+{
+    AgentHarness h;
+    ASSERT_TRUE(h.start());
+    h.send_raw(request_line(1, 3, exec_args("echo X; sleep 30 & true", false)));
+    std::string rec;
+    ASSERT_TRUE(h.read_raw(rec, 30000));
+    EXPECT_EQ(0u, rec.find("{")) << rec;
+    ASSERT_TRUE(h.read_raw(rec, 30000));
+    EXPECT_EQ("\n", rec);
+    h.close_input();
+    EXPECT_EQ(0, h.wait_exit(20));
+    auto t0 = std::chrono::steady_clock::now();
+    EXPECT_FALSE(h.read_raw(rec, 20000)) << rec;
+    EXPECT_LT(std::chrono::steady_clock::now() - t0, std::chrono::seconds(15)) << "end of output with the agent";
+}
+
+// Too few descriptors for the wake-up pipe: said once, and a request that a
+// signal splits is still answered.
+TEST(Stream, RequestStaysWholeWithoutTheWakeUpPipe)
+{
+#ifdef __SANITIZE_ADDRESS__
+    GTEST_SKIP() << "the sanitizers' runtime needs descriptors of its own (UBSan checks memory through a pipe)";
+#endif
+    AgentHarness h;
+    h.limit_files(6);
+    ASSERT_TRUE(h.start());
+    ASSERT_TRUE(rpc(h, 1, "{\"str\": \"up\"}"));
+    std::string split = request_line(101, 1, "{\"str\": \"in two pieces\"}");
+    long long before = bytes_read(h.agent_pid());
+    h.send_raw(split.substr(0, 30), false);
+    ASSERT_TRUE(waits_after_reading(h.agent_pid(), before + 30));
+    h.signal_agent(SIGCHLD);   // as a command ending would
+    ASSERT_TRUE(waits_after_reading(h.agent_pid(), before + 30));
+    h.send_raw(split.substr(30));
+    Reply r(read_reply(h), json_decref);
+    ASSERT_TRUE(r) << "the request was lost\n" << h.log();
+    EXPECT_EQ("in two pieces", text(r, "str"));
+    EXPECT_EQ(1, log_count(h.log(), "svc_main", 300, "Failed to create the wake-up pipe"));
+}
+
+} // namespace
