@@ -178,6 +178,7 @@ TEST(LocalUser, CannotHoldTheProductLock)
     });
     ASSERT_GT(holder, 0);
     AgentHarness h;
+    h.share_node();   /* the agent locks the file of this test's own /var/lib, itself private */
     ASSERT_TRUE(h.start());
     Reply r = rpc(h, EA_PROC_CHECK_MACHINE, exec_args("kvx_ea_check_set_lock.cmd", true));
     kill(holder, SIGKILL);
