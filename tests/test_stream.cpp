@@ -13,18 +13,34 @@
 
 namespace {
 
-// Number of the system call process pid is blocked in, -1 when running.
-long in_call(pid_t pid)
+enum Call { WRITEV, READ, POLL, PPOLL };
+
+// The system calls' numbers as /proc shows them: a 32-bit agent (the i386
+// build) is reported with the i386 numbers even on an x86-64 kernel.
+long call_number(pid_t pid, Call c)
+{
+    static const long native[] = { SYS_writev, SYS_read, SYS_poll, SYS_ppoll };
+    static const long i386[] = { 146, 3, 168, 309 };
+    unsigned char elf[5] = {};
+    int fd = open(("/proc/" + std::to_string(pid) + "/exe").c_str(), O_RDONLY | O_CLOEXEC);
+    bool compat = fd >= 0 && read(fd, elf, sizeof(elf)) == (ssize_t)sizeof(elf) && elf[4] == 1;   // ELFCLASS32
+    if (fd >= 0)
+        close(fd);
+    return compat && sizeof(void*) == 8 ? i386[c] : native[c];
+}
+
+// True while process pid is blocked in system call c.
+bool in_call(pid_t pid, Call c)
 {
     std::string call = AgentHarness::read_file("/proc/" + std::to_string(pid) + "/syscall");
-    return call.compare(0, 7, "running") == 0 || call.empty() ? -1 : atol(call.c_str());
+    return !call.empty() && call.compare(0, 7, "running") != 0 && atol(call.c_str()) == call_number(pid, c);
 }
 
 // True once the agent sits in writev (the server has stopped reading).
 bool blocked_in_write(pid_t pid)
 {
     for (int i = 0; i < 1500; i++, usleep(20000))
-        if (in_call(pid) == SYS_writev)
+        if (in_call(pid, WRITEV))
             return true;
     return false;
 }
@@ -40,8 +56,7 @@ long long bytes_read(pid_t pid)
 bool waits_after_reading(pid_t pid, long long total)
 {
     for (int i = 0; i < 500; i++, usleep(20000)) {
-        long call = in_call(pid);
-        if (bytes_read(pid) >= total && (call == SYS_read || call == SYS_poll || call == SYS_ppoll))
+        if (bytes_read(pid) >= total && (in_call(pid, READ) || in_call(pid, POLL) || in_call(pid, PPOLL)))
             return true;
     }
     return false;
