@@ -69,6 +69,7 @@ mkdir -p "$stage/usr/share/lintian/overrides"
 cat >"$stage/usr/share/lintian/overrides/kvx-ea" <<'OVERRIDES'
 # copied to nodes that may have no libraries: static on purpose
 kvx-ea: statically-linked-binary [usr/lib/kvx-ea/kvxbackupvol-sim*]
+kvx-ea: statically-linked-binary [usr/lib/kvx-ea/kvx_ea-*]
 # agents for nodes of other CPUs, never run on this machine
 kvx-ea: binary-from-other-architecture [usr/lib/kvx-ea/kvx_ea-*]
 OVERRIDES
