@@ -85,6 +85,21 @@ TEST(EactlUnits, BytesDurationsActivityAndResultInWords)
     for (const auto& c : activity)
         EXPECT_EQ(c.shown, eactl_activity_line(c.line, when));
 
+    /* the log has no times: a line gets the fetch's time only a poll after
+     * this session's previous drain, never on a first or late fetch */
+    EactlSession s;
+    char now[16];
+    for (time_t since : {(time_t)0, time(NULL) - 60, time(NULL)}) {
+        s.activity_since = since;
+        testing::internal::CaptureStdout();
+        eactl_print_activity(&s, "1 0 Backup job started\n");
+        std::string out = testing::internal::GetCapturedStdout();
+        time_t t = time(NULL);
+        strftime(now, sizeof(now), "%H:%M:%S", gmtime(&t));
+        EXPECT_EQ(std::string(since > t - 60 ? now : "--:--:--") + "  info     Backup job started\n", out);
+        EXPECT_GE(s.activity_since, t - 1);
+    }
+
     JOB_RESULT r;
     memset(&r, 0, sizeof(r));
     r.processed_data_read = 7 * GiB;

@@ -85,6 +85,7 @@ TEST_F(EactlDeploy, DemoReadsLikeABackup)
                              "protected 7.0 GiB in session S0000042 ("})
         EXPECT_TRUE(has(r.out, part)) << part << " in\n" << r.out;
     EXPECT_TRUE(std::regex_search(r.out, progress)) << r.out;
+    EXPECT_FALSE(has(r.out, "--:--:--")) << "each poll's lines have their time\n" << r.out;
 
     r = run_eactl({"demo", "--seconds", "0", "--exit", "4"}, dir);
     EXPECT_EQ(1, r.status);

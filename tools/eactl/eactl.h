@@ -65,6 +65,7 @@ typedef struct EactlSession {
     int   connect_timeout_s = 15;    /* time-out until the node's shell answers */
     int   exit_status = 0;           /* worst exit status of a command the node ran */
     std::string reason;              /* why the node failed, for --json */
+    time_t activity_since = 0;       /* this session drained the activity log then, 0 = never */
     pid_t shell_pid = -1;            /* the disposable parent (sh or ssh) */
     int   node_pgid = 0;             /* the process group of the node's shell */
     int   err_fd = -1;               /* captured standard error of that parent */
@@ -142,8 +143,13 @@ int  eactl_cmd_demo(EactlSession* s, int argc, char** argv);
 
 /* sts of a job status reply when no job is running. */
 #define EACTL_JOB_ENDED 10
-/* Prints activity log text line by line as eactl_activity_line shows it. */
+/* Prints activity log text line by line as eactl_activity_line shows it.
+ * The log carries no time of its own: the lines get the time of this fetch
+ * only when this session drained the log just before (a poll apart), else
+ * none; the drain is noted for the next fetch. */
 void eactl_print_activity(EactlSession* s, const char* text);
+/* Marks the activity log as drained now (a job that writes it has just started). */
+void eactl_activity_drained(EactlSession* s);
 
 /* One command of a chain: argv[first .. first + count). */
 typedef struct EactlStep {
@@ -248,7 +254,8 @@ int  eactl_line_width();
 /* Whether the terminal changed its size since the last call. */
 bool eactl_resized();
 /* An activity log line "TYPE CODE TEXT" as "HH:MM:SS  level  TEXT (code N)",
- * at the given time; a line of another form is shown as it is. */
+ * at the given time ("--:--:--" for 0, unknown); a line of another form is
+ * shown as it is. */
 std::string eactl_activity_line(const char* line, time_t when);
 /* The job result in words: what was read and written, at which rate. */
 std::string eactl_result_text(const JOB_RESULT& r);

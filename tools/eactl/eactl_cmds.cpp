@@ -302,21 +302,6 @@ int eactl_cmd_status(EactlSession* s, int argc, char** argv)
     return EACTL_OK;
 }
 
-void eactl_print_activity(EactlSession* s, const char* text)
-{
-    time_t now = time(NULL);
-    for (const char* at = text; at && *at;) {
-        const char* nl = strchr(at, '\n');
-        std::string line = nl ? std::string(at, nl) : std::string(at);
-        std::string shown = eactl_activity_line(line.c_str(), now);
-        if (s->tty)
-            printf("\r%-*s\n", eactl_line_width(), shown.c_str());   /* over a progress line */
-        else
-            printf("%s\n", shown.c_str());
-        at = nl ? nl + 1 : at + line.size();
-    }
-}
-
 int eactl_cmd_log(EactlSession* s, int argc, char** argv)
 {
     int first = 1;
@@ -334,8 +319,10 @@ int eactl_cmd_log(EactlSession* s, int argc, char** argv)
         return outcome(rc);
     if (r.logSize > 0 && r.pLog && r.pLog[0])
         eactl_print_activity(s, r.pLog);
-    else
+    else {
+        eactl_activity_drained(s);
         printf("(no new activity)\n");
+    }
     return EACTL_OK;
 }
 

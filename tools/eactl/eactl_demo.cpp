@@ -87,6 +87,7 @@ int start_job(EactlSession* s, const DemoOptions& o)
     a.user = const_cast<char*>("");
     a.pwd = const_cast<char*>("");
     ExecCmdres r = {0, 0, NULL};
+    eactl_activity_drained(s);   /* the job's log starts empty in the fresh work directory */
     int rc = eactl_request(s, EA_PROC_EXEC_CMD, JXDR_PROC(ExecCmdargs, jxdr_ExecCmdargs), (char*)&a,
                            JXDR_PROC(ExecCmdres, jxdr_ExecCmdres), (char*)&r);
     if (rc < 0)
@@ -112,8 +113,8 @@ int watch_job(EactlSession* s, JOB_STATUS* st)
                                (char*)&sa, JXDR_PROC(JOB_STATUS, jxdr_JOBSTATUSres), (char*)st);
         if (rc < 0)
             return EACTL_FAILED;
-        if (rc == 0 && st->act_size)
-            eactl_print_activity(s, st->act_log);
+        if (rc == 0)
+            eactl_print_activity(s, st->act_size ? st->act_log : NULL);
         if (st->sts == EACTL_JOB_ENDED)
             break;
         if (rc == 0)

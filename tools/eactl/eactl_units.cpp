@@ -118,15 +118,43 @@ std::string eactl_activity_line(const char* line, time_t when)
     long code = word ? strtol(end + 1, &text, 10) : 0;
     if (!word || text == end + 1 || *text != ' ')
         return line;
-    char stamp[16];
+    char stamp[16] = "--:--:--";
     struct tm tm;
-    strftime(stamp, sizeof(stamp), "%H:%M:%S", localtime_r(&when, &tm));
+    if (when != 0)
+        strftime(stamp, sizeof(stamp), "%H:%M:%S", localtime_r(&when, &tm));
     char out[1200];
     snprintf(out, sizeof(out), "%s  %-7s  %s", stamp, word, text + 1);
     std::string shown = out;
     if (code != 0)
         shown += " (code " + std::to_string(code) + ")";
     return shown;
+}
+
+/* A line drained within this long of the session's previous drain gets the
+ * fetch's time: the demo polls once a second, so that is the event's time to
+ * within a poll. */
+#define ACTIVITY_TIME_WITHIN_S 3
+
+void eactl_activity_drained(EactlSession* s)
+{
+    s->activity_since = time(NULL);
+}
+
+void eactl_print_activity(EactlSession* s, const char* text)
+{
+    time_t now = time(NULL);
+    time_t known = s->activity_since && now - s->activity_since <= ACTIVITY_TIME_WITHIN_S ? now : 0;
+    s->activity_since = now;
+    for (const char* at = text; at && *at;) {
+        const char* nl = strchr(at, '\n');
+        std::string line = nl ? std::string(at, nl) : std::string(at);
+        std::string shown = eactl_activity_line(line.c_str(), known);
+        if (s->tty)
+            printf("\r%-*s\n", eactl_line_width(), shown.c_str());   /* over a progress line */
+        else
+            printf("%s\n", shown.c_str());
+        at = nl ? nl + 1 : at + line.size();
+    }
 }
 
 std::string eactl_result_text(const JOB_RESULT& r)
