@@ -138,6 +138,29 @@ TEST(Stream, NoReplyLostWhileTheServerStopsReading)
     EXPECT_EQ("1 0 kept\n", AgentHarness::read_file(logs + "linuxkvxactivity.log"));
 }
 
+// A server that neither reads nor closes cannot hold the agent in a write:
+// the idle alarm (armed while a reply goes out) or the remote shell's end
+// stops it after a short grace, and the node is cleaned.
+TEST(Stream, StopSignalEndsAReplyNobodyReads)
+{
+    for (int sig : {SIGALRM, SIGHUP}) {
+        SCOPED_TRACE(strsignal(sig));
+        AgentHarness h;
+        stage_node(h);
+        ASSERT_TRUE(h.start());
+        std::string flood;
+        for (int i = 0; i < 3000; i++)
+            flood += request_line(10 + i, 1, "{\"str\": \"p\"}") + "\n";
+        std::thread sender([&] { h.send_raw(flood, false); });
+        EXPECT_TRUE(blocked_in_write(h.agent_pid()));
+        h.signal_agent(sig);
+        EXPECT_EQ(1, h.wait_exit(30)) << "still blocked in its write";
+        h.signal_agent(SIGKILL);   // a sender still writing ends too
+        sender.join();
+        expect_cleaned(h.root, {});
+    }
+}
+
 // Whatever a command prints stays off the stream, and a daemon it leaves
 // does not hold the stream open after the agent has ended.
 TEST(Stream, OnlyRepliesReachTheServer)

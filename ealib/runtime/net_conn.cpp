@@ -11,19 +11,22 @@
 #include <stdlib.h>
 #include <string.h>
 #include <sys/uio.h>
+#include <time.h>
 #include <unistd.h>
 #include "net_conn.h"
 #include "zellog.h"
 
 #define CH_PENDING 65536   /* one line of the largest size read_line() hands out */
+#define CH_STOP_GRACE_MS 5000   /* how long a stopping agent offers a reply to its reader */
+#define CH_STOP_CHUNK 4096      /* a pipe that polls writable takes this much without blocking */
 
 STDIOChannel::STDIOChannel()
-    : m_fin(stdin), m_fout(stdout), m_wake(-1), m_pend(NULL), m_plen(0), m_eof(0), m_skip(0)
+    : m_fin(stdin), m_fout(stdout), m_wake(-1), m_stop(NULL), m_pend(NULL), m_plen(0), m_eof(0), m_skip(0)
 {
 }
 
 STDIOChannel::STDIOChannel(FILE* fin, FILE* fout)
-    : m_fin(fin), m_fout(fout), m_wake(-1), m_pend(NULL), m_plen(0), m_eof(0), m_skip(0)
+    : m_fin(fin), m_fout(fout), m_wake(-1), m_stop(NULL), m_pend(NULL), m_plen(0), m_eof(0), m_skip(0)
 {
 }
 
@@ -37,11 +40,12 @@ STDIOChannel::~STDIOChannel()
  * buffer of this channel, waiting for input or for fd to become readable
  * (fd -1: until a signal arrives).  Call it before the first read_line().
  */
-void STDIOChannel::set_wakeup(int fd)
+void STDIOChannel::set_wakeup(int fd, const volatile sig_atomic_t* stop)
 {
     if (m_pend == NULL)
         m_pend = (char*)malloc(CH_PENDING);
     m_wake = fd;
+    m_stop = stop;
 }
 
 /*
@@ -120,22 +124,60 @@ int STDIOChannel::read_pending_line(char* buffer, int size)
     }
 }
 
+static long long now_ms(void)
+{
+    struct timespec t;
+    clock_gettime(CLOCK_MONOTONIC, &t);
+    return (long long)t.tv_sec * 1000 + t.tv_nsec / 1000000;
+}
+
+/* The first cap bytes of the left iovecs at v, as n iovecs in out. */
+static int cap_iov(const struct iovec* v, int left, struct iovec* out, size_t cap)
+{
+    int n = 0;
+    for (; n < left && cap > 0; n++) {
+        out[n] = v[n];
+        if (out[n].iov_len > cap)
+            out[n].iov_len = cap;
+        cap -= out[n].iov_len;
+    }
+    return n;
+}
+
 /*
  * Writes the text with its NUL and "\n\n" in one unbuffered writev.  Returns
  * strlen(buffer) + 1 once the whole record is out, -1 when the stream is
- * broken (a closed pipe raises SIGPIPE as well).
+ * broken (a closed pipe raises SIGPIPE as well) or, with the agent stopping,
+ * when the reader has not taken the record within CH_STOP_GRACE_MS.
  */
 int STDIOChannel::write_line(char* buffer)
 {
     size_t len = strlen(buffer) + 1;
     int fd = fileno(m_fout);
+    long long give_up = 0;
 
     /* text, NUL and "\n\n" in one call: the same bytes, one wake-up of the reader */
     struct iovec iov[2] = { { buffer, len }, { (void*)"\n\n", 2 } };
     struct iovec* v = iov;
     int left = 2;
     while (left > 0) {
-        ssize_t w = writev(fd, v, left);
+        struct iovec part[2];
+        const struct iovec* out = v;
+        int n = left;
+        /* stopping: a reader that takes nothing for 5 s cannot hold the agent in a blocked write */
+        if (m_stop != NULL && *m_stop != 0) {
+            long long now = now_ms();
+            give_up = give_up ? give_up : now + CH_STOP_GRACE_MS;
+            struct pollfd pfd = { fd, POLLOUT, 0 };
+            int ready = now < give_up ? poll(&pfd, 1, (int)(give_up - now)) : 0;
+            if (ready == 0)
+                return -1;
+            if (ready < 0)
+                continue;
+            n = cap_iov(v, left, part, CH_STOP_CHUNK);
+            out = part;
+        }
+        ssize_t w = writev(fd, out, n);
         /* an interrupted or partial write goes on where it stopped (a non-blocking stream waits) */
         if (w < 0 && (errno == EINTR || errno == EAGAIN)) {
             struct pollfd pfd = { fd, POLLOUT, 0 };

@@ -7,6 +7,7 @@
 #ifndef NET_CONN_H
 #define NET_CONN_H
 
+#include <signal.h>
 #include <stdio.h>
 
 class NetChannel {
@@ -17,8 +18,10 @@ public:
     /* Writes text+NUL then "\n\n" whole; strlen(buffer)+1, or -1 on a broken stream. */
     virtual int write_line(char* buffer) = 0;
     /* A descriptor that becomes readable when the waiting read must give up
-     * (a signal arrived); -1 for none.  Channels without a wait ignore it. */
-    virtual void set_wakeup(int fd) {}
+     * (a signal arrived); -1 for none.  Once *stop is non-zero (the agent is
+     * stopping), a reply the reader does not take within a few seconds is
+     * given up.  Channels without a wait ignore both. */
+    virtual void set_wakeup(int fd, const volatile sig_atomic_t* stop = NULL) {}
 };
 
 class STDIOChannel : public NetChannel {
@@ -28,7 +31,7 @@ public:
     virtual ~STDIOChannel();
     virtual int read_line(char* buffer, int size);
     virtual int write_line(char* buffer);
-    virtual void set_wakeup(int fd);
+    virtual void set_wakeup(int fd, const volatile sig_atomic_t* stop = NULL);
 
     FILE* m_fin;
     FILE* m_fout;
@@ -37,6 +40,7 @@ private:
     int read_pending_line(char* buffer, int size);
 
     int   m_wake;    /* wake-up descriptor, -1: a signal ends the wait */
+    const volatile sig_atomic_t* m_stop;   /* non-zero: the agent is stopping; null: never */
     char* m_pend;    /* bytes received and not handed out yet; null: plain fgets() */
     int   m_plen;
     int   m_eof;     /* the input has ended (or failed for good) */

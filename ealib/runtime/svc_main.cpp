@@ -244,6 +244,7 @@ static void serve_request(ExecProto* proto, JXDR* request)
         zel_consume_hold();   /* files the reply carries go only once it is out whole */
         proc->handler(args, res);
         proc->f_res(reply, res);
+        alarm(EA_IDLE_SECONDS);   /* a server that takes no reply for as long as it may stay silent is gone */
         zel_consume_release(proto->send(reply) > 0);
     }
     jxdr_destroy(request);
@@ -269,7 +270,7 @@ static void serve(ExecProto* proto)
 {
     char log_path[4096];
     snprintf(log_path, sizeof(log_path), "%s/%s", ZELGetLogPath(), EA_LOG_FILE);
-    proto->m_channel->set_wakeup(svc_wake_fd());
+    proto->m_channel->set_wakeup(svc_wake_fd(), &_kill_self);
     for (;;) {
         JXDR* request = NULL;
         svc_log_bound(log_path, EA_LOG_LINES);   /* a flood of lines cannot fill the disk */
