@@ -70,7 +70,10 @@ TEST(LocalUser, GainsNothingFromASharedWorkDirectory)
         chmod((secret + "/" + f).c_str(), 0600);
     }
     AgentHarness::write_file(w + "/root.js", "root's");
-    AgentHarness::write_script(h.boot_dir + "/checkmachine", "echo checked");
+    const kvxtest::TestAccount& a = kvxtest::Account(kvxtest::AccountKind::Plain);
+    AgentHarness::write_script(h.boot_dir + "/checkmachine", "echo checked; setpriv --reuid=" + std::to_string(a.uid) +
+                               " --regid=" + std::to_string(a.gid) + " --clear-groups sh -c 'echo forged >>" +
+                               h.boot_dir + "/.checkmachinetxt' 2>/dev/null; true");
     ASSERT_EQ(0, chmod(h.boot_dir.c_str(), 0777));
     ASSERT_EQ(0, attacker("ln -s " + secret + "/report " + h.boot_dir + "/.checkmachinetxt"));
     ASSERT_EQ(0, attacker("cd " + w + " && mkdir logs linux-kvx-client && echo x > theirs.js && "
@@ -86,6 +89,7 @@ TEST(LocalUser, GainsNothingFromASharedWorkDirectory)
     EXPECT_TRUE(run_cmd(h, 1, "id >/dev/null; ps"));
     EXPECT_EQ("checked ", text(rpc(h, EA_PROC_CHECK_MACHINE, exec_args(h.boot_dir + "/checkmachine", true)), "str"));
     EXPECT_EQ(0600, mode_of(secret + "/report"));
+    EXPECT_EQ(0777, mode_of(h.boot_dir)) << "opened again after the check";
     for (const char* f : {"res", "log", "report"})
         EXPECT_EQ(f == std::string("log") ? lines : "1 0 root only\n", AgentHarness::read_file(secret + "/" + f)) << f;
     EXPECT_EQ(0777, mode_of(w + "/logs/kvx-agent.log")) << "still the attacker's link, not trimmed by sed";

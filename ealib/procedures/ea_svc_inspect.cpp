@@ -206,6 +206,35 @@ static int check_collect_report(const char* path, ExecCmdres* res)
 }
 
 /*
+ * The check makes its report world-writable: while it runs, the directory
+ * that holds the report is closed to other users when it is the agent's
+ * own (root and the agent keep their way in), and a report left from before
+ * is removed so that no one holds it open.  Returns the directory, or -1.
+ */
+static int check_close_report_dir(struct stat* was)
+{
+    int dir = open(GetTargetBootstrapDir(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+    if (dir < 0)
+        return -1;
+    unlinkat(dir, CHECK_REPORT_NAME, 0);
+    if (fstat(dir, was) != 0 || was->st_uid != geteuid() || (was->st_mode & 077) == 0 ||
+        fchmod(dir, was->st_mode & 07700) != 0) {
+        close(dir);
+        return -1;
+    }
+    return dir;
+}
+
+/* Opens the directory to others again as it was. */
+static void check_reopen_report_dir(int dir, const struct stat* was)
+{
+    if (dir < 0)
+        return;
+    fchmod(dir, was->st_mode & 07777);
+    close(dir);
+}
+
+/*
  * check_machine - procedure 8.
  * The lock query answers the product lock state in cmd_ret (see above).
  * Otherwise the account is checked and the "checkmachine" script is run as
@@ -258,12 +287,16 @@ int check_machine(ExecCmdargs* args, ExecCmdres* res)
     char* command = zel_shell_cmdline("touch %w >/dev/null 2>&1; chmod 666 %w >/dev/null 2>&1; "
                                       "%s >%w 2>/dev/null", path, path, args->cmd, path);
     res->cmd_len = 0;
+    struct stat was;
+    /* no other user can open the world-writable report while the check writes it */
+    int closed = command != NULL ? check_close_report_dir(&was) : -1;
     if (command == NULL)
         res->cmd_ret = -1;
     else if (account == 1)
         res->cmd_ret = SuperExecuteCmd(args->user, args->pwd, command, 1, NULL, 0);
     else
         res->cmd_ret = ExecuteCmd(command);
+    check_reopen_report_dir(closed, &was);
     free(command);
     if (res->cmd_ret < 0)
         return res->cmd_ret;
