@@ -102,6 +102,17 @@ TEST(LocalUser, GainsNothingFromASharedWorkDirectory)
     EXPECT_EQ(1, h.wait_exit(60));
     EXPECT_FALSE(AgentHarness::exists(w + "/root.js"));
     EXPECT_TRUE(AgentHarness::exists(w + "/theirs.js") && AgentHarness::exists(w + "/linux-kvx-client/ps"));
+
+    /* the same client directory, made by the attacker after start-up */
+    AgentHarness late;
+    ASSERT_EQ(0, rmdir(late.client_dir.c_str()));
+    ASSERT_EQ(0, chmod(late.work_dir.c_str(), 01777));
+    ASSERT_TRUE(late.start());
+    ASSERT_TRUE(run_cmd(late, 1, ":"));   /* start-up done */
+    ASSERT_EQ(0, attacker("mkdir " + late.client_dir + " && cd " + late.client_dir + " && printf '#!/bin/sh\\ntouch " +
+                          late.root + "/ran\\n' >ps && chmod 755 ps"));
+    EXPECT_TRUE(run_cmd(late, 1, "ps >/dev/null; :"));
+    EXPECT_FALSE(AgentHarness::exists(late.root + "/ran"));
 }
 
 /* The server's own work directory: what the agent and its commands make stays

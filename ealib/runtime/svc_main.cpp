@@ -108,6 +108,20 @@ static void export_env(const env_row* row, const char* value)
         ZELLogFunction(5, SRC, row->ok_line, "%s=%s\n", row->name, now);
 }
 
+/* 1 when any account can make the client directory: anyone may write its
+ * parent (the work directory's owner is the server's own account). */
+static int client_dir_open_to_others(const char* client)
+{
+    char parent[4096];
+    snprintf(parent, sizeof(parent), "%s", client);
+    char* slash = strrchr(parent, '/');
+    if (slash == NULL)
+        return 0;
+    slash[1] = '\0';
+    struct stat st;
+    return lstat(parent, &st) == 0 && (st.st_mode & S_IWOTH) != 0;
+}
+
 /*
  * Puts the client package directory first in the library path and PATH and
  * points the product homes at it.  A root agent keeps the inherited values
@@ -121,8 +135,13 @@ static void export_child_env(const char* old_ld, const char* old_path)
     int root = geteuid() == 0;
 
     zel_trusted t;
-    int refused = zel_trust_open_path(client, O_RDONLY | O_DIRECTORY, 0, 0, &t) != 0 && errno != ENOENT;
+    int rc = zel_trust_open_path(client, O_RDONLY | O_DIRECTORY, 0, 0, &t);
+    int absent = rc != 0 && errno == ENOENT;
+    int refused = rc != 0 && !absent;
     zel_trust_close(&t);
+    /* an absent client directory is left out where another account could make it later */
+    if (absent && client_dir_open_to_others(client))
+        refused = 1;
     /* a client directory root may not trust (others could plant programs in it) stays out of both paths */
     if (refused) {
         if (old_ld != NULL && root)
