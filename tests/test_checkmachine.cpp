@@ -3,58 +3,20 @@
  * lock query and account check.  Holds the product lock and runs a process
  * named kvxbackupvol: LOCKS machine.
  */
-#include <arpa/inet.h>
-#include <netinet/in.h>
-#include <sched.h>
-#include <sys/socket.h>
 #include <sys/stat.h>
 
 #include <gtest/gtest.h>
 
+#include "metadata_testkit.h"
 #include "test_exec_cmd_client.h"
 
 namespace {
-
-/* Moves this process into a new network namespace with only lo, the metadata
- * address on it: no packet can leave.  "" or why not. */
-std::string enter_private_netns()
-{
-    if (unshare(CLONE_NEWNET) != 0)
-        return std::string("unshare(CLONE_NEWNET): ") + strerror(errno);
-    if (system("! ip -o link show | grep -qv ': lo:' && ip link set lo up && "
-               "ip addr add 169.254.169.254/32 dev lo") != 0)
-        return "no namespace with lo only, or iproute2 failed";
-    return "";
-}
-
-/* Forked HTTP/1.0 responder on 169.254.169.254:80; -1 for code 0 (none). */
-pid_t serve_metadata(int code, const std::string& body)
-{
-    int s = socket(AF_INET, SOCK_STREAM, 0), one = 1;
-    struct sockaddr_in a = {AF_INET, htons(80), {}, {}};
-    inet_pton(AF_INET, "169.254.169.254", &a.sin_addr);
-    setsockopt(s, SOL_SOCKET, SO_REUSEADDR, &one, sizeof(one));
-    if (code == 0 || bind(s, (struct sockaddr*)&a, sizeof(a)) != 0 || listen(s, 8) != 0) {
-        close(s);
-        return -1;
-    }
-    std::string reply = "HTTP/1.0 " + std::to_string(code) + " X\r\nContent-Length: " +
-                        std::to_string(body.size()) + "\r\n\r\n" + body;
-    pid_t pid = fork();
-    char buf[4096];
-    for (int c; pid == 0; close(c))   /* the agent sends each request whole */
-        if ((c = accept(s, nullptr, nullptr)) >= 0 && read(c, buf, sizeof(buf)) > 0)
-            (void)!write(c, reply.data(), reply.size());
-    close(s);
-    return pid;
-}
 
 const char kReport[] = "{\n\t\"NodeUUID\" : \"1234-abcd\",\n\t\"Name\" : \"n1\"\n}\n";
 const char kFlat[] = "{  \"NodeUUID\" : \"1234-abcd\",  \"Name\" : \"n1\" } ";
 
 struct ReportCase {
-    int http_code;   /* 0: nothing listens on the metadata address */
-    const char* metadata;
+    std::string metadata;   /* the service's response, "": nothing listens */
     std::string report;
     int status, ret;   /* the script's exit status, the answer's */
     std::string reply;
@@ -62,26 +24,26 @@ struct ReportCase {
 };
 
 const ReportCase kReports[] = {
-    {200, "i-0abc1234", kReport, 0, 0, "{  \"NodeUUID\" : \"i-0abc1234--1234-abcd\",  \"Name\" : \"n1\" } ",
+    {meta::http(200, "i-0abc1234"), kReport, 0, 0, "{  \"NodeUUID\" : \"i-0abc1234--1234-abcd\",  \"Name\" : \"n1\" } ",
      "check_machine: The target node is a EC2 VM and its instance id is i-0abc1234."},
-    {200, "vm-123", kReport, 0, 0, kFlat, "check_machine: it is not AWS VM but we get instance-id=vm-123."},
-    {200, "i-0abc\", \"Injected\" : \"x", kReport, 0, 0, kFlat,
+    {meta::http(200, "vm-123"), kReport, 0, 0, kFlat, "check_machine: it is not AWS VM but we get instance-id=vm-123."},
+    {meta::http(200, "i-0abc\", \"Injected\" : \"x"), kReport, 0, 0, kFlat,
      "check_machine: it is not AWS VM but we get instance-id=i-0abc\", \"Injected\" : \"x."},
-    {200, "i-0abc123", kReport, 0, 0, kFlat, "we get instance-id=i-0abc123."},
-    {0, "", kReport, 0, 0, kFlat, ""},
-    {404, "i-0abc1234", kReport, 0, 0, kFlat, ""},
-    {200, "i-0abc1234", "\"NodeUUID\":\"1234\"\n", 0, 0, "\"NodeUUID\":\"1234\" ", ""},
-    {200, "i-0abc1234", "a\tb\nc\n", 4, 4, "a b c ", ""},
-    {0, "", "caf\xe9\n", 0, 0, "caf? ", ""},
-    {0, "", std::string(204799, 'r'), 0, 0, "",
+    {meta::http(200, "i-0abc123"), kReport, 0, 0, kFlat, "we get instance-id=i-0abc123."},
+    {"", kReport, 0, 0, kFlat, ""},
+    {meta::http(404, "i-0abc1234"), kReport, 0, 0, kFlat, ""},
+    {meta::http(200, "i-0abc1234"), "\"NodeUUID\":\"1234\"\n", 0, 0, "\"NodeUUID\":\"1234\" ", ""},
+    {meta::http(200, "i-0abc1234"), "a\tb\nc\n", 4, 4, "a b c ", ""},
+    {"", "caf\xe9\n", 0, 0, "caf? ", ""},
+    {"", std::string(204799, 'r'), 0, 0, "",
      "read_checkmachine_file: checkmachine output is too big(204800.)"},
-    {0, "", std::string(204800, 'r'), 0, -1, "",
+    {"", std::string(204800, 'r'), 0, -1, "",
      "check_machine: The output of checkmachine is to large (204800)!"},
 };
 
 TEST(CheckMachine, ReportComesBackAsOneLineWithInstanceId)
 {
-    std::string why = enter_private_netns();
+    std::string why = meta::enter_private_netns();
     if (!why.empty())
         GTEST_SKIP() << "no private network namespace: " << why;
     AgentHarness h("kvx node");   /* the report's path is one word in the command line */
@@ -90,12 +52,11 @@ TEST(CheckMachine, ReportComesBackAsOneLineWithInstanceId)
                       report = h.boot_dir + "//.checkmachinetxt", word = "'" + report + "'";
     for (const ReportCase& c : kReports) {
         SCOPED_TRACE(c.reply + c.log_line);
-        pid_t responder = serve_metadata(c.http_code, c.metadata);
+        pid_t responder = c.metadata.empty() ? -1 : meta::serve({{c.metadata}});
         AgentHarness::write_file(source, c.report);
         AgentHarness::write_script(script, "cat '" + source + "'\nexit " + std::to_string(c.status) + "\n");
         Reply r = rpc(h, EA_PROC_CHECK_MACHINE, exec_args("'" + script + "'", true), 60000);
-        if (responder > 0 && kill(responder, SIGKILL) == 0)
-            waitpid(responder, nullptr, 0);
+        meta::stop(responder);
         EXPECT_EQ(c.ret, num(r, "ret"));
         EXPECT_EQ(c.reply, text(r, "str"));
         EXPECT_EQ((long long)c.reply.size(), num(r, "retmsg_len"));
