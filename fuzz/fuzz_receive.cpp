@@ -76,7 +76,7 @@ static void round_trip(int fn, T* rec)
     T* again = NULL;
     FUZZ_CHECK(in.proto.receive(back) == 0);
     FUZZ_CHECK(F(back, again) == 0 && again != NULL);
-    FUZZ_CHECK(encode<T, F>(fn, again, NULL) == sent);
+    FUZZ_CHECK((encode<T, F>(fn, again, NULL) == sent));
     jxdr_destroy(back);
 }
 

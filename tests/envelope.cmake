@@ -1,2 +1,2 @@
+# The envelope, the line channel's framing and the procedure codecs.
 kvx_add_test(test_envelope SOURCES test_envelope.cpp LABELS cpu)
-kvx_add_test(test_codecs SOURCES test_codecs.cpp LABELS cpu)

@@ -81,40 +81,6 @@ inline void stop(pid_t server)
         waitpid(server, NULL, 0);
 }
 
-/* Looks key up in a forked child inside its own namespace while answers are
- * served (within seconds; 0: the lookup's own deadline).  "rc value", or
- * "SKIP" when no such namespace can be made here. */
-inline std::string lookup(const std::vector<Answer>& answers, const std::string& log = "",
-                          int seconds = 0, const char* key = "instance-id")
-{
-    int p[2];
-    if (pipe(p) != 0)
-        return "pipe";
-    pid_t pid = fork();
-    if (pid == 0) {
-        close(p[0]);
-        alarm(120);
-        if (!enter_private_netns().empty()) {
-            dprintf(p[1], "SKIP");
-            _exit(0);
-        }
-        pid_t server = serve(answers, log);
-        char value[128] = "";
-        int len = 127;
-        int rc = seconds > 0 ? get_meta_value_within(key, value, &len, seconds)
-                             : get_meta_value_by_key(key, value, &len);
-        dprintf(p[1], "%d %.*s", rc, rc == 0 ? len : 0, value);
-        stop(server);
-        _exit(0);
-    }
-    close(p[1]);
-    char buf[256] = "";
-    ssize_t n = read(p[0], buf, sizeof(buf) - 1);
-    close(p[0]);
-    waitpid(pid, NULL, 0);
-    return std::string(buf, n > 0 ? (size_t)n : 0);
-}
-
 }  // namespace meta
 
 #endif /* METADATA_TESTKIT_H */

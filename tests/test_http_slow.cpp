@@ -29,12 +29,16 @@ TEST(HttpGetSlow, SilentServerGivesUpAfterTenRetries)
 
 TEST(MetaDataSlow, TricklingServiceEndsAtTheDeadline)
 {
+    std::string why = meta::enter_private_netns();
+    if (!why.empty())
+        GTEST_SKIP() << why;
     /* each byte comes well within the 5-second receive time-out */
+    pid_t server = meta::serve({{"HTTP/1.0 200 OK\r\nX-Pad: " + std::string(9000, 'x'), "", true}});
+    char value[128];
+    int len = 127;
     long long start = zel_now_ms();
-    std::string got = meta::lookup({{"HTTP/1.0 200 OK\r\nX-Pad: " + std::string(9000, 'x'), "", true}});
+    EXPECT_EQ(-4, get_meta_value_by_key("instance-id", value, &len));
     long long took = zel_now_ms() - start;
-    if (got == "SKIP")
-        GTEST_SKIP() << "no network namespace with its own 169.254.169.254 here";
-    EXPECT_EQ("-4 ", got);
+    meta::stop(server);
     EXPECT_TRUE(took >= 59900 && took < 65000) << took;
 }
