@@ -61,11 +61,10 @@ inline pid_t serve(const std::vector<Answer>& answers, const std::string& log = 
         int c = accept(s, NULL, NULL);
         char req[2048] = "";
         ssize_t n = recv(c, req, sizeof(req) - 1, 0);   /* the client sends each request whole */
-        FILE* f = log.empty() ? NULL : fopen(log.c_str(), "a");
-        if (f != NULL)
+        if (FILE* f = log.empty() ? NULL : fopen(log.c_str(), "a")) {
             fprintf(f, "%s%s====\n", n > 0 ? req : "", strstr(req, an.expect) ? "" : "UNEXPECTED\n");
-        if (f != NULL)
             fclose(f);
+        }
         for (size_t at = 0, step = an.trickle ? 1 : an.reply.size(); at < an.reply.size(); at += step)
             if (send(c, an.reply.data() + at, step, MSG_NOSIGNAL) < 0 || (an.trickle && usleep(200000)))
                 break;

@@ -98,10 +98,10 @@ TEST(HttpGet, AddressesAndRefusedConnections)
     EXPECT_EQ(after, before);   /* no descriptor left open */
 }
 
-const std::string UNAUTHORIZED = meta::http(401, ""), SLOW = meta::http(200, std::string(6000, 'x'));
+const std::string UNAUTHORIZED = meta::http(401, ""), SLOW = meta::http(200, std::string(40, 'x'));
 
 /* The token steps follow a plain request answered 401; a service that
- * trickles its answers (SLOW would take 20 minutes) is given up at the
+ * trickles its answers (SLOW takes 16 s) is given up at the
  * lookup's deadline, token step included. */
 TEST(MetadataToken, PlainRequestFirstAndTokenOnlyAfter401)
 {
