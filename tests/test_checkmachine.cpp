@@ -1,60 +1,27 @@
 /*
  * Procedure 8 through the agent: report, instance id splice, size limits,
- * lock query and account check.  Holds the product lock and runs a process
- * named kvxbackupvol: LOCKS machine.
+ * lock query and account check.  Procedure 7, as root and re-run through
+ * sudo or su by an agent under an ordinary account (procedure 3 elevates the
+ * same way).  Holds the product lock, runs a process named kvxbackupvol, asks
+ * ps and uses the kvxt_ accounts: LOCKS machine.
  */
-#include <arpa/inet.h>
-#include <netinet/in.h>
-#include <sched.h>
-#include <sys/socket.h>
+#include <signal.h>
 #include <sys/stat.h>
 
 #include <gtest/gtest.h>
 
+#include "metadata_testkit.h"
+#include "test_accounts.h"
 #include "test_exec_cmd_client.h"
+#include "zelutil.h"
 
 namespace {
-
-/* Moves this process into a new network namespace with only lo, the metadata
- * address on it: no packet can leave.  "" or why not. */
-std::string enter_private_netns()
-{
-    if (unshare(CLONE_NEWNET) != 0)
-        return std::string("unshare(CLONE_NEWNET): ") + strerror(errno);
-    if (system("! ip -o link show | grep -qv ': lo:' && ip link set lo up && "
-               "ip addr add 169.254.169.254/32 dev lo") != 0)
-        return "no namespace with lo only, or iproute2 failed";
-    return "";
-}
-
-/* Forked HTTP/1.0 responder on 169.254.169.254:80; -1 for code 0 (none). */
-pid_t serve_metadata(int code, const std::string& body)
-{
-    int s = socket(AF_INET, SOCK_STREAM, 0), one = 1;
-    struct sockaddr_in a = {AF_INET, htons(80), {}, {}};
-    inet_pton(AF_INET, "169.254.169.254", &a.sin_addr);
-    setsockopt(s, SOL_SOCKET, SO_REUSEADDR, &one, sizeof(one));
-    if (code == 0 || bind(s, (struct sockaddr*)&a, sizeof(a)) != 0 || listen(s, 8) != 0) {
-        close(s);
-        return -1;
-    }
-    std::string reply = "HTTP/1.0 " + std::to_string(code) + " X\r\nContent-Length: " +
-                        std::to_string(body.size()) + "\r\n\r\n" + body;
-    pid_t pid = fork();
-    char buf[4096];
-    for (int c; pid == 0; close(c))   /* the agent sends each request whole */
-        if ((c = accept(s, nullptr, nullptr)) >= 0 && read(c, buf, sizeof(buf)) > 0)
-            (void)!write(c, reply.data(), reply.size());
-    close(s);
-    return pid;
-}
 
 const char kReport[] = "{\n\t\"NodeUUID\" : \"1234-abcd\",\n\t\"Name\" : \"n1\"\n}\n";
 const char kFlat[] = "{  \"NodeUUID\" : \"1234-abcd\",  \"Name\" : \"n1\" } ";
 
 struct ReportCase {
-    int http_code;   /* 0: nothing listens on the metadata address */
-    const char* metadata;
+    std::string metadata;   /* the service's response, "": nothing listens */
     std::string report;
     int status, ret;   /* the script's exit status, the answer's */
     std::string reply;
@@ -62,26 +29,26 @@ struct ReportCase {
 };
 
 const ReportCase kReports[] = {
-    {200, "i-0abc1234", kReport, 0, 0, "{  \"NodeUUID\" : \"i-0abc1234--1234-abcd\",  \"Name\" : \"n1\" } ",
+    {meta::http(200, "i-0abc1234"), kReport, 0, 0, "{  \"NodeUUID\" : \"i-0abc1234--1234-abcd\",  \"Name\" : \"n1\" } ",
      "check_machine: The target node is a EC2 VM and its instance id is i-0abc1234."},
-    {200, "vm-123", kReport, 0, 0, kFlat, "check_machine: it is not AWS VM but we get instance-id=vm-123."},
-    {200, "i-0abc\", \"Injected\" : \"x", kReport, 0, 0, kFlat,
+    {meta::http(200, "vm-123"), kReport, 0, 0, kFlat, "check_machine: it is not AWS VM but we get instance-id=vm-123."},
+    {meta::http(200, "i-0abc\", \"Injected\" : \"x"), kReport, 0, 0, kFlat,
      "check_machine: it is not AWS VM but we get instance-id=i-0abc\", \"Injected\" : \"x."},
-    {200, "i-0abc123", kReport, 0, 0, kFlat, "we get instance-id=i-0abc123."},
-    {0, "", kReport, 0, 0, kFlat, ""},
-    {404, "i-0abc1234", kReport, 0, 0, kFlat, ""},
-    {200, "i-0abc1234", "\"NodeUUID\":\"1234\"\n", 0, 0, "\"NodeUUID\":\"1234\" ", ""},
-    {200, "i-0abc1234", "a\tb\nc\n", 4, 4, "a b c ", ""},
-    {0, "", "caf\xe9\n", 0, 0, "caf? ", ""},
-    {0, "", std::string(204799, 'r'), 0, 0, "",
+    {meta::http(200, "i-0abc123"), kReport, 0, 0, kFlat, "we get instance-id=i-0abc123."},
+    {"", kReport, 0, 0, kFlat, ""},
+    {meta::http(404, "i-0abc1234"), kReport, 0, 0, kFlat, ""},
+    {meta::http(200, "i-0abc1234"), "\"NodeUUID\":\"1234\"\n", 0, 0, "\"NodeUUID\":\"1234\" ", ""},
+    {meta::http(200, "i-0abc1234"), "a\tb\nc\n", 4, 4, "a b c ", ""},
+    {"", "caf\xe9\n", 0, 0, "caf? ", ""},
+    {"", std::string(204799, 'r'), 0, 0, "",
      "read_checkmachine_file: checkmachine output is too big(204800.)"},
-    {0, "", std::string(204800, 'r'), 0, -1, "",
+    {"", std::string(204800, 'r'), 0, -1, "",
      "check_machine: The output of checkmachine is to large (204800)!"},
 };
 
 TEST(CheckMachine, ReportComesBackAsOneLineWithInstanceId)
 {
-    std::string why = enter_private_netns();
+    std::string why = meta::enter_private_netns();
     if (!why.empty())
         GTEST_SKIP() << "no private network namespace: " << why;
     AgentHarness h("kvx node");   /* the report's path is one word in the command line */
@@ -90,12 +57,11 @@ TEST(CheckMachine, ReportComesBackAsOneLineWithInstanceId)
                       report = h.boot_dir + "//.checkmachinetxt", word = "'" + report + "'";
     for (const ReportCase& c : kReports) {
         SCOPED_TRACE(c.reply + c.log_line);
-        pid_t responder = serve_metadata(c.http_code, c.metadata);
+        pid_t responder = c.metadata.empty() ? -1 : meta::serve({{c.metadata}});
         AgentHarness::write_file(source, c.report);
         AgentHarness::write_script(script, "cat '" + source + "'\nexit " + std::to_string(c.status) + "\n");
         Reply r = rpc(h, EA_PROC_CHECK_MACHINE, exec_args("'" + script + "'", true), 60000);
-        if (responder > 0 && kill(responder, SIGKILL) == 0)
-            waitpid(responder, nullptr, 0);
+        meta::stop(responder);
         EXPECT_EQ(c.ret, num(r, "ret"));
         EXPECT_EQ(c.reply, text(r, "str"));
         EXPECT_EQ((long long)c.reply.size(), num(r, "retmsg_len"));
@@ -165,6 +131,80 @@ TEST(CheckMachine, RejectedAccountRunsNothing)
     EXPECT_EQ(0, num(r, "retmsg_len"));
     EXPECT_FALSE(AgentHarness::exists(h.root + "/ran"));
     EXPECT_EQ(std::string::npos, h.log().find("not-the-root-pw"));
+}
+
+using kvxtest::Account;
+using kvxtest::AccountKind;
+
+/* What the probes find here, run as root in this process (logging nowhere). */
+void expect_this_machine(const Reply& r)
+{
+    ZELInitLogger("/dev/null", 3);
+    EXPECT_EQ(detect_vm_info(), num(r, "type"));
+    EXPECT_EQ(get_pv_sockets(), num(r, "socks"));
+    EXPECT_EQ(is_oracle_uek(), num(r, "isuek"));
+}
+
+TEST(VmDetectService, RootAgentReportsThisMachineAndLocalJob)
+{
+    AgentHarness h;
+    ASSERT_TRUE(h.start());
+    const std::string uuid = "5d0c7a2e-0b7e-4b51-9f3a-" + std::to_string(getpid());
+    /* a UUID that a shell would take apart stays one word: nothing of it runs */
+    const std::string hostile = "x\"; touch " + h.root + "/pwned; echo \"";
+    const struct { std::string uuid; int job_running; } rows[] = {{uuid, 0}, {uuid, 1}, {hostile, 0}};
+    for (const auto& row : rows) {
+        pid_t job = row.job_running ? fork() : -1;   /* a job script: "jobscript-<uuid> 30" */
+        if (job == 0) {
+            execl("/bin/sleep", ("jobscript-" + row.uuid).c_str(), "30", (char*)nullptr);
+            _exit(127);
+        }
+        if (job > 0) {
+            ASSERT_TRUE(wait_exec(job, "jobscript-" + row.uuid));
+        }
+        Reply r = rpc(h, EA_PROC_VMDETECT, exec_args(row.uuid, false));
+        if (job > 0 && kill(job, SIGKILL) == 0)
+            waitpid(job, nullptr, 0);
+        EXPECT_EQ(row.job_running, num(r, "local"));
+        expect_this_machine(r);
+    }
+    EXPECT_EQ(2, log_count(h.log(), "ea_svc", 0, "detect_vm_info_svc: UUID=" + uuid + "."));
+    EXPECT_FALSE(AgentHarness::exists(h.root + "/pwned"));
+}
+
+TEST(VmDetectService, OrdinaryAgentRunsAsRootThroughSudoOrSu)
+{
+    KVXT_REQUIRE_SUDO();
+    const kvxtest::TestAccount& alias = Account(AccountKind::RootAlias);
+    /* sudo without a password (flag set, the agent in a directory with a blank:
+     * its path is one word), sudo with one, su to a root account */
+    for (AccountKind kind : {AccountKind::SudoNoPassword, AccountKind::SudoPassword, AccountKind::Runner}) {
+        const kvxtest::TestAccount& agent = Account(kind);
+        SCOPED_TRACE(agent.name);
+        bool blank = kind == AccountKind::SudoNoPassword;
+        AgentHarness h(blank ? "kvx node" : "");
+        h.run_as(agent.uid, agent.gid);
+        ASSERT_TRUE(h.start());
+        bool su = kind == AccountKind::Runner, sudo_pw = kind == AccountKind::SudoPassword;
+        std::string user = su ? alias.name : "", pwd = su ? alias.password : sudo_pw ? agent.password : "";
+        std::string rerun = blank ? "'" + h.boot_dir + "//kvx_ea'" : h.boot_dir + "//kvx_ea";
+
+        /* arguments that do not decode start neither su nor sudo */
+        Reply r = rpc(h, EA_PROC_VMDETECT, "[]", 60000);
+        EXPECT_EQ(0, num(r, "local"));
+        EXPECT_EQ(std::string::npos, h.log().find("EA_CMD_DETECT_VM"));
+
+        r = rpc(h, EA_PROC_VMDETECT, exec_args("no-such-job", false, false, 0, user, pwd), 60000);
+        EXPECT_EQ(0, num(r, "local"));
+        expect_this_machine(r);
+        r = rpc(h, EA_PROC_EXEC_CMD, exec_args("id -u", true, false, 0, user, pwd, kind == AccountKind::SudoNoPassword), 60000);
+        EXPECT_EQ("0", text(r, "str")) << "terminal output comes trimmed";
+
+        std::string log = h.log();
+        EXPECT_NE(std::string::npos, log.find(rerun + " EA_CMD_DETECT_VM > /dev/null 2>&1"));
+        EXPECT_NE(std::string::npos, log.find(rerun + " EA_CMD_GET_SOCKS > /dev/null 2>&1"));
+        EXPECT_TRUE(pwd.empty() || log.find(pwd) == std::string::npos);
+    }
 }
 
 } /* namespace */

@@ -1,30 +1,24 @@
 /*
  * test_http.cpp - the HTTP client against a one-connection server on
- * 127.0.0.1; the metadata lookup inside the test's own network namespace.
+ * 127.0.0.1; the metadata lookup, with session tokens after a 401, with the
+ * test process moved into a network namespace of its own.
  */
 #include <gtest/gtest.h>
 
-#include <arpa/inet.h>
 #include <poll.h>
-#include <sched.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
-#include <string>
 #include <thread>
 
-#include "httpclient.h"
+#include "foundation_testkit.h"
+#include "metadata_testkit.h"
 
 namespace {
+
+::testing::Environment* const kLog = ::testing::AddGlobalTestEnvironment(new fkit::TestLog);
 
 const std::string kBody = "i-0123456789abcdef0";
 const std::string kRequest = "GET /latest/meta-data/instance-id HTTP/1.0\r\n"
                              "User-Agent: kvx/1.0\r\nAccept: */*\r\n\r\n";
-
-std::string ok(const std::string& body)
-{
-    return "HTTP/1.0 200 OK\r\nContent-Length: " + std::to_string(body.size()) + "\r\n\r\n" + body;
-}
 
 /* One connection: reads the request, answers in two pieces 20 ms apart, closes. */
 struct Server {
@@ -32,9 +26,9 @@ struct Server {
     std::string request;
     std::thread th;
 
-    Server(const std::string& response, const char* addr = "127.0.0.1", int p = 0)
+    Server(const std::string& response)
     {
-        struct sockaddr_in sa = { AF_INET, htons((uint16_t)p), { inet_addr(addr) }, {} };
+        struct sockaddr_in sa = { AF_INET, 0, { htonl(INADDR_LOOPBACK) }, {} };
         socklen_t n = sizeof(sa);
         if (bind(fd, (struct sockaddr*)&sa, n) | listen(fd, 1) | getsockname(fd, (struct sockaddr*)&sa, &n))
             return;
@@ -61,16 +55,16 @@ struct Server {
 TEST(HttpGet, ResponsesGiveTheirResults)
 {
     const struct { const char* name; std::string response; int cap, rc; std::string out; } cases[] = {
-        { "200 with Content-Length", ok(kBody), 64, 0, kBody },
-        { "extra bytes dropped", ok(kBody) + "TRAILING", 64, 0, kBody },
+        { "200 with Content-Length", meta::http(200, kBody), 64, 0, kBody },
+        { "extra bytes dropped", meta::http(200, kBody) + "TRAILING", 64, 0, kBody },
         { "200 without Content-Length is empty", "HTTP/1.0 200 OK\r\n\r\nignored", 64, 0, "" },
-        { "outlen cuts the copy", ok(kBody), 10, 0, kBody.substr(0, 10) },
-        { "no output buffer", ok(kBody), -1, 0, "" },
-        { "404", "HTTP/1.0 404 Not Found\r\nContent-Length: 3\r\n\r\nnop", 64, -2, "" },
+        { "outlen cuts the copy", meta::http(200, kBody), 10, 0, kBody.substr(0, 10) },
+        { "no output buffer", meta::http(200, kBody), -1, 0, "" },
+        { "404", meta::http(404, "nop"), 64, -2, "" },
         { "unreadable status line", "HTTP/1.0\r\n\r\n", 64, -2, "" },
-        { "closed before the body", ok(kBody).substr(0, 45), 64, -4, "" },
+        { "closed before the body", meta::http(200, kBody).substr(0, 45), 64, -4, "" },
         { "closed with nothing sent", "", 64, -4, "" },
-        { "larger than the client's buffer", ok(std::string(9000, 'b')), 64, -4, "" },
+        { "larger than the client's buffer", meta::http(200, std::string(9000, 'b')), 64, -4, "" },
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
@@ -92,7 +86,7 @@ TEST(HttpGet, AddressesAndRefusedConnections)
     int outlen = sizeof(out), port, before = dup(0);
     close(before);
     {
-        Server srv(ok(kBody));
+        Server srv(meta::http(200, kBody));
         port = srv.port;
         EXPECT_EQ(http_get("127.0.1", port, "/", out, &outlen), 0);   /* classic inet_addr */
     }
@@ -104,30 +98,64 @@ TEST(HttpGet, AddressesAndRefusedConnections)
     EXPECT_EQ(after, before);   /* no descriptor left open */
 }
 
-TEST(MetaData, InstanceIdInsideOwnNetworkNamespace)
+const std::string UNAUTHORIZED = meta::http(401, ""), SLOW = meta::http(200, std::string(40, 'x'));
+
+/* The token steps follow a plain request answered 401; a service that
+ * trickles its answers (SLOW takes 16 s) is given up at the
+ * lookup's deadline, token step included. */
+TEST(MetadataToken, PlainRequestFirstAndTokenOnlyAfter401)
 {
-    pid_t pid = fork();
-    ASSERT_GE(pid, 0);
-    if (pid == 0) {
+    fkit::TempDir dir;
+    size_t mark = fkit::TestLog::Size();
+    const struct {
+        const char* name;
+        std::vector<meta::Answer> answers;
+        std::string result;   /* what the lookup reports */
+        size_t requests;      /* connections the node made */
+        int seconds = 0;      /* the lookup's deadline (0: its own) */
+        const char* key = "instance-id";
+    } cases[] = {
+        {"v1 answers", {{meta::http(200, kBody), kRequest.c_str()}}, "0 " + kBody, 1},
+        {"not found is final", {{meta::http(404, ""), kRequest.c_str()}}, "-2 ", 1},
+        {"token after 401",
+         {{UNAUTHORIZED, kRequest.c_str()},
+          {meta::http(200, "TOKEN123"),
+           "PUT /latest/api/token HTTP/1.0\r\nUser-Agent: kvx/1.0\r\nAccept: */*\r\n"
+           "X-aws-ec2-metadata-token-ttl-seconds: 60\r\n\r\n"},
+          {meta::http(200, kBody), "GET /latest/meta-data/instance-id HTTP/1.0\r\nUser-Agent: kvx/1.0\r\nAccept: */*\r\n"
+           "X-aws-ec2-metadata-token: TOKEN123\r\n\r\n"}},
+         "0 " + kBody, 3},
+        {"token refused", {{UNAUTHORIZED, kRequest.c_str()}, {meta::http(403, ""), "PUT /latest/api/token"}},
+         "-2 ", 2},
+        {"trickling answer", {{SLOW, kRequest.c_str(), true}}, "-4 ", 1, 2},
+        {"trickling token", {{UNAUTHORIZED, kRequest.c_str()}, {SLOW, "PUT /latest/api/token", true}}, "-4 ", 2, 2},
+        {"nothing listens", {}, "-1 ", 0},
+        {"no key", {{meta::http(200, kBody)}}, "-1 ", 0, 0, NULL},
+    };
+    std::string why = meta::enter_private_netns();
+    if (!why.empty())
+        GTEST_SKIP() << why;
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        std::string log = dir / "requests";
+        unlink(log.c_str());
+        pid_t server = meta::serve(c.answers, log);
         char value[128] = "";
         int len = 127;
-        alarm(60);
-        if (unshare(CLONE_NEWNET) != 0)
-            _exit(77);
-        if (system("ip link set lo up && ip addr add 169.254.169.254/32 dev lo") != 0)
-            _exit(78);
-        Server* srv = new Server(ok(kBody) + "\n", "169.254.169.254", 80);
-        int rc = get_meta_value_by_key("instance-id", value, &len);
-        srv->wait();
-        int bad = (rc != 0 || len != 19 || kBody != value) | (srv->request != kRequest) << 1;
-        delete srv;   /* nothing listens on port 80 any more */
-        bad |= (get_meta_value_by_key("instance-id", value, &len) != -1) << 2;
-        bad |= (get_meta_value_by_key(NULL, value, &len) != -1) << 3;
-        _exit(bad);
+        long long start = zel_now_ms();
+        int rc = c.seconds > 0 ? get_meta_value_within(c.key, value, &len, c.seconds)
+                               : get_meta_value_by_key(c.key, value, &len);
+        long long took = zel_now_ms() - start;
+        meta::stop(server);
+        EXPECT_EQ(c.result, std::to_string(rc) + " " + std::string(value, rc == 0 ? len : 0));
+        EXPECT_TRUE(c.seconds == 0 || (took >= c.seconds * 1000 - 50 && took < c.seconds * 1000 + 5000)) << took;
+        std::string seen = fkit::ReadFile(log);
+        EXPECT_EQ(std::string::npos, seen.find("UNEXPECTED")) << seen;
+        size_t requests = 0;
+        for (size_t at = seen.find("====\n"); at != std::string::npos; at = seen.find("====\n", at + 1))
+            requests++;
+        EXPECT_EQ(c.requests, requests) << seen;
     }
-    int status = 0;
-    ASSERT_EQ(waitpid(pid, &status, 0), pid);
-    if (WIFEXITED(status) && WEXITSTATUS(status) == 77)
-        GTEST_SKIP() << "unshare(CLONE_NEWNET) refused";
-    EXPECT_EQ(status, 0) << "exit bits: 1 value, 2 request, 4 nothing listening, 8 null key";
+    EXPECT_EQ(1, fkit::TestLog::Count(mark, "Get meta data token successfully"));
+    EXPECT_EQ(0, fkit::TestLog::Count(mark, "TOKEN123")) << "the session token is a secret";
 }

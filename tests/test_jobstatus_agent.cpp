@@ -52,13 +52,10 @@ TEST(JobAgent, ProgressEventsResultAndFailureReachServer)
     const std::string logs = h.work_dir + "/logs/";
     mkdir(logs.c_str(), 0755);   /* before the agent's own log makes it */
     ASSERT_TRUE(h.start());
-    /* read at most 32 KiB, cut and removed; a file name in Latin-1 and a
-     * character cut at 32767 bytes still make a reply */
+    /* read at most 32 KiB, cut and removed (texts that are not UTF-8: Codec.*) */
     const struct { std::string file, text; long long size; } logfiles[] = {
         {std::string(9, 'a') + "\n", std::string(9, 'a') + "\n", 11},
         {std::string(39999, 'a') + "\n", std::string(32767, 'a'), 32768},
-        {"1 0 /srv/caf\xe9.txt\n", "1 0 /srv/caf?.txt\n", 19},
-        {std::string(32766, 'a') + "\xc3\xa9\n", std::string(32766, 'a'), 32767},
     };
     for (const auto& f : logfiles) {
         AgentHarness::write_file(logs + "linuxkvxactivity.log", f.file);
