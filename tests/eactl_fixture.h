@@ -1,33 +1,119 @@
-/* Fixtures of the client's tests: EactlClient (a scratch directory) and
- * EactlDeploy (a private sshd for the suite, whose aliases node1 to node3
- * stand for nodes, and the client's options to reach it). */
+/* The client's tests: running it (exit status, output, time taken),
+ * EactlClient (a scratch directory) and EactlDeploy (also a private sshd
+ * for the suite, whose aliases node1 to node3 stand for nodes). */
 #ifndef EACTL_FIXTURE_H
 #define EACTL_FIXTURE_H
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <time.h>
+#include <unistd.h>
 
-#include "eactl_testkit.h"
+#include "eactl_spawn.h"
 #include "sshd_sandbox.h"
 
-class EactlClient : public ::testing::Test {
-protected:
-    void SetUp() override
-    {
-        dir = temp_dir("kvx-eactl-test");
-        ASSERT_FALSE(dir.empty());
-    }
-    void TearDown() override { remove_tree(dir); }
-    std::string dir;
+const std::string kBin = KVX_BIN_DIR;
+const auto slurp = sshd_sandbox_read;
+
+struct Outcome {
+    int status = -1;   /* exit status, 128 + signal */
+    std::string out, err;
+    double seconds = 0;
 };
 
-const std::string kBin = KVX_BIN_DIR;
+inline void spill(const std::string& path, const std::string& text, mode_t mode = 0644)
+{
+    FILE* f = fopen(path.c_str(), "w");
+    if (f) {
+        fputs(text.c_str(), f);
+        fclose(f);
+    }
+    chmod(path.c_str(), mode);
+}
+
+inline double now_s()
+{
+    struct timespec t;
+    clock_gettime(CLOCK_MONOTONIC, &t);
+    return (double)t.tv_sec + (double)t.tv_nsec / 1e9;
+}
+
+/* Starts args (args[0] looked up in PATH) with input from the file in and
+ * output to the files out and err. */
+inline pid_t start_program(const std::vector<std::string>& args, const std::string& in,
+                           const std::string& out, const std::string& err)
+{
+    int fds[3] = {open(in.c_str(), O_RDONLY | O_CLOEXEC),
+                  open(out.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644),
+                  open(err.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644)};
+    pid_t pid = eactl_spawn(args, fds[0], fds[1], fds[2]);
+    for (int fd : fds)
+        close(fd);
+    return pid;
+}
+
+/* Runs args with input as its standard input, its output kept in dir. */
+inline Outcome run_program(const std::vector<std::string>& args, const std::string& dir,
+                           const std::string& input = "")
+{
+    Outcome r;
+    double t0 = now_s();
+    spill(dir + "/run.in", input);
+    int st = eactl_reap(start_program(args, dir + "/run.in", dir + "/run.out", dir + "/run.err"));
+    r.seconds = now_s() - t0;
+    r.status = WIFEXITED(st) ? WEXITSTATUS(st) : 128 + WTERMSIG(st);
+    r.out = slurp(dir + "/run.out");
+    r.err = slurp(dir + "/run.err");
+    return r;
+}
+
+/* kvx-eactl of this build with the given arguments. */
+inline Outcome run_eactl(std::vector<std::string> args, const std::string& dir, const std::string& input = "")
+{
+    args.insert(args.begin(), kBin + "/kvx-eactl");
+    return run_program(args, dir, input);
+}
+
+inline bool has(const std::string& text, const std::string& part)
+{
+    return text.find(part) != std::string::npos;
+}
+
+/* Words joined by blanks, for a trace. */
+inline std::string joined(const std::vector<std::string>& words)
+{
+    std::string text;
+    for (const std::string& w : words)
+        text += w + " ";
+    return text;
+}
 
 inline bool built(const char* name)
 {
     return access((kBin + "/" + name).c_str(), X_OK) == 0;
 }
 
-class EactlDeploy : public ::testing::Test {
+inline std::string temp_dir(const char* tag)
+{
+    std::string tmpl = std::string("/tmp/") + tag + ".XXXXXX";
+    return mkdtemp(&tmpl[0]) ? tmpl : "";
+}
+
+inline void remove_tree(const std::string& dir)
+{
+    sshd_sandbox_run({"rm", "-rf", "--", dir});
+}
+
+class EactlClient : public ::testing::Test {
+protected:
+    void SetUp() override { ASSERT_FALSE((dir = temp_dir("kvx-eactl-test")).empty()); }
+    void TearDown() override { remove_tree(dir); }
+    std::string dir;
+};
+
+class EactlDeploy : public EactlClient {
 protected:
     static void SetUpTestSuite()
     {
@@ -49,18 +135,14 @@ protected:
     void SetUp() override
     {
         ASSERT_FALSE(sb.dir.empty()) << sb_error;
-        dir = temp_dir("kvx-eactl-test");
-        ASSERT_FALSE(dir.empty());
+        EactlClient::SetUp();
     }
-    void TearDown() override { remove_tree(dir); }
 
     /* What ~/.ssh holds: its entries with their sizes and times. */
     static std::string ssh_dir_state()
     {
         const char* home = getenv("HOME");
-        std::string path = std::string(home ? home : "/") + "/.ssh";
-        Outcome r = run_program({"sh", "-c", "ls -la --time-style=full-iso '" + path + "' 2>&1"}, "/tmp");
-        return r.out;
+        return run_program({"ls", "-la", "--time-style=full-iso", std::string(home ? home : "/") + "/.ssh"}, "/tmp").out;
     }
     /* The client's options to reach the sandbox; the sanitizer build has no
      * static agent and deploys its own. */
@@ -77,8 +159,7 @@ protected:
     {
         std::string log = slurp(sb.dir + "/sshd.log");
         int n = 0;
-        for (size_t at = log.find("Accepted publickey"); at != std::string::npos;
-             at = log.find("Accepted publickey", at + 1))
+        for (size_t at = 0; (at = log.find("Accepted publickey", at)) != std::string::npos; at++)
             n++;
         return n;
     }
@@ -89,7 +170,6 @@ public:
 protected:
     static inline SshdSandbox sb;
     static inline std::string sb_error, home_ssh;
-    std::string dir;
 };
 
 #endif /* EACTL_FIXTURE_H */

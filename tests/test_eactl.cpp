@@ -157,18 +157,16 @@ TEST(EactlHosts, RangesListsAndDuplicates)
         SCOPED_TRACE(c.pattern);
         Words hosts;
         EXPECT_EQ(c.hosts.empty() ? -1 : 0, eactl_expand_hosts(c.pattern, &hosts));
-        if (!c.hosts.empty()) {
-            EXPECT_EQ(c.hosts, hosts);
-        }
+        EXPECT_TRUE(c.hosts.empty() || c.hosts == hosts) << joined(hosts);
     }
     std::vector<EactlNode> nodes;
     eactl_add_nodes({"n1", "n2", "n1", "n3"}, &nodes);
     eactl_add_nodes({"n3", "n4"}, &nodes);
     eactl_exclude_nodes({"n2", "n9"}, &nodes);
-    std::string names;
+    std::vector<std::string> names;
     for (const EactlNode& n : nodes)
-        names += n.name + " ";
-    EXPECT_EQ("n1 n3 n4 ", names);
+        names.push_back(n.name);
+    EXPECT_EQ("n1 n3 n4 ", joined(names));
 }
 
 /* Shared ssh connections only through a directory of this user that no one
@@ -192,7 +190,6 @@ TEST(EactlHosts, ControlDirectoryOfOthersIsNotUsed)
     unsetenv("KVX_EACTL_CONTROL_DIR");
     remove_tree(dir);
 }
-
 
 /* Every one exits 2 before the target directory (made by any deployment)
  * exists, with one line that names what was wrong. */
@@ -233,11 +230,8 @@ TEST_F(EactlClient, RefusesBadArgumentsBeforeDeployingAnything)
         {{}, "a command is required; try --help"},
     };
     for (const auto& c : cases) {
+        SCOPED_TRACE(joined(c.args));
         std::vector<std::string> args = c.args;
-        std::string shown;
-        for (const std::string& a : args)
-            shown += a + " ";
-        SCOPED_TRACE(shown);
         args.insert(args.begin(), {"--target", dir + "/target"});
         Outcome r = run_eactl(args, dir);
         EXPECT_EQ(2, r.status) << r.err;
