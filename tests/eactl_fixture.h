@@ -8,8 +8,11 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
-#include <time.h>
 #include <unistd.h>
+
+#include <chrono>
+#include <fstream>
+#include <regex>
 
 #include "eactl_spawn.h"
 #include "sshd_sandbox.h"
@@ -18,26 +21,20 @@ const std::string kBin = KVX_BIN_DIR;
 const auto slurp = sshd_sandbox_read;
 
 struct Outcome {
-    int status = -1;   /* exit status, 128 + signal */
+    int status;   /* exit status, 128 + signal */
     std::string out, err;
-    double seconds = 0;
+    double seconds;
 };
 
 inline void spill(const std::string& path, const std::string& text, mode_t mode = 0644)
 {
-    FILE* f = fopen(path.c_str(), "w");
-    if (f) {
-        fputs(text.c_str(), f);
-        fclose(f);
-    }
+    std::ofstream(path) << text;
     chmod(path.c_str(), mode);
 }
 
 inline double now_s()
 {
-    struct timespec t;
-    clock_gettime(CLOCK_MONOTONIC, &t);
-    return (double)t.tv_sec + (double)t.tv_nsec / 1e9;
+    return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch()).count();
 }
 
 /* Starts args (args[0] looked up in PATH) with input from the file in and
@@ -58,15 +55,11 @@ inline pid_t start_program(const std::vector<std::string>& args, const std::stri
 inline Outcome run_program(const std::vector<std::string>& args, const std::string& dir,
                            const std::string& input = "")
 {
-    Outcome r;
     double t0 = now_s();
     spill(dir + "/run.in", input);
     int st = eactl_reap(start_program(args, dir + "/run.in", dir + "/run.out", dir + "/run.err"));
-    r.seconds = now_s() - t0;
-    r.status = WIFEXITED(st) ? WEXITSTATUS(st) : 128 + WTERMSIG(st);
-    r.out = slurp(dir + "/run.out");
-    r.err = slurp(dir + "/run.err");
-    return r;
+    return {WIFEXITED(st) ? WEXITSTATUS(st) : 128 + WTERMSIG(st), slurp(dir + "/run.out"),
+            slurp(dir + "/run.err"), now_s() - t0};
 }
 
 /* kvx-eactl of this build with the given arguments. */
@@ -79,6 +72,30 @@ inline Outcome run_eactl(std::vector<std::string> args, const std::string& dir, 
 inline bool has(const std::string& text, const std::string& part)
 {
     return text.find(part) != std::string::npos;
+}
+
+/* How often re matches in text. */
+inline size_t count_of(const std::string& text, const std::string& re)
+{
+    std::regex pattern(re);
+    return (size_t)std::distance(std::sregex_iterator(text.begin(), text.end(), pattern), std::sregex_iterator());
+}
+
+/* What a text must show: parts of it, "=" first the whole text, "!" a part
+ * it lacks, "~" a regular expression found in it. */
+inline void expect_shows(const std::string& text, const std::vector<std::string>& parts)
+{
+    for (const std::string& p : parts) {
+        std::string rest = p.substr(1);
+        if (p[0] == '=')
+            EXPECT_EQ(rest, text);
+        else if (p[0] == '!')
+            EXPECT_FALSE(has(text, rest)) << rest << " in\n" << text;
+        else if (p[0] == '~')
+            EXPECT_TRUE(std::regex_search(text, std::regex(rest))) << rest << " in\n" << text;
+        else
+            EXPECT_TRUE(has(text, p)) << p << " in\n" << text;
+    }
 }
 
 /* Words joined by blanks, for a trace. */
@@ -155,19 +172,8 @@ protected:
         return args;
     }
     /* Connections sshd has accepted so far. */
-    static int connections()
-    {
-        std::string log = slurp(sb.dir + "/sshd.log");
-        int n = 0;
-        for (size_t at = 0; (at = log.find("Accepted publickey", at)) != std::string::npos; at++)
-            n++;
-        return n;
-    }
+    static int connections() { return (int)count_of(slurp(sb.dir + "/sshd.log"), "Accepted publickey"); }
 
-public:
-    static pid_t sshd_pid() { return sb.pid; }
-
-protected:
     static inline SshdSandbox sb;
     static inline std::string sb_error, home_ssh;
 };

@@ -204,13 +204,11 @@ TEST_F(EactlClient, RefusesBadArgumentsBeforeDeployingAnything)
         {{"exec", "--jobid", "abc", "x"}, "--jobid 'abc': a whole number from 0 to"},
         {{"exec", "--jobid=7x", "x"}, "--jobid '7x': a whole number"},
         {{"ping", "x", "then"}, "a command is missing after 'then'"},
-        {{"then", "ping"}, "a command is missing before 'then'"},
-        {{"bogus"}, "unknown command 'bogus'; try --help"},
+        {{"then", "ping"}, "a command is missing before 'then'"}, {{"bogus"}, "unknown command 'bogus'; try --help"},
         {{"ping", "x", "then", "mount"}, "kvx-eactl mount: a location is required"},
         {{"status", "--id"}, "a value is missing after '--id'"},
         {{"status", "--id", "-1"}, "--id '-1': a whole number"},
-        {{"log", "extra"}, "kvx-eactl log: takes no arguments"},
-        {{"checkmachine"}, "a command text is required"},
+        {{"log", "extra"}, "kvx-eactl log: takes no arguments"}, {{"checkmachine"}, "a command text is required"},
         {{"demo", "--seconds", "x"}, "--seconds 'x': a whole number from 0 to 3600"},
         {{"demo", "--exit", "256"}, "--exit '256'"},
         {{"--parallel", "0", "ping"}, "--parallel '0': a whole number from 1 to 1000"},
@@ -226,8 +224,7 @@ TEST_F(EactlClient, RefusesBadArgumentsBeforeDeployingAnything)
         {{"--hosts-file", dir + "/quoted", "ping"}, dir + "/quoted:1: one ssh destination per line"},
         {{"--host"}, "a value is missing after '--host'; try 'kvx-eactl --help'"},
         {{"--bogus", "ping"}, "unknown option '--bogus'; try 'kvx-eactl --help'"},
-        {{"-q", "ping"}, "unknown option '-q'"},
-        {{}, "a command is required; try --help"},
+        {{"-q", "ping"}, "unknown option '-q'"}, {{}, "a command is required; try --help"},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(joined(c.args));
