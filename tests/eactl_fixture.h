@@ -112,12 +112,6 @@ inline bool built(const char* name)
     return access((kBin + "/" + name).c_str(), X_OK) == 0;
 }
 
-inline std::string temp_dir(const char* tag)
-{
-    std::string tmpl = std::string("/tmp/") + tag + ".XXXXXX";
-    return mkdtemp(&tmpl[0]) ? tmpl : "";
-}
-
 inline void remove_tree(const std::string& dir)
 {
     sshd_sandbox_run({"rm", "-rf", "--", dir});
@@ -125,7 +119,7 @@ inline void remove_tree(const std::string& dir)
 
 class EactlClient : public ::testing::Test {
 protected:
-    void SetUp() override { ASSERT_FALSE((dir = temp_dir("kvx-eactl-test")).empty()); }
+    void SetUp() override { ASSERT_TRUE(mkdtemp(&(dir = "/tmp/kvx-eactl-test.XXXXXX")[0])); }
     void TearDown() override { remove_tree(dir); }
     std::string dir;
 };

@@ -171,10 +171,8 @@ TEST(EactlHosts, RangesListsAndDuplicates)
 
 /* Shared ssh connections only through a directory of this user that no one
  * else can enter. */
-TEST(EactlHosts, ControlDirectoryOfOthersIsNotUsed)
+TEST_F(EactlClient, ControlDirectoryOfOthersIsNotUsed)
 {
-    std::string dir = temp_dir("kvx-eactl-cm");
-    ASSERT_FALSE(dir.empty());
     std::string mine = dir + "/mine", open_dir = dir + "/open";
     mkdir(open_dir.c_str(), 0755);
     setenv("KVX_EACTL_CONTROL_DIR", mine.c_str(), 1);
@@ -188,7 +186,6 @@ TEST(EactlHosts, ControlDirectoryOfOthersIsNotUsed)
     setenv("KVX_EACTL_CONTROL_DIR", (dir + "/link").c_str(), 1);
     EXPECT_EQ("", eactl_control_dir());
     unsetenv("KVX_EACTL_CONTROL_DIR");
-    remove_tree(dir);
 }
 
 /* Every one exits 2 before the target directory (made by any deployment)

@@ -140,7 +140,6 @@ TEST_F(EactlDeploy, ManyNodesInParallelWithUnreachableOnes)
     expect_shows(r.err, {"kvx-eactl: unreachable: unreachable\n",
                          "kvx-eactl: unreachable: stderr: ssh: connect to host 127.0.0.1 port ",
                          "kvx-eactl: silent: stderr: Connection timed out during banner exchange"});
-
 }
 
 /* An Ansible inventory, INI and YAML, with groups of groups, --limit,
