@@ -7,12 +7,10 @@
 #include "eactl_spawn.h"
 
 #include <errno.h>
-#include <fcntl.h>
 #include <jansson.h>
 #include <set>
 #include <stdlib.h>
 #include <string.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 namespace {
