@@ -27,16 +27,18 @@ TEST_F(EactlDeploy, PasswordFromTheEnvironmentOnlyInRequests)
     expect_shows(r.out, {"PATH=", "!kvxt-secret"});
 }
 
-/* Runs of the client and what they show.  Quiet unless asked: the agent's
- * first-start "wc" message and a command's standard error stay in the target
- * unless -v; over ssh one connection carries the whole session.  Exit status
- * 1: a command failed, 4: a node unreachable or timed out (over failed); the
- * remote command's exit status in every mode; JSON records with readable
- * fields beside the wire's; the demo reads like a backup; host ranges, an
- * exclude and standard input run each node once, and one host from a list
- * still gets its prefix and the summary (for dshbak and clubak). */
+/* Runs of the client and what they show, each within its time limits.
+ * Quiet unless asked: the agent's first-start "wc" message and a command's
+ * standard error stay in the target unless -v; over ssh one connection
+ * carries the whole session.  Exit status 1: a command failed, 4: a node
+ * unreachable or timed out (over failed); the remote command's exit status in
+ * every mode; JSON records with readable fields beside the wire's; many nodes
+ * in parallel; the demo reads like a backup; host ranges, an exclude and
+ * standard input run each node once, and one host from a list still gets its
+ * prefix and the summary (for dshbak and clubak). */
 TEST_F(EactlDeploy, ExitStatusesAndWhatRunsShow)
 {
+    spill(dir + "/nodes", "node1\nnode2  # web\n\nnode3\nunreachable\nsilent\n");
     const struct {
         std::vector<std::string> args;
         bool ssh;
@@ -71,6 +73,13 @@ TEST_F(EactlDeploy, ExitStatusesAndWhatRunsShow)
         {{"--host", "node1", "exec", "--wait", "exit 9"}, true, 1, {"=ret: 1, exit status 9\nno return\n"}},
         {{"--host", "unreachable", "ping", "x"}, true, 4, {}},
         {{"--connect-timeout", "1", "--host", "silent", "ping", "x"}, true, 4, {}},
+        /* three aliases of the server in parallel with one that refuses and one that never answers: each
+         * ok node's lines come prefixed, the silent one ends at its time-out, and the summary counts them */
+        {{"--no-reuse", "--hosts-file", dir + "/nodes", "--connect-timeout", "2", "ping", "many"}, true, 4,
+         {"node1: reply: many\n", "node2: reply: many\n", "node3: reply: many\n",
+          "~^(node[123]: [^\n]*\n){6}summary: 3 ok, 0 failed, 2 unreachable \\(unreachable, silent\\)\n$"},
+         {"kvx-eactl: unreachable: unreachable\n", "kvx-eactl: unreachable: stderr: ssh: connect to host 127.0.0.1 port ",
+          "kvx-eactl: silent: stderr: Connection timed out during banner exchange"}, 3},
         {{"--host", "node1,unreachable", "exec", "exit 3"}, true, 4,
          {"summary: 0 ok, 1 failed (node1), 1 unreachable (unreachable)\n"}},
         {{"--json", "--host", "node1", "--host", "node3", "--host", "unreachable", "ping", "js"}, true, 4,
@@ -107,6 +116,7 @@ TEST_F(EactlDeploy, ExitStatusesAndWhatRunsShow)
         int before = connections();
         Outcome r = run_eactl(c.ssh ? over_ssh(c.args) : c.args, dir, c.input);
         EXPECT_EQ(c.status, r.status) << r.err;
+        EXPECT_LT(r.seconds, 15.0) << "waited for a silent node";
         expect_shows(r.out, c.out);
         expect_shows(r.err, c.err);
         EXPECT_TRUE(c.connections < 0 || c.connections == connections() - before) << connections() - before;
@@ -121,25 +131,6 @@ TEST_F(EactlDeploy, ExitStatusesAndWhatRunsShow)
             expect_shows(run_program({"sh", "-c", grouper + " <" + dir + "/lines"}, dir).out,
                          {"node[1,3]", "ret: 0\n", "same\n"});
     }
-}
-
-/* Three aliases of the server in parallel with one that refuses and one
- * that never answers: each ok node's lines come prefixed, the silent one
- * ends at its time-out, and the summary counts them. */
-TEST_F(EactlDeploy, ManyNodesInParallelWithUnreachableOnes)
-{
-    spill(dir + "/nodes", "node1\nnode2  # web\n\nnode3\nunreachable\nsilent\n");
-    int before = connections();
-    Outcome r = run_eactl(over_ssh({"--no-reuse", "--hosts-file", dir + "/nodes", "--connect-timeout", "2",
-                                    "ping", "many"}), dir);
-    EXPECT_EQ(4, r.status);
-    EXPECT_LT(r.seconds, 15.0) << "waited for the silent node";
-    EXPECT_EQ(3, connections() - before);
-    expect_shows(r.out, {"node1: reply: many\n", "node2: reply: many\n", "node3: reply: many\n",
-                         "~^(node[123]: [^\n]*\n){6}summary: 3 ok, 0 failed, 2 unreachable \\(unreachable, silent\\)\n$"});
-    expect_shows(r.err, {"kvx-eactl: unreachable: unreachable\n",
-                         "kvx-eactl: unreachable: stderr: ssh: connect to host 127.0.0.1 port ",
-                         "kvx-eactl: silent: stderr: Connection timed out during banner exchange"});
 }
 
 /* An Ansible inventory, INI and YAML, with groups of groups, --limit,
