@@ -31,6 +31,7 @@
 #include <string>
 #include <vector>
 
+#include "bench_args.h"
 #include "ea_proto.h"
 #include "eactl.h"
 #include "exec_proto.h"
@@ -193,20 +194,12 @@ int remove_entry(const char* path, const struct stat*, int, struct FTW*)
 
 int main(int argc, char** argv)
 {
-    std::string bindir(argv[0]);
-    bindir = bindir.substr(0, bindir.rfind('/') + 1);
+    std::string bindir = bench_bindir(argv[0]);
     std::string agent = bindir + "kvx_ea", echo = bindir + "bench_echo_server";
-    int pings = 10000, execs = 300, starts = 30;
-    for (int i = 1; i + 1 < argc; i += 2) {
-        if (strcmp(argv[i], "--agent") == 0)
-            agent = argv[i + 1];
-        else if (strcmp(argv[i], "--pings") == 0)
-            pings = atoi(argv[i + 1]);
-        else if (strcmp(argv[i], "--execs") == 0)
-            execs = atoi(argv[i + 1]);
-        else if (strcmp(argv[i], "--starts") == 0)
-            starts = atoi(argv[i + 1]);
-    }
+    long pings = 10000, execs = 300, starts = 30;
+    if (!bench_options(argc, argv, {{"agent", &agent, nullptr}, {"pings", nullptr, &pings},
+                                    {"execs", nullptr, &execs}, {"starts", nullptr, &starts}}))
+        return 2;
     signal(SIGPIPE, SIG_IGN);
     cpu_set_t one;
     CPU_ZERO(&one);
@@ -274,16 +267,16 @@ int main(int argc, char** argv)
     double exec_ratio = exec_echo > 0 ? exec_agent / exec_echo : 0;
     printf("| measure | agent | baseline | ratio / target |\n");
     printf("|---|---|---|---|\n");
-    printf("| ping round trip (%d pings) | %.1f us | %.1f us (Jansson echo server) | %.2fx (<= 1.5x) %s |\n",
+    printf("| ping round trip (%ld pings) | %.1f us | %.1f us (Jansson echo server) | %.2fx (<= 1.5x) %s |\n",
            pings, rtt_agent, rtt_echo, ratio, ratio <= 1.5 ? "ok" : "MISSED");
-    printf("| message-mode exec round trip (%d x \"%s\") | %.0f us | %.0f us (popen+fread server) | %.2fx (<= 1.2x) %s |\n",
+    printf("| message-mode exec round trip (%ld x \"%s\") | %.0f us | %.0f us (popen+fread server) | %.2fx (<= 1.2x) %s |\n",
            execs, cmd, exec_agent, exec_echo, exec_ratio, exec_ratio > 0 && exec_ratio <= 1.2 ? "ok" : "MISSED");
     printf("| job status poll, live segment (%d polls) | %.1f us | | |\n", polls, poll_us);
-    printf("| start-up to first ping reply (median of %d) | %.0f us | %.0f us (/bin/true) | %.1fx |\n",
+    printf("| start-up to first ping reply (median of %ld) | %.0f us | %.0f us (/bin/true) | %.1fx |\n",
            starts, median(t_agent), median(t_true), median(t_agent) / median(t_true));
-    printf("| peak RSS after %d pings | %ld KiB | | <= 4096 KiB %s |\n", pings, hwm_pings,
+    printf("| peak RSS after %ld pings | %ld KiB | | <= 4096 KiB %s |\n", pings, hwm_pings,
            hwm_pings > 0 && hwm_pings <= 4096 ? "ok" : "MISSED");
-    printf("| RSS across %d unknown-fn requests | %ld -> %ld KiB | | flat %s |\n", pings,
+    printf("| RSS across %ld unknown-fn requests | %ld -> %ld KiB | | flat %s |\n", pings,
            rss_before, rss_after, sync_rc == 0 && rss_after - rss_before <= 64 ? "ok" : "MISSED");
     return 0;
 }

@@ -26,6 +26,7 @@
 #include <string>
 #include <thread>
 
+#include "bench_args.h"
 #include "ea_proto.h"
 #include "eactl.h"
 #include "exec_proto.h"
@@ -159,20 +160,12 @@ int poll_to_end(ExecProto* proto)
 
 int main(int argc, char** argv)
 {
-    std::string bindir(argv[0]);
-    bindir = bindir.substr(0, bindir.rfind('/') + 1);
+    std::string bindir = bench_bindir(argv[0]);
     std::string agent = bindir + "kvx_ea";
     long pings = 200000, execs = 2000, jobs = 500;
-    for (int i = 1; i + 1 < argc; i += 2) {
-        if (strcmp(argv[i], "--agent") == 0)
-            agent = argv[i + 1];
-        else if (strcmp(argv[i], "--pings") == 0)
-            pings = atol(argv[i + 1]);
-        else if (strcmp(argv[i], "--execs") == 0)
-            execs = atol(argv[i + 1]);
-        else if (strcmp(argv[i], "--jobs") == 0)
-            jobs = atol(argv[i + 1]);
-    }
+    if (!bench_options(argc, argv, {{"agent", &agent, nullptr}, {"pings", nullptr, &pings},
+                                    {"execs", nullptr, &execs}, {"jobs", nullptr, &jobs}}))
+        return 2;
     signal(SIGPIPE, SIG_IGN);
     EactlSession s;
     s.agent_path = agent;

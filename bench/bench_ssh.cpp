@@ -29,6 +29,7 @@
 #include <string>
 #include <vector>
 
+#include "bench_args.h"
 #include "sshd_sandbox.h"
 
 namespace {
@@ -81,19 +82,13 @@ struct Measure {
 
 int main(int argc, char** argv)
 {
-    int rounds = 10, nodes = 8;
-    for (int k = 1; k + 1 < argc; k += 2) {
-        if (strcmp(argv[k], "--rounds") == 0)
-            rounds = atoi(argv[k + 1]);
-        else if (strcmp(argv[k], "--nodes") == 0)
-            nodes = atoi(argv[k + 1]);
-    }
-    if (rounds < 1 || nodes < 1 || nodes > 200) {
+    long rounds = 10, nodes = 8;
+    if (!bench_options(argc, argv, {{"rounds", nullptr, &rounds}, {"nodes", nullptr, &nodes}}) ||
+        rounds < 1 || nodes < 1 || nodes > 200) {
         fprintf(stderr, "usage: bench_ssh [--rounds N] [--nodes N (1-200)]\n");
         return 2;
     }
-    std::string bindir(argv[0]);
-    bindir = bindir.substr(0, bindir.rfind('/') + 1);
+    std::string bindir = bench_bindir(argv[0]);
 
     std::vector<std::string> aliases;
     for (int k = 1; k <= nodes; k++)
@@ -164,7 +159,7 @@ int main(int argc, char** argv)
         return 1;
     }
     double base = median(m[0].ms);
-    printf("| measure (%d nodes over ssh to 127.0.0.x, median of %d) | time | ratio to bare ssh / target |\n",
+    printf("| measure (%ld nodes over ssh to 127.0.0.x, median of %ld) | time | ratio to bare ssh / target |\n",
            nodes, rounds);
     printf("|---|---|---|\n");
     printf("| `ssh NODE true` to each node at once | %.0f ms | 1.00x |\n", base);

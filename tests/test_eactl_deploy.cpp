@@ -5,222 +5,132 @@
  * and from its Debian package unpacked into a temporary root.
  */
 #include <gtest/gtest.h>
-#include <jansson.h>
-#include <string.h>
 #include <poll.h>
 #include <pty.h>
 #include <signal.h>
+#include <string.h>
 #include <sys/ioctl.h>
 #include <sys/prctl.h>
-#include <sys/stat.h>
-#include <sys/wait.h>
-
-#include <regex>
 
 #include "eactl.h"
 #include "eactl_fixture.h"
 
 namespace {
 
-
-
-/* Quiet unless asked: the agent's first-start "wc" message and a command's
- * standard error stay in the target unless -v; over ssh one connection
- * carries the whole session. */
-TEST_F(EactlDeploy, PingAndExecQuietlyThroughOneConnection)
+/* The password from the environment travels only inside requests. */
+TEST_F(EactlDeploy, PasswordFromTheEnvironmentOnlyInRequests)
 {
-    const struct {
-        bool ssh, verbose;
-        const char* deployed;   /* in -v's message */
-    } cases[] = {
-        {false, false, ""}, {false, true, "/kvx_ea (x86_64) deployed in /tmp/kvx-eactl."},
-        {true, false, ""}, {true, true, " (x86_64) deployed in /tmp/kvx-eactl."},
-    };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(std::string(c.ssh ? "ssh" : "local") + (c.verbose ? " -v" : ""));
-        std::vector<std::string> args = {"ping", "hi", "then", "exec", "echo out; echo err >&2"};
-        if (c.verbose)
-            args.insert(args.begin(), "-v");
-        if (c.ssh)
-            args.insert(args.begin(), {"--host", "node1"});
-        int before = connections();
-        if (c.ssh)
-            args.insert(args.begin(), "--no-reuse");
-        Outcome r = run_eactl(c.ssh ? over_ssh(args) : args, dir);
-        EXPECT_EQ(0, r.status) << r.err;
-        EXPECT_TRUE(has(r.out, "reply: hi\n") && has(r.out, "ret: 0\nout\n")) << r.out;
-        EXPECT_EQ(c.ssh ? 1 : 0, connections() - before);
-        if (!c.verbose) {
-            EXPECT_EQ("", r.err);
-            continue;
-        }
-        std::string node = c.ssh ? "node1" : "localhost";
-        EXPECT_TRUE(has(r.err, "kvx-eactl: " + node + ": stderr: wc: ")) << r.err;
-        EXPECT_TRUE(has(r.err, "kvx-eactl: " + node + ": stderr: err\n")) << r.err;
-        EXPECT_TRUE(has(r.err, c.deployed)) << r.err;
-    }
-    /* the password from the environment travels only inside requests */
     setenv("KVX_EACTL_PASSWD", "kvxt-secret", 1);
     Outcome r = run_eactl({"exec", "env"}, dir);
     unsetenv("KVX_EACTL_PASSWD");
     EXPECT_EQ(0, r.status) << r.err;
-    EXPECT_TRUE(has(r.out, "PATH=") && !has(r.out, "kvxt-secret")) << r.out;
+    expect_shows(r.out, {"PATH=", "!kvxt-secret"});
 }
 
-/* The demo over ssh, and a failing job here, whose agent's standard error
- * is then shown. */
-TEST_F(EactlDeploy, DemoReadsLikeABackup)
-{
-    std::regex progress("\n +[0-9]+%  [0-9.]+/[0-9.?]+ GiB  [0-9.]+ MiB/s  "
-                        "elapsed [0-9]+:[0-9]{2}  ETA [-0-9]+:[-0-9]{2}  /dev/sd[ab][12]\n");
-    Outcome r = run_eactl(over_ssh({"--host", "node2", "demo", "--seconds", "2"}), dir);
-    EXPECT_EQ(0, r.status) << r.err;
-    EXPECT_EQ("", r.err);
-    for (const char* part : {" deployed on node2 (x86_64) in /tmp/kvx-eactl.",
-                             "backup started on node2: kvxbackupvol --seconds 2 --exit 0\n",
-                             "  info     Backup job started: 2 volumes, 7.0 GiB\n",
-                             "  info     Backing up /dev/sdb1 (xfs, 2.5 GiB)\n",
-                             "  info     Backup job finished: 7.0 GiB read, 3.0 GiB written\n",
-                             "backup finished:\nread 7.0 GiB at 3584.0 MiB/s, wrote 3.0 GiB at ",
-                             "protected 7.0 GiB in session S0000042 ("})
-        EXPECT_TRUE(has(r.out, part)) << part << " in\n" << r.out;
-    EXPECT_TRUE(std::regex_search(r.out, progress)) << r.out;
-    EXPECT_FALSE(has(r.out, "--:--:--")) << "each poll's lines have their time\n" << r.out;
-
-    r = run_eactl({"demo", "--seconds", "0", "--exit", "4"}, dir);
-    EXPECT_EQ(1, r.status);
-    EXPECT_TRUE(has(r.out, "  error    Backup job failed with exit code 4 (code 4)\nbackup FAILED:\n"))
-        << r.out;
-    EXPECT_TRUE(has(r.err, "kvx-eactl: localhost: stderr: wc: ")) << r.err;
-}
-
-/* Three aliases of the server in parallel with one that refuses and one
- * that never answers: each ok node's lines come prefixed, the silent one
- * ends at its time-out, and the summary counts them. */
-TEST_F(EactlDeploy, ManyNodesInParallelWithUnreachableOnes)
+/* Runs of the client and what they show, each within its time limits.
+ * Quiet unless asked: the agent's first-start "wc" message and a command's
+ * standard error stay in the target unless -v; over ssh one connection
+ * carries the whole session.  Exit status 1: a command failed, 4: a node
+ * unreachable or timed out (over failed); the remote command's exit status in
+ * every mode; JSON records with readable fields beside the wire's; many nodes
+ * in parallel; the demo reads like a backup; host ranges, an exclude and
+ * standard input run each node once, and one host from a list still gets its
+ * prefix and the summary (for dshbak and clubak). */
+TEST_F(EactlDeploy, ExitStatusesAndWhatRunsShow)
 {
     spill(dir + "/nodes", "node1\nnode2  # web\n\nnode3\nunreachable\nsilent\n");
-    int before = connections();
-    Outcome r = run_eactl(over_ssh({"--no-reuse", "--hosts-file", dir + "/nodes", "--connect-timeout", "2",
-                                    "ping", "many"}), dir);
-    EXPECT_EQ(4, r.status);
-    EXPECT_LT(r.seconds, 15.0) << "waited for the silent node";
-    EXPECT_EQ(3, connections() - before);
-    for (const char* node : {"node1", "node2", "node3"})
-        EXPECT_TRUE(has(r.out, std::string(node) + ": reply: many\n")) << r.out;
-    EXPECT_TRUE(std::regex_match(r.out, std::regex("((node[123]: [^\n]*\n){6})summary: 3 ok, 0 failed, "
-                                                   "2 unreachable \\(unreachable, silent\\)\n")))
-        << r.out;
-    EXPECT_TRUE(has(r.err, "kvx-eactl: unreachable: unreachable\n")) << r.err;
-    EXPECT_TRUE(has(r.err, "kvx-eactl: unreachable: stderr: ssh: connect to host 127.0.0.1 port ")) << r.err;
-    EXPECT_TRUE(has(r.err, "kvx-eactl: silent: stderr: Connection timed out during banner exchange")) << r.err;
-
-    r = run_eactl(over_ssh({"--json", "--host", "node1", "--host", "node3", "--host", "unreachable",
-                            "ping", "js"}), dir);
-    EXPECT_EQ(4, r.status);
-    std::string results;
-    int lines = 0;
-    for (size_t at = 0, nl; (nl = r.out.find('\n', at)) != std::string::npos; at = nl + 1, lines++) {
-        json_t* line = json_loads(r.out.substr(at, nl - at).c_str(), 0, NULL);
-        ASSERT_TRUE(line) << r.out;
-        const char* host = json_string_value(json_object_get(line, "host"));
-        const char* result = json_string_value(json_object_get(line, "result"));
-        const char* type = json_string_value(json_object_get(line, "type"));
-        EXPECT_STREQ(!host ? "summary" : result ? "node" : "reply", type);
-        json_t* param = json_object_get(line, "param");
-        if (param) {
-            EXPECT_STREQ("js", json_string_value(json_object_get(param, "str")));
-        }
-        if (result)
-            results += std::string(host) + "=" + result + " ";
-        if (!host) {
-            EXPECT_EQ(2, json_integer_value(json_object_get(line, "ok")));
-            EXPECT_EQ(0, json_integer_value(json_object_get(line, "failed")));
-            EXPECT_EQ(1, json_integer_value(json_object_get(line, "unreachable")));
-            EXPECT_STREQ("unreachable", json_string_value(json_array_get(json_object_get(line, "unreachable_hosts"), 0)));
-        }
-        json_decref(line);
-    }
-    EXPECT_EQ(6, lines) << r.out;
-    for (const char* result : {"node1=ok ", "node3=ok ", "unreachable=unreachable "})
-        EXPECT_TRUE(has(results, result)) << results;
-}
-
-/* The remote command's exit status in every mode, and the client's own:
- * 1 a command failed, 4 a node unreachable or timed out (over failed);
- * JSON records with readable fields beside the wire's. */
-TEST_F(EactlDeploy, ExitStatusesAndJsonRecords)
-{
     const struct {
         std::vector<std::string> args;
         bool ssh;
         int status;
-        std::string out;   /* the whole output, or part of it after '~' */
+        std::vector<std::string> out, err;   /* see expect_shows */
+        int connections = -1;                 /* new ones, -1 unchecked */
+        std::string input;
     } cases[] = {
-        {{"exec", "--wait", "exit 7"}, false, 1, "ret: 1, exit status 7\nno return\n"},
-        {{"exec", "echo out; exit 3"}, false, 1, "ret: 0, exit status 3\nout\n"},
-        {{"exec", "echo out"}, false, 0, "ret: 0\nout\n"},
-        {{"exec", "exit 3", "then", "exec", "echo after"}, false, 1, "ret: 0, exit status 3\nret: 0\nafter\n"},
-        {{"exec", "--wait", "true"}, false, 0, "ret: 0\nno return\n"},
-        {{"exec", "kill -9 $PPID"}, false, 1, ""},
-        {{"--json", "exec", "echo x; exit 5"}, false, 1, "~\"type\": \"reply\", \"command\": \"exec\", "
-                                                         "\"param\": {\"str\": \"x\\n\""},
-        {{"--json", "exec", "echo x; exit 5"}, false, 1, "~\"status\": 5, \"reason\": \"exit status 5\"}"},
-        {{"--json", "ping", "t"}, false, 0, "~\"agent_time\": \"20"},
-        {{"--json", "demo", "--seconds", "0"}, false, 0, "~\"read_bytes\": 7516192768, \"written_bytes\": 3231961088, "
-                                                      "\"protected_bytes\": 7516192768, \"read_rate_mib_s\": 7168.0, "
-                                                      "\"write_rate_mib_s\": 3082.24}"},
-        {{"--json", "demo", "--seconds", "0"}, false, 0, "~{\"level\": \"info\", \"code\": 0, \"text\": "
-                                                      "\"Backup job finished: 7.0 GiB read, 3.0 GiB written\"}"},
-        {{"--host", "node1", "exec", "--wait", "exit 9"}, true, 1, "ret: 1, exit status 9\nno return\n"},
-        {{"--host", "unreachable", "ping", "x"}, true, 4, ""},
-        {{"--connect-timeout", "1", "--host", "silent", "ping", "x"}, true, 4, ""},
+        {{"ping", "hi", "then", "exec", "echo out; echo err >&2"}, false, 0, {"reply: hi\n", "ret: 0\nout\n"}, {"="}, 0},
+        {{"-v", "ping", "hi", "then", "exec", "echo out; echo err >&2"}, false, 0, {"reply: hi\n", "ret: 0\nout\n"},
+         {"kvx-eactl: localhost: stderr: wc: ", "kvx-eactl: localhost: stderr: err\n",
+          "/kvx_ea (x86_64) deployed in /tmp/kvx-eactl."}, 0},
+        {{"--no-reuse", "--host", "node1", "ping", "hi", "then", "exec", "echo out; echo err >&2"}, true, 0,
+         {"reply: hi\n", "ret: 0\nout\n"}, {"="}, 1},
+        {{"--no-reuse", "--host", "node1", "-v", "ping", "hi", "then", "exec", "echo out; echo err >&2"}, true, 0,
+         {"reply: hi\n", "ret: 0\nout\n"},
+         {"kvx-eactl: node1: stderr: wc: ", "kvx-eactl: node1: stderr: err\n", " (x86_64) deployed in /tmp/kvx-eactl."}, 1},
+        {{"exec", "--wait", "exit 7"}, false, 1, {"=ret: 1, exit status 7\nno return\n"}},
+        {{"exec", "echo out; exit 3"}, false, 1, {"=ret: 0, exit status 3\nout\n"}},
+        {{"exec", "echo out"}, false, 0, {"=ret: 0\nout\n"}},
+        {{"exec", "exit 3", "then", "exec", "echo after"}, false, 1, {"=ret: 0, exit status 3\nret: 0\nafter\n"}},
+        {{"exec", "--wait", "true"}, false, 0, {"=ret: 0\nno return\n"}},
+        {{"exec", "kill -9 $PPID"}, false, 1, {}},
+        {{"--json", "exec", "echo x; exit 5"}, false, 1,
+         {"\"type\": \"reply\", \"command\": \"exec\", \"param\": {\"str\": \"x\\n\"",
+          "\"status\": 5, \"reason\": \"exit status 5\"}"}},
+        {{"--json", "ping", "t"}, false, 0, {"\"agent_time\": \"20"}},
+        {{"--json", "demo", "--seconds", "0"}, false, 0,
+         {"\"read_bytes\": 7516192768, \"written_bytes\": 3231961088, \"protected_bytes\": 7516192768, "
+          "\"read_rate_mib_s\": 7168.0, \"write_rate_mib_s\": 3082.24}",
+          "{\"level\": \"info\", \"code\": 0, \"text\": \"Backup job finished: 7.0 GiB read, 3.0 GiB written\"}"}},
+        {{"--host", "node1", "exec", "--wait", "exit 9"}, true, 1, {"=ret: 1, exit status 9\nno return\n"}},
+        {{"--host", "unreachable", "ping", "x"}, true, 4, {}},
+        {{"--connect-timeout", "1", "--host", "silent", "ping", "x"}, true, 4, {}},
+        /* three aliases of the server in parallel with one that refuses and one that never answers: each
+         * ok node's lines come prefixed, the silent one ends at its time-out, and the summary counts them */
+        {{"--no-reuse", "--hosts-file", dir + "/nodes", "--connect-timeout", "2", "ping", "many"}, true, 4,
+         {"node1: reply: many\n", "node2: reply: many\n", "node3: reply: many\n",
+          "~^(node[123]: [^\n]*\n){6}summary: 3 ok, 0 failed, 2 unreachable \\(unreachable, silent\\)\n$"},
+         {"kvx-eactl: unreachable: unreachable\n", "kvx-eactl: unreachable: stderr: ssh: connect to host 127.0.0.1 port ",
+          "kvx-eactl: silent: stderr: Connection timed out during banner exchange"}, 3},
         {{"--host", "node1,unreachable", "exec", "exit 3"}, true, 4,
-         "~summary: 0 ok, 1 failed (node1), 1 unreachable (unreachable)\n"},
+         {"summary: 0 ok, 1 failed (node1), 1 unreachable (unreachable)\n"}},
+        {{"--json", "--host", "node1", "--host", "node3", "--host", "unreachable", "ping", "js"}, true, 4,
+         {"~^(\\{\"[^\n]*\\}\n){6}$",
+          "{\"host\": \"node1\", \"type\": \"reply\", \"command\": \"ping\", \"param\": {\"str\": \"js\"",
+          "{\"host\": \"node3\", \"type\": \"reply\", \"command\": \"ping\", \"param\": {\"str\": \"js\"",
+          "{\"host\": \"node1\", \"type\": \"node\", \"result\": \"ok\"",
+          "{\"host\": \"node3\", \"type\": \"node\", \"result\": \"ok\"",
+          "{\"host\": \"unreachable\", \"type\": \"node\", \"result\": \"unreachable\"",
+          "{\"type\": \"summary\", \"ok\": 2, \"failed\": 0, \"unreachable\": 1, \"failed_hosts\": [], "
+          "\"unreachable_hosts\": [\"unreachable\"]}\n"}},
+        {{"--host", "node2", "demo", "--seconds", "2"}, true, 0,
+         {" deployed on node2 (x86_64) in /tmp/kvx-eactl.",
+          "backup started on node2: kvxbackupvol --seconds 2 --exit 0\n",
+          "  info     Backup job started: 2 volumes, 7.0 GiB\n",
+          "  info     Backing up /dev/sdb1 (xfs, 2.5 GiB)\n",
+          "  info     Backup job finished: 7.0 GiB read, 3.0 GiB written\n",
+          "backup finished:\nread 7.0 GiB at 3584.0 MiB/s, wrote 3.0 GiB at ",
+          "protected 7.0 GiB in session S0000042 (",
+          "~\n +[0-9]+%  [0-9.]+/[0-9.?]+ GiB  [0-9.]+ MiB/s  elapsed [0-9]+:[0-9]{2}  ETA [-0-9]+:[-0-9]{2}  "
+          "/dev/sd[ab][12]\n",
+          "!--:--:--"},   /* each poll's lines have their time */
+         {"="}},
+        {{"demo", "--seconds", "0", "--exit", "4"}, false, 1,
+         {"  error    Backup job failed with exit code 4 (code 4)\nbackup FAILED:\n"},
+         {"kvx-eactl: localhost: stderr: wc: "}},
+        {{"--host", "node[1-3]", "-x", "node2", "--hosts-file", "-", "ping", "sel"}, true, 0,
+         {"~^(node[13]: [^\n]*\n){4}summary: 2 ok, 0 failed, 0 unreachable\n$"}, {}, -1, "node3\nnode1  # again\n\n"},
+        {{"--host", "node[2-2]", "ping", "one"}, true, 0,
+         {"node2: reply: one\n", "summary: 1 ok, 0 failed, 0 unreachable\n"}},
     };
     for (const auto& c : cases) {
-        std::string shown;
-        for (const std::string& a : c.args)
-            shown += a + " ";
-        SCOPED_TRACE(shown);
-        Outcome r = run_eactl(c.ssh ? over_ssh(c.args) : c.args, dir);
+        SCOPED_TRACE(joined(c.args));
+        int before = connections();
+        Outcome r = run_eactl(c.ssh ? over_ssh(c.args) : c.args, dir, c.input);
         EXPECT_EQ(c.status, r.status) << r.err;
-        if (c.out.compare(0, 1, "~") == 0) {
-            EXPECT_TRUE(has(r.out, c.out.substr(1))) << r.out;
-        } else if (!c.out.empty()) {
-            EXPECT_EQ(c.out, r.out);
-        }
+        EXPECT_LT(r.seconds, 15.0) << "waited for a silent node";
+        expect_shows(r.out, c.out);
+        expect_shows(r.err, c.err);
+        EXPECT_TRUE(c.connections < 0 || c.connections == connections() - before) << connections() - before;
     }
-}
-
-/* Ranges, an exclude, standard input and duplicates: each node runs once. */
-TEST_F(EactlDeploy, HostRangesExcludeAndStandardInput)
-{
-    Outcome r = run_eactl(over_ssh({"--host", "node[1-3]", "-x", "node2", "--hosts-file", "-", "ping", "sel"}),
-                          dir, "node3\nnode1  # again\n\n");
-    EXPECT_EQ(0, r.status) << r.err;
-    EXPECT_TRUE(std::regex_match(r.out, std::regex("((node[13]: [^\n]*\n){4})summary: 2 ok, 0 failed, "
-                                                   "0 unreachable\n"))) << r.out;
-    for (const char* node : {"node1", "node3"})
-        EXPECT_EQ(r.out.find(std::string(node) + ": reply"), r.out.rfind(std::string(node) + ": reply"));
-
     /* dshbak and clubak group the nodes' identical lines */
-    r = run_eactl(over_ssh({"--host", "node[1-3]", "-x", "node2", "exec", "echo same"}), dir);
+    Outcome r = run_eactl(over_ssh({"--host", "node[1-3]", "-x", "node2", "exec", "echo same"}), dir);
     EXPECT_EQ(0, r.status) << r.err;
     spill(dir + "/lines", r.out);
-    for (const char* grouper : {"dshbak -c", "clubak -b"}) {
-        std::string program(grouper, strcspn(grouper, " "));
-        if (sshd_sandbox_run({"sh", "-c", "command -v " + program}) != 0)
-            continue;   /* pdsh and clustershell come with scripts/setup.sh */
-        Outcome g = run_program({"sh", "-c", std::string(grouper) + " <" + dir + "/lines"}, dir);
-        EXPECT_TRUE(has(g.out, "node[1,3]") && has(g.out, "ret: 0\n") && has(g.out, "same\n")) << grouper << "\n" << g.out;
+    for (std::string grouper : {"dshbak -c", "clubak -b"}) {
+        /* pdsh and clustershell come with scripts/setup.sh */
+        if (sshd_sandbox_run({"sh", "-c", "command -v " + grouper.substr(0, grouper.find(' '))}) == 0)
+            expect_shows(run_program({"sh", "-c", grouper + " <" + dir + "/lines"}, dir).out,
+                         {"node[1,3]", "ret: 0\n", "same\n"});
     }
-
-    /* one host from a list still gets its prefix and the summary, for dshbak and clubak */
-    r = run_eactl(over_ssh({"--host", "node[2-2]", "ping", "one"}), dir);
-    EXPECT_EQ(0, r.status) << r.err;
-    EXPECT_TRUE(has(r.out, "node2: reply: one\n") && has(r.out, "summary: 1 ok, 0 failed, 0 unreachable\n"))
-        << r.out;
 }
 
 /* An Ansible inventory, INI and YAML, with groups of groups, --limit,
@@ -239,32 +149,29 @@ TEST_F(EactlDeploy, AnsibleInventoryWithGroupsAndLimit)
                               "        db:\n          hosts:\n            database:\n              ansible_host: node3\n"
                               "    direct:\n      hosts:\n        byport:\n          ansible_host: 127.0.0.1\n"
                               "          ansible_port: " + port + "\n");
-    const struct { const char* limit; std::vector<std::string> hosts; } cases[] = {
-        {"", {"node1", "node2", "database", "byport"}},
-        {"prod:!node2", {"node1", "database"}},
-        {"direct", {"byport"}},
+    /* the YAML reader gets the groups and the limit once */
+    const struct { const char* file; const char* limit; std::vector<std::string> hosts; } cases[] = {
+        {"hosts.ini", "", {"node1", "node2", "database", "byport"}},
+        {"hosts.ini", "prod:!node2", {"node1", "database"}},
+        {"hosts.ini", "direct", {"byport"}},
+        {"hosts.yml", "", {"node1", "node2", "database", "byport"}},
+        {"hosts.yml", "prod:!node2", {"node1", "database"}},
     };
-    for (const char* file : {"hosts.ini", "hosts.yml"}) {
-        for (const auto& c : cases) {
-            if (file[6] == 'y' && c.limit[0] == 'd')
-                continue;   /* the YAML reader gets the groups and the limit once */
-            SCOPED_TRACE(std::string(file) + " --limit " + c.limit);
-            std::vector<std::string> args = {"--inventory", dir + "/" + file};
-            if (*c.limit)
-                args.insert(args.end(), {"--limit", c.limit});
-            args.insert(args.end(), {"ping", "inv"});
-            Outcome r = run_eactl(over_ssh(args), dir);
-            EXPECT_EQ(0, r.status) << r.err;
-            for (const std::string& h : c.hosts)
-                EXPECT_TRUE(has(r.out, h + ": reply: inv\n")) << r.out;
-            EXPECT_TRUE(has(r.out, "summary: " + std::to_string(c.hosts.size()) + " ok,")) << r.out;
-        }
+    for (const auto& c : cases) {
+        SCOPED_TRACE(std::string(c.file) + " --limit " + c.limit);
+        std::vector<std::string> args = {"--inventory", dir + "/" + c.file, "ping", "inv"};
+        if (*c.limit)
+            args.insert(args.begin() + 2, {"--limit", c.limit});
+        Outcome r = run_eactl(over_ssh(args), dir);
+        EXPECT_EQ(0, r.status) << r.err;
+        for (const std::string& h : c.hosts)
+            EXPECT_TRUE(has(r.out, h + ": reply: inv\n")) << r.out;
+        EXPECT_TRUE(has(r.out, "summary: " + std::to_string(c.hosts.size()) + " ok,")) << r.out;
     }
     Outcome r = run_eactl(over_ssh({"--inventory", dir + "/hosts.ini", "--limit", "nothing", "ping"}), dir);
     EXPECT_EQ(2, r.status);
     EXPECT_TRUE(has(r.err, "kvx-eactl: --limit 'nothing' leaves no host of ")) << r.err;
-    r = run_program({"env", "PATH=/nonexistent", kBin + "/kvx-eactl", "--inventory", dir + "/hosts.ini",
-                     "ping"}, dir);
+    r = run_program({"env", "PATH=/nonexistent", kBin + "/kvx-eactl", "--inventory", dir + "/hosts.ini", "ping"}, dir);
     EXPECT_EQ(2, r.status);
     EXPECT_TRUE(has(r.err, "install Debian's ansible-core")) << r.err;
 }
@@ -291,7 +198,7 @@ TEST_F(EactlDeploy, WarmCallReusesTheConnectionAndTheCachedAgent)
     r = run_eactl(over_ssh({"-v", "--host", "node1", "ping", "warm"}), dir);
     EXPECT_EQ(0, r.status) << r.err;
     EXPECT_TRUE(has(r.out, "reply: warm\n")) << r.out;
-    EXPECT_TRUE(has(r.err, "deployed in /tmp/kvx-eactl.") && has(r.err, " from the node's cache\n")) << r.err;
+    expect_shows(r.err, {"deployed in /tmp/kvx-eactl.", " from the node's cache\n"});
     EXPECT_EQ(after_cold, connections()) << "a new connection";
 
     spill(cached, "#!/bin/sh\ntouch " + dir + "/ran\n", 0755);
@@ -304,17 +211,16 @@ TEST_F(EactlDeploy, WarmCallReusesTheConnectionAndTheCachedAgent)
     EXPECT_EQ(slurp(kBin + "/kvx_ea-static"), slurp(cached));
 }
 
-/* Processes whose parent is this process (the test is their subreaper). */
-std::vector<pid_t> own_children()
+/* Processes whose parent is this process (the test is their subreaper), but sshd. */
+std::vector<pid_t> own_children(pid_t sshd)
 {
     std::vector<pid_t> pids;
     std::string me = "PPid:\t" + std::to_string(getpid()) + "\n";
     Outcome r = run_program({"sh", "-c", "grep -l '^PPid:' /proc/[0-9]*/status 2>/dev/null"}, "/tmp");
     for (size_t at = 0, nl; (nl = r.out.find('\n', at)) != std::string::npos; at = nl + 1) {
-        std::string path = r.out.substr(at, nl - at);
+        std::string path = r.out.substr(at, nl - at), status = slurp(path);
         pid_t pid = atoi(path.c_str() + 6);
-        std::string status = slurp(path);
-        if (has(status, me) && !has(status, "State:\tZ") && pid != EactlDeploy::sshd_pid())
+        if (has(status, me) && !has(status, "State:\tZ") && pid != sshd)
             pids.push_back(pid);
     }
     return pids;
@@ -335,55 +241,35 @@ TEST_F(EactlDeploy, InterruptDuringDemoLeavesNothingBehind)
         std::string out = dir + "/demo.out", err = dir + "/demo.err";
         std::vector<std::string> args = over_ssh({"--no-reuse", "--host", c.hosts, "demo", "--seconds", "60"});
         args.insert(args.begin(), kBin + "/kvx-eactl");
-        pid_t pid = fork();
-        if (pid == 0) {
-            int o = open(out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-            int e = open(err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-            dup2(o, 1);
-            dup2(e, 2);
-            std::vector<char*> argv;
-            for (const std::string& a : args)
-                argv.push_back(const_cast<char*>(a.c_str()));
-            argv.push_back(nullptr);
-            execv(argv[0], argv.data());
-            _exit(127);
-        }
+        pid_t pid = start_program(args, "/dev/null", out, err);
         /* each backup runs once its first progress line is out */
-        std::string text;
-        std::vector<std::string> targets;
-        std::regex deployed(" deployed on node[12] \\(x86_64\\) in (/[^\n]+)\n");
-        std::regex progress("%  [^\n]*\n");
-        for (int k = 0; k < 3000; k++) {
+        std::string text, deployed = " deployed on node[12] \\(x86_64\\) in (/[^\n]+)\n";
+        for (int k = 0; k < 3000 && (count_of(text, deployed) < c.nodes || count_of(text, "%  [^\n]*\n") < c.nodes);
+             k++) {
             usleep(10000);
             text = slurp(out);
-            targets.clear();
-            for (std::sregex_iterator it(text.begin(), text.end(), deployed), end; it != end; ++it)
-                targets.push_back((*it)[1]);
-            auto progresses = std::distance(std::sregex_iterator(text.begin(), text.end(), progress),
-                                            std::sregex_iterator());
-            if (targets.size() == c.nodes && (size_t)progresses >= c.nodes)
-                break;
         }
+        std::vector<std::string> targets;
+        std::regex re(deployed);
+        for (std::sregex_iterator it(text.begin(), text.end(), re), end; it != end; ++it)
+            targets.push_back((*it)[1]);
         ASSERT_EQ(c.nodes, targets.size()) << text << slurp(err);
         for (const std::string& t : targets)
             ASSERT_EQ(0, access(t.c_str(), F_OK)) << t;
-        struct timespec t0, t1;
-        clock_gettime(CLOCK_MONOTONIC, &t0);
+        double t0 = now_s();
         kill(pid, c.sig);
-        int st = 0;
-        waitpid(pid, &st, 0);
-        clock_gettime(CLOCK_MONOTONIC, &t1);
-        EXPECT_LT(t1.tv_sec - t0.tv_sec, 15) << "the demo ran on";
+        int st = eactl_reap(pid);
+        EXPECT_LT(now_s() - t0, 15.0) << "the demo ran on";
         EXPECT_TRUE(WIFEXITED(st)) << st;
         EXPECT_EQ(128 + c.sig, WEXITSTATUS(st)) << slurp(err);
         for (const std::string& t : targets) {
             EXPECT_NE(0, access(t.c_str(), F_OK)) << t << " left on the node";
-            Outcome ps = run_program({"sh", "-c", "ls -l /proc/[0-9]*/exe 2>/dev/null | grep -F '" + t + "/'"}, dir);
-            EXPECT_EQ("", ps.out) << "left running on the node";
+            EXPECT_EQ("", run_program({"sh", "-c", "ls -l /proc/[0-9]*/exe 2>/dev/null | grep -F '" + t + "/'"}, dir).out)
+                << "left running on the node";
         }
         while (waitpid(-1, &st, WNOHANG) > 0)   /* ended orphans of the node's side */
             ;
-        std::vector<pid_t> left = own_children();
+        std::vector<pid_t> left = own_children(sb.pid);
         EXPECT_TRUE(left.empty()) << left.size() << " processes of the client left, e.g. "
                                   << (left.empty() ? "" : slurp("/proc/" + std::to_string(left[0]) + "/cmdline"));
         for (pid_t p : left)
@@ -401,15 +287,15 @@ TEST_F(EactlDeploy, NoexecTmpFallsBackToAnotherDirectory)
 {
     if (sshd_sandbox_run({"unshare", "-m", "true"}) != 0)
         GTEST_SKIP() << "no mount namespace here (needs root)";
-    if (std::string(KVX_BIN_DIR).compare(0, 5, "/tmp/") == 0)
+    if (kBin.compare(0, 5, "/tmp/") == 0)
         GTEST_SKIP() << "the build tree is under /tmp, which the test covers";
-    std::string tmpdir = temp_dir("kvx-eactl-tmpdir");   /* made before /tmp is covered */
     std::string var_tmpdir = "/var/tmp/kvx-eactl-test-tmpdir." + std::to_string(getpid());
     mkdir(var_tmpdir.c_str(), 0755);
+    const std::string moved = "kvx-eactl: localhost: /tmp cannot run programs: deployed in ";
     const struct { std::string mount, env, target; int status; std::string err; } cases[] = {
-        {"noexec", "", "", 0, "kvx-eactl: localhost: /tmp cannot run programs: deployed in /var/tmp/kvx-eactl."},
-        {"ro", "", "", 0, "kvx-eactl: localhost: /tmp cannot run programs: deployed in /var/tmp/kvx-eactl."},
-        {"noexec", "TMPDIR=" + var_tmpdir, "", 0, "kvx-eactl: localhost: /tmp cannot run programs: deployed in " + var_tmpdir + "/kvx-eactl."},
+        {"noexec", "", "", 0, moved + "/var/tmp/kvx-eactl."},
+        {"ro", "", "", 0, moved + "/var/tmp/kvx-eactl."},
+        {"noexec", "TMPDIR=" + var_tmpdir, "", 0, moved + var_tmpdir + "/kvx-eactl."},
         {"noexec", "", "/tmp/given", 1, "kvx-eactl: localhost: stderr: kvx-eactl: /tmp/given cannot run programs"},
     };
     for (const auto& c : cases) {
@@ -433,7 +319,6 @@ TEST_F(EactlDeploy, NoexecTmpFallsBackToAnotherDirectory)
     Outcome left = run_program({"sh", "-c", "ls -d /var/tmp/kvx-eactl.* " + var_tmpdir + "/* 2>/dev/null"}, dir);
     EXPECT_EQ("", left.out);
     remove_tree(var_tmpdir);
-    remove_tree(tmpdir);
 }
 
 /* On a terminal the progress line takes its width (less the last column)
@@ -452,14 +337,9 @@ TEST_F(EactlDeploy, ProgressLineFitsTheTerminalAndFollowsItsSize)
     std::string text;
     size_t resized_at = std::string::npos;
     char buf[4096];
-    for (;;) {
-        struct pollfd p = {master, POLLIN, 0};
-        if (poll(&p, 1, 30000) <= 0)
-            break;
-        ssize_t n = read(master, buf, sizeof(buf));
-        if (n <= 0)
-            break;   /* EIO once the client has ended */
-        text.append(buf, (size_t)n);
+    ssize_t n;
+    for (struct pollfd p = {master, POLLIN, 0}; poll(&p, 1, 30000) > 0 && (n = read(master, buf, sizeof(buf))) > 0;) {
+        text.append(buf, (size_t)n);   /* read ends with EIO once the client has ended */
         if (resized_at == std::string::npos && has(text, "MiB/s")) {
             resized_at = text.size();
             ws.ws_col = 60;
@@ -467,53 +347,34 @@ TEST_F(EactlDeploy, ProgressLineFitsTheTerminalAndFollowsItsSize)
         }
     }
     close(master);
-    int st = 0;
-    waitpid(pid, &st, 0);
+    int st = eactl_reap(pid);
     EXPECT_TRUE(WIFEXITED(st) && WEXITSTATUS(st) == 0) << text;
     ASSERT_NE(std::string::npos, resized_at) << text;
-    size_t before = 0, after = 0;
+    size_t widest[2] = {0, 0};   /* before and after the change */
     for (size_t at = 0, end; at < text.size(); at = end + 1) {
-        end = text.find_first_of("\r\n", at);
-        end = end == std::string::npos ? text.size() : end;
+        end = std::min(text.find_first_of("\r\n", at), text.size());
         std::string seg = text.substr(at, end - at);
-        if (!has(seg, "MiB/s") || has(seg, "read 7.0 GiB"))
-            continue;
-        (end <= resized_at ? before : after) = std::max(end <= resized_at ? before : after, seg.size());
+        if (has(seg, "MiB/s") && !has(seg, "read 7.0 GiB"))
+            widest[end > resized_at] = std::max(widest[end > resized_at], seg.size());
     }
-    EXPECT_EQ(39u, before) << text;
-    EXPECT_EQ(59u, after) << text;
+    EXPECT_EQ(39u, widest[0]) << text;
+    EXPECT_EQ(59u, widest[1]) << text;
     EXPECT_TRUE(has(text, "  info     Backing up /dev/sdb1 (xfs, 2.5 GiB)")) << text;
 }
 
-/* Without --agent each node gets the agent it can run: here either one
- * (kvx_ea first), on an i686 node kvx_ea-i386 (when built), over ssh the
- * static agent, which needs no libraries on the node. */
+/* Without --agent each node gets the agent it can run: kvx_ea here (kvx_ea
+ * first), kvx_ea-i386 on an i686 node (when scripts/portable.sh built it)
+ * and over ssh the static agent, which the cache test shows. */
 TEST_F(EactlDeploy, DeploysTheAgentOfTheNodesArchitecture)
 {
-    const struct {
-        std::vector<std::string> prefix, options;
-        const char* agent;
-        const char* elf;
-    } cases[] = {
-        {{}, {}, "kvx_ea", "ELF 64-bit"},
-        {{"setarch", "i686"}, {}, "kvx_ea-i386", "ELF 32-bit"},
-        {{}, {"--ssh", "ssh -F " + sb.client_config, "--host", "node3"}, "kvx_ea-static",
-         "ELF 64-bit LSB executable, x86-64"},
-    };
+    const struct { const char* arch; const char* agent; } cases[] = {{"x86_64", "kvx_ea"}, {"i686", "kvx_ea-i386"}};
     for (const auto& c : cases) {
-        SCOPED_TRACE(c.agent);
         if (!built(c.agent))
-            continue;   /* the i386 agent comes from scripts/portable.sh; no static one under sanitizers */
-        std::string target = dir + "/" + c.agent;
-        std::vector<std::string> args = c.prefix;
-        args.push_back(kBin + "/kvx-eactl");
-        args.insert(args.end(), c.options.begin(), c.options.end());
-        args.insert(args.end(), {"--target", target, "ping", "arch"});
-        Outcome r = run_program(args, dir);
+            continue;
+        std::string target = dir + "/" + c.arch;
+        Outcome r = run_program({"setarch", c.arch, kBin + "/kvx-eactl", "--target", target, "ping", "arch"}, dir);
         EXPECT_TRUE(has(r.out, "reply: arch")) << r.out << r.err;
-        EXPECT_EQ(slurp(kBin + "/" + c.agent), slurp(target + "/boot/kvx_ea"));
-        Outcome what = run_program({"file", "-b", target + "/boot/kvx_ea"}, dir);
-        EXPECT_EQ(0u, what.out.find(c.elf)) << what.out;
+        EXPECT_EQ(slurp(kBin + "/" + c.agent), slurp(target + "/boot/kvx_ea")) << c.arch;
     }
 }
 
@@ -524,11 +385,10 @@ TEST_F(EactlDeploy, PackageRunsFromAnUnpackedRoot)
     if (!built("kvx_ea-static"))
         GTEST_SKIP() << "the package needs the static agent, which sanitizer builds lack";
     Outcome r = run_program({"bash", std::string(KVX_SOURCE_DIR) + "/scripts/package.sh", "--bin", kBin,
-                         "--out", dir}, dir);
-    std::string deb = dir + "/kvx-ea_" KVX_VERSION_TEXT "_amd64.deb";
+                             "--out", dir}, dir);
+    std::string deb = dir + "/kvx-ea_" KVX_VERSION_TEXT "_amd64.deb", root = dir + "/root";
     ASSERT_EQ(0, r.status) << r.err;
     ASSERT_EQ(deb + "\n", r.out);
-    std::string root = dir + "/root";
     ASSERT_EQ(0, run_program({"dpkg-deb", "-x", deb, root}, dir).status);
     for (const char* file : {"/usr/bin/kvx-eactl", "/usr/lib/kvx-ea/kvx_ea-static",
                              "/usr/lib/kvx-ea/kvxbackupvol-sim", "/usr/share/man/man1/kvx-eactl.1.gz",
@@ -538,8 +398,7 @@ TEST_F(EactlDeploy, PackageRunsFromAnUnpackedRoot)
     for (const char* agent : {"kvx_ea-i386", "kvx_ea-aarch64", "kvx_ea-ppc64le", "kvx_ea-s390x"})
         EXPECT_EQ(built(agent), access((root + "/usr/lib/kvx-ea/" + agent).c_str(), R_OK) == 0) << agent;
 
-    r = run_program({root + "/usr/bin/kvx-eactl", "--version"}, dir);
-    EXPECT_EQ("kvx-eactl " KVX_VERSION_TEXT "\n", r.out);
+    EXPECT_EQ("kvx-eactl " KVX_VERSION_TEXT "\n", run_program({root + "/usr/bin/kvx-eactl", "--version"}, dir).out);
     r = run_program({root + "/usr/bin/kvx-eactl", "-v", "ping", "packaged"}, dir);
     EXPECT_EQ(0, r.status) << r.err;
     EXPECT_TRUE(has(r.out, "reply: packaged\n")) << r.out;
@@ -548,7 +407,7 @@ TEST_F(EactlDeploy, PackageRunsFromAnUnpackedRoot)
     r = run_program({"man", "--warnings", "-E", "UTF-8", "-l", root + "/usr/share/man/man1/kvx-eactl.1.gz"}, dir);
     EXPECT_EQ(0, r.status);
     EXPECT_EQ("", r.err);
-    EXPECT_TRUE(has(r.out, "KVX-EACTL(1)") && has(r.out, "--hosts-file FILE")) << r.out;
+    expect_shows(r.out, {"KVX-EACTL(1)", "--hosts-file FILE"});
 }
 
 } // namespace

@@ -7,8 +7,6 @@
 #include <signal.h>
 #include <string.h>
 
-#include <regex>
-
 #include "eactl_fixture.h"
 
 namespace {
@@ -28,10 +26,9 @@ TEST_F(EactlClient, TimeOutEndsANodeWhoseProcessesHoldItsPipes)
     EXPECT_EQ(4, r.status);
     EXPECT_LT(r.seconds, 20.0) << "held by the escaped process";
     EXPECT_TRUE(has(r.err, "kvx-eactl: localhost: ping: timed out after 1 s")) << r.err;
-    size_t at = r.err.find(" deployed in ");
-    ASSERT_NE(std::string::npos, at) << r.err;
-    std::string target = r.err.substr(at + 13, r.err.find('\n', at) - at - 13);
-    EXPECT_NE(0, access(target.c_str(), F_OK)) << target << " left behind";
+    std::smatch m;
+    ASSERT_TRUE(std::regex_search(r.err, m, std::regex(" deployed in (/[^ \n]+)"))) << r.err;
+    EXPECT_NE(0, access(std::string(m[1]).c_str(), F_OK)) << m[1] << " left behind";
     ASSERT_GT(agent, 0);
     std::string stat = slurp("/proc/" + std::to_string(agent) + "/stat");
     EXPECT_TRUE(stat.empty() || has(stat, ") Z ")) << "the agent runs on: " << stat;

@@ -2,6 +2,7 @@
  * sshd_sandbox.cpp - a private sshd for tests and benchmarks (see the header).
  */
 #include "sshd_sandbox.h"
+#include "eactl_spawn.h"
 
 #include <arpa/inet.h>
 #include <errno.h>
@@ -253,21 +254,6 @@ std::string sshd_sandbox_read(const std::string& path)
 
 int sshd_sandbox_run(std::vector<std::string> args)
 {
-    pid_t pid = fork();
-    if (pid == 0) {
-        int null_fd = open("/dev/null", O_RDWR);
-        dup2(null_fd, 0);
-        dup2(null_fd, 1);
-        dup2(null_fd, 2);
-        std::vector<char*> argv;
-        for (std::string& a : args)
-            argv.push_back(&a[0]);
-        argv.push_back(nullptr);
-        execvp(argv[0], argv.data());
-        _exit(127);
-    }
-    int st = 0;
-    if (pid < 0 || waitpid(pid, &st, 0) != pid)
-        return -1;
-    return WIFEXITED(st) ? WEXITSTATUS(st) : -1;
+    int st = eactl_reap(eactl_spawn(args, EACTL_DEVNULL, EACTL_DEVNULL, EACTL_DEVNULL));
+    return st != -1 && WIFEXITED(st) ? WEXITSTATUS(st) : -1;
 }

@@ -23,6 +23,7 @@
  *           directory.
  */
 #include "eactl.h"
+#include "eactl_spawn.h"
 
 #include <errno.h>
 #include <fcntl.h>
@@ -186,23 +187,7 @@ void end_on_node(EactlSession* s)
                        "while [ -e " + shell_quote(s->target_dir) + " ] && [ $i -lt 50 ]; do sleep 0.1; i=$((i+1)); done";
     std::vector<std::string> args = node_command(s, line);
     args.insert(args.begin(), {"timeout", "-s", "KILL", std::to_string(s->connect_timeout_s + 10)});
-    pid_t pid = fork();
-    if (pid == 0) {
-        int null_fd = open("/dev/null", O_RDWR);
-        dup2(null_fd, 0);
-        dup2(null_fd, 1);
-        if (s->err_fd >= 0)
-            dup2(s->err_fd, 2);
-        std::vector<char*> argv;
-        for (std::string& a : args)
-            argv.push_back(&a[0]);
-        argv.push_back(nullptr);
-        execvp(argv[0], argv.data());
-        _exit(127);
-    }
-    int st;
-    while (pid > 0 && waitpid(pid, &st, 0) < 0 && errno == EINTR)
-        ;
+    eactl_reap(eactl_spawn(args, EACTL_DEVNULL, EACTL_DEVNULL, s->err_fd >= 0 ? s->err_fd : EACTL_KEEP));
 }
 
 /* A file that holds the shell's standard error, gone from the file system. */
@@ -434,31 +419,10 @@ namespace {
 std::string sha256_of(const std::string& path)
 {
     std::string out;
-    int fds[2];
-    if (pipe2(fds, O_CLOEXEC) != 0)
-        return out;
-    pid_t pid = fork();
-    if (pid == 0) {
-        dup2(fds[1], 1);
-        execlp("sha256sum", "sha256sum", "--", path.c_str(), (char*)NULL);
-        _exit(127);
-    }
-    close(fds[1]);
-    char buf[128];
-    ssize_t n;
-    while (pid > 0 && (n = read(fds[0], buf, sizeof(buf))) != 0) {
-        if (n > 0)
-            out.append(buf, (size_t)n);
-        else if (errno != EINTR)
-            break;
-    }
-    close(fds[0]);
-    int st = 0;
-    if (pid > 0)
-        while (waitpid(pid, &st, 0) < 0 && errno == EINTR)
-            ;
+    if (!eactl_capture({"sha256sum", "--", path}, &out))
+        return "";
     out = out.substr(0, out.find(' '));
-    return pid > 0 && WIFEXITED(st) && WEXITSTATUS(st) == 0 && out.size() == 64 ? out : "";
+    return out.size() == 64 ? out : "";
 }
 
 } /* namespace */
@@ -534,28 +498,14 @@ int eactl_start(EactlSession* s, std::vector<std::string> args, bool new_session
 {
     int to[2] = {-1, -1}, from[2] = {-1, -1};
     pid_t pid = -1;
-    if (pipe2(to, O_CLOEXEC) != 0 || pipe2(from, O_CLOEXEC) != 0 || (pid = fork()) < 0) {
+    if (pipe2(to, O_CLOEXEC) != 0 || pipe2(from, O_CLOEXEC) != 0 ||
+        (pid = eactl_spawn(args, to[0], from[1], s->err_fd >= 0 ? s->err_fd : EACTL_KEEP, new_session, true)) < 0) {
         fprintf(stderr, "kvx-eactl: %s: %s\n", to[0] < 0 || from[0] < 0 ? "pipe" : "fork",
                 strerror(errno));
         for (int fd : {to[0], to[1], from[0], from[1]})
             if (fd >= 0)
                 close(fd);
         return -1;
-    }
-    if (pid == 0) {
-        dup2(to[0], 0);
-        dup2(from[1], 1);
-        if (s->err_fd >= 0)
-            dup2(s->err_fd, 2);
-        if (new_session)
-            setsid();
-        std::vector<char*> argv;
-        for (std::string& a : args)
-            argv.push_back(&a[0]);
-        argv.push_back(nullptr);
-        execvp(argv[0], argv.data());
-        fprintf(stderr, "kvx-eactl: cannot run %s: %s\n", argv[0], strerror(errno));
-        _exit(127);
     }
     close(to[0]);
     close(from[1]);

@@ -4,14 +4,13 @@
  * inventories read through Ansible's own tools.
  */
 #include "eactl.h"
+#include "eactl_spawn.h"
 
 #include <errno.h>
-#include <fcntl.h>
 #include <jansson.h>
 #include <set>
 #include <stdlib.h>
 #include <string.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 namespace {
@@ -80,40 +79,6 @@ bool expand_one(const std::string& name, std::vector<std::string>* out)
         }
     }
     return true;
-}
-
-/* Runs args and returns its standard output; its standard error passes
- * through.  false when it could not run or did not exit with 0. */
-bool capture_output(std::vector<std::string> args, std::string* out)
-{
-    int fds[2];
-    if (pipe2(fds, O_CLOEXEC) != 0)
-        return false;
-    pid_t pid = fork();
-    if (pid == 0) {
-        dup2(fds[1], 1);
-        int null_fd = open("/dev/null", O_RDONLY);
-        dup2(null_fd, 0);
-        std::vector<char*> argv;
-        for (std::string& a : args)
-            argv.push_back(&a[0]);
-        argv.push_back(nullptr);
-        execvp(argv[0], argv.data());
-        _exit(127);
-    }
-    close(fds[1]);
-    char buf[65536];
-    ssize_t n;
-    while (pid > 0 && ((n = read(fds[0], buf, sizeof(buf))) > 0 || (n < 0 && errno == EINTR)))
-        if (n > 0)
-            out->append(buf, (size_t)n);
-    close(fds[0]);
-    int st = 0;
-    if (pid < 0)
-        return false;
-    while (waitpid(pid, &st, 0) < 0 && errno == EINTR)
-        ;
-    return WIFEXITED(st) && WEXITSTATUS(st) == 0;
 }
 
 bool in_path(const char* program)
@@ -209,7 +174,7 @@ int eactl_read_inventory(const std::string& file, const std::string& limit,
         return -1;
     }
     std::string text;
-    if (!capture_output({"ansible-inventory", "-i", file, "--list"}, &text)) {
+    if (!eactl_capture({"ansible-inventory", "-i", file, "--list"}, &text)) {
         fprintf(stderr, "kvx-eactl: ansible-inventory could not read %s\n", file.c_str());
         return -1;
     }
@@ -227,7 +192,7 @@ int eactl_read_inventory(const std::string& file, const std::string& limit,
     if (!limit.empty()) {
         /* Ansible's own pattern matching ("web:&prod:!web02", "db*", ...) */
         std::string listed;
-        if (!capture_output({"ansible", "all", "-i", file, "--list-hosts", "--limit", limit}, &listed)) {
+        if (!eactl_capture({"ansible", "all", "-i", file, "--list-hosts", "--limit", limit}, &listed)) {
             fprintf(stderr, "kvx-eactl: --limit '%s' leaves no host of %s\n", limit.c_str(), file.c_str());
             json_decref(inv);
             return -1;
