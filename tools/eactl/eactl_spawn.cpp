@@ -14,6 +14,10 @@
 pid_t eactl_spawn(std::vector<std::string> args, int in, int out, int err, bool new_session,
                   bool say_failure)
 {
+    std::vector<char*> argv;   /* built before the fork: the child only sets streams and execs */
+    for (std::string& a : args)
+        argv.push_back(&a[0]);
+    argv.push_back(nullptr);
     pid_t pid = fork();
     if (pid != 0)
         return pid;
@@ -26,10 +30,6 @@ pid_t eactl_spawn(std::vector<std::string> args, int in, int out, int err, bool 
     }
     if (new_session)
         setsid();
-    std::vector<char*> argv;
-    for (std::string& a : args)
-        argv.push_back(&a[0]);
-    argv.push_back(nullptr);
     execvp(argv[0], argv.data());
     if (say_failure)
         fprintf(stderr, "kvx-eactl: cannot run %s: %s\n", argv[0], strerror(errno));
