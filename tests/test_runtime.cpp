@@ -4,7 +4,7 @@
 #include <sys/stat.h>
 #include <time.h>
 
-#include "test_runtime_support.h"
+#include "test_exec_cmd_client.h"
 
 namespace {
 
@@ -43,8 +43,7 @@ TEST(Loop, AnswersWhatDecodesSkipsTheRestThenEndsCleanly)
     ASSERT_TRUE(run_cmd(h, 100, "sleep 0.2", true));
     std::string split = request_line(101, 1, "{\"str\": \"in two pieces\"}");
     h.send_raw(split.substr(0, 30), false);
-    for (int i = 0; i < 500 && log_count(h.log(), "ea_svc", 38, "signal_child: child pid=") == 0; i++)
-        usleep(20000);
+    wait_until([&] { return log_count(h.log(), "ea_svc", 38, "signal_child: child pid=") > 0; });
     h.send_raw(split.substr(30));
     json_t* r = read_reply(h);
     ASSERT_NE(r, nullptr) << "the request was lost";
@@ -124,12 +123,9 @@ TEST(Cleanup, StopSignalRemovesFilesKillsParentExitsOne)
         ASSERT_TRUE(h.start());
         std::string busy = h.root + "/busy", go = h.root + "/go";
         if (c.busy) {
-            h.send_raw(request_line(1, 3, "{\"str\": \"touch " + busy + "; until [ -e " + go +
-                                              " ]; do sleep 0.02; done\", \"msg_mode\": false, "
-                                              "\"block_mode\": false, \"jobid\": 0, \"user\": \"\", "
-                                              "\"passwd\": \"\", \"sudoflag\": 0}"));
-            for (int i = 0; i < 500 && !AgentHarness::exists(busy); i++)
-                usleep(20000);
+            h.send_raw(request_line(1, 3, exec_args("touch " + busy + "; until [ -e " + go + " ]; do sleep 0.02; done",
+                                                    false)));
+            wait_until([&] { return AgentHarness::exists(busy); });
         } else {
             ASSERT_TRUE(run_cmd(h, 1, ":"));
         }

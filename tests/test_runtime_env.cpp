@@ -59,7 +59,8 @@ TEST(StartUp, OneShotModesOptionFormsAndChildEnvironment)
         ASSERT_TRUE(h.start(args, false));
         if (f.exit_status >= 0) {
             EXPECT_EQ(h.wait_exit(60), f.exit_status);
-            EXPECT_FALSE(h.reply_pending(100));
+            std::string reply;
+            EXPECT_FALSE(h.read_raw(reply, 100));
             EXPECT_FALSE(AgentHarness::exists(env_work + "/logs"));
             continue;
         }

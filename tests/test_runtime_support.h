@@ -39,6 +39,15 @@ static inline std::vector<std::string> read_lines(const std::string& path)
     return lines;
 }
 
+// True once done() holds, polled every 20 ms for ms at most.
+template <class F> static inline bool wait_until(F done, int ms = 10000)
+{
+    for (int i = 0; i < ms / 20; i++, usleep(20000))
+        if (done())
+            return true;
+    return done();
+}
+
 // One request line; param_json "" leaves "param" out.
 static inline std::string request_line(int seq, int fn, const std::string& param_json)
 {
@@ -72,13 +81,12 @@ static inline bool run_cmd(AgentHarness& h, int seq, const std::string& cmd, boo
 // <root>/prog.pid, -1 when none came within 10 s.
 static inline pid_t start_program(AgentHarness& h, int seq, const std::string& cmd)
 {
-    bool started = run_cmd(h, seq, cmd, true);
-    for (int i = 0; started && i < 500; i++, usleep(20000)) {
-        std::string pid = AgentHarness::read_file(h.root + "/prog.pid");
-        if (!pid.empty() && pid.back() == '\n')
-            return atoi(pid.c_str());
-    }
-    return -1;
+    std::string pid;
+    bool started = run_cmd(h, seq, cmd, true) && wait_until([&] {
+        pid = AgentHarness::read_file(h.root + "/prog.pid");
+        return !pid.empty() && pid.back() == '\n';
+    });
+    return started ? atoi(pid.c_str()) : -1;
 }
 
 // Waits (10 s at most) until process pid runs with argv[0] name: a fork
@@ -86,10 +94,7 @@ static inline pid_t start_program(AgentHarness& h, int seq, const std::string& c
 static inline bool wait_exec(pid_t pid, const std::string& name)
 {
     std::string cmdline = "/proc/" + std::to_string(pid) + "/cmdline";
-    for (int i = 0; i < 500; i++, usleep(20000))
-        if (AgentHarness::read_file(cmdline).compare(0, name.size() + 1, name + '\0') == 0)
-            return true;
-    return false;
+    return wait_until([&] { return AgentHarness::read_file(cmdline).compare(0, name.size() + 1, name + '\0') == 0; });
 }
 
 // Stub that also appends its call line to <root>/journal, which outlives

@@ -9,8 +9,8 @@
 
 #include <errno.h>
 #include <fcntl.h>
-#include <ftw.h>
 #include <grp.h>
+#include <mntent.h>
 #include <poll.h>
 #include <signal.h>
 #include <stdlib.h>
@@ -26,6 +26,7 @@
 #include <algorithm>
 #include <chrono>
 #include <condition_variable>
+#include <filesystem>
 #include <fstream>
 #include <mutex>
 #include <sstream>
@@ -33,31 +34,13 @@
 
 namespace {
 
-uid_t g_chown_uid;
-gid_t g_chown_gid;
+namespace fs = std::filesystem;
 
-int chown_entry(const char* path, const struct stat*, int, struct FTW*)
+void copy_program(const std::string& from, const std::string& to)
 {
-    if (lchown(path, g_chown_uid, g_chown_gid) != 0)
-        return -1;
-    return 0;
-}
-
-int remove_entry(const char* path, const struct stat*, int, struct FTW*)
-{
-    remove(path);
-    return 0;
-}
-
-bool copy_file(const std::string& from, const std::string& to, mode_t mode)
-{
-    std::ifstream in(from, std::ios::binary);
-    if (!in)
-        return false;
-    std::ofstream out(to, std::ios::binary | std::ios::trunc);
-    out << in.rdbuf();
-    out.close();
-    return chmod(to.c_str(), mode) == 0;
+    std::error_code ec;
+    fs::copy_file(from, to, fs::copy_options::overwrite_existing, ec);
+    chmod(to.c_str(), 0755);
 }
 
 /* Reads exactly n bytes within timeout_ms; false on time-out or end of file. */
@@ -112,20 +95,12 @@ std::string emulator()
 std::vector<std::string> mounts_below(const std::string& dir)
 {
     std::vector<std::string> found;
-    std::ifstream in("/proc/self/mountinfo");
-    std::string line;
-    while (std::getline(in, line)) {
-        std::istringstream fields(line);
-        std::string id, parent, devno, rootp, point;
-        fields >> id >> parent >> devno >> rootp >> point;
-        /* blanks, tabs, newlines and backslashes are written as \ooo */
-        for (size_t at = 0; (at = point.find('\\', at)) != std::string::npos; at++)
-            if (point.size() - at >= 4)
-                point.replace(at, 4, 1, (char)std::stoi(point.substr(at + 1, 3), nullptr, 8));
-        if (point.compare(0, dir.size(), dir) == 0 &&
-            (point.size() == dir.size() || point[dir.size()] == '/'))
-            found.push_back(point);
-    }
+    FILE* table = setmntent("/proc/self/mounts", "r");
+    for (struct mntent* m; table && (m = getmntent(table)) != nullptr;)
+        if (strncmp(m->mnt_dir, dir.c_str(), dir.size()) == 0 && (m->mnt_dir[dir.size()] == '\0' || m->mnt_dir[dir.size()] == '/'))
+            found.push_back(m->mnt_dir);
+    if (table)
+        endmntent(table);
     std::sort(found.begin(), found.end(),
               [](const std::string& a, const std::string& b) { return a.size() > b.size(); });
     return found;
@@ -167,7 +142,7 @@ AgentHarness::AgentHarness(const std::string& tree)
     mkdir(boot_dir.c_str(), 0755);
     mkdir(work_dir.c_str(), 0755);
     mkdir(client_dir.c_str(), 0755);
-    copy_file(agent_binary(), boot_dir + "/kvx_ea", 0755);
+    copy_program(agent_binary(), boot_dir + "/kvx_ea");
 
     m_env.push_back("PATH=/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin");
     m_env.push_back("HOME=/root");
@@ -185,7 +160,8 @@ AgentHarness::~AgentHarness()
     stop();
     for (const std::string& point : mounts_below(base))
         umount2(point.c_str(), MNT_DETACH);
-    nftw(base.c_str(), remove_entry, 16, FTW_DEPTH | FTW_PHYS);
+    std::error_code ec;
+    fs::remove_all(base, ec);
 }
 
 void AgentHarness::add_stub(const std::string& name, int exit_code, const std::string& extra_sh)
@@ -222,11 +198,11 @@ void AgentHarness::install_simulator()
     const char* env = getenv("KVX_SIM_BINARY");
     std::string sim = env && *env ? env : std::string(KVX_BIN_DIR) + "/kvxbackupvol-sim";
     if (emulator().empty()) {
-        copy_file(sim, client_dir + "/kvxbackupvol", 0755);
+        copy_program(sim, client_dir + "/kvxbackupvol");
         return;
     }
     /* another CPU's program runs through the emulator, under the same pid */
-    copy_file(sim, base + "/kvxbackupvol-sim", 0755);
+    copy_program(sim, base + "/kvxbackupvol-sim");
     write_script(client_dir + "/kvxbackupvol",
                  "exec '" + emulator() + "' '" + base + "/kvxbackupvol-sim' \"$@\"\n");
 }
@@ -251,10 +227,11 @@ bool AgentHarness::start(const std::vector<std::string>& args, bool default_args
 {
     if (!exists(boot_dir + "/kvx_ea"))
         return false;
-    if (m_as_user) {
-        g_chown_uid = m_uid;
-        g_chown_gid = m_gid;
-        nftw(root.c_str(), chown_entry, 16, FTW_PHYS);
+    if (m_as_user) {   /* links are not followed */
+        std::error_code ec;
+        lchown(root.c_str(), m_uid, m_gid);
+        for (const auto& e : fs::recursive_directory_iterator(root, ec))
+            lchown(e.path().c_str(), m_uid, m_gid);
     }
 
     std::vector<std::string> argv_s;
@@ -421,18 +398,6 @@ bool AgentHarness::read_raw(std::string& out, int timeout_ms)
     return false;
 }
 
-bool AgentHarness::reply_pending(int timeout_ms)
-{
-    if (m_from_agent < 0)
-        return false;
-    struct pollfd pfd = {m_from_agent, POLLIN, 0};
-    int rc;
-    do {
-        rc = poll(&pfd, 1, timeout_ms);
-    } while (rc < 0 && errno == EINTR);
-    return rc > 0 && (pfd.revents & POLLIN);
-}
-
 bool AgentHarness::in_agent_namespaces(const std::function<bool()>& fn)
 {
     if (m_agent <= 0)
@@ -521,12 +486,6 @@ bool AgentHarness::parent_alive()
         return false;
     }
     return kill(m_parent, 0) == 0;
-}
-
-void AgentHarness::kill_parent(int sig)
-{
-    if (m_parent > 0)
-        kill(m_parent, sig);
 }
 
 void AgentHarness::signal_agent(int sig)

@@ -65,8 +65,6 @@ public:
     /* ---- the agent process ---- */
     /* Starts the agent; args default to {"--targetworkdir", work_dir}. */
     bool start(const std::vector<std::string>& args = {}, bool default_args = true);
-    /* Client endpoint bound to the agent's standard input and output. */
-    ExecProto* proto() { return m_proto; }
     /* ExecProto::call guarded by a watchdog: after timeout_ms the agent is
      * killed, which makes the call return -2. */
     int call(int fn, jxdrproc_t f_args, char* args, jxdrproc_t f_resp, char* resp,
@@ -77,8 +75,6 @@ public:
     /* Reads one raw record (up to and including "\n") within timeout_ms;
      * false when nothing arrived. */
     bool read_raw(std::string& out, int timeout_ms);
-    /* True when reply bytes arrive within timeout_ms. */
-    bool reply_pending(int timeout_ms);
     void close_input();
     /* Closes the test's end of the agent's standard output (later writes break). */
     void close_output();
@@ -86,7 +82,6 @@ public:
      * it has not ended within timeout_s. */
     int  wait_exit(int timeout_s);
     bool parent_alive();
-    void kill_parent(int sig = SIGKILL);
     void signal_agent(int sig);
     pid_t agent_pid() const { return m_agent; }
     pid_t parent_pid() const { return m_parent; }
