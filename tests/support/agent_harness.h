@@ -96,21 +96,21 @@ public:
 private:
     void stop();
     std::vector<std::string> m_env;
-    uid_t m_uid;
-    gid_t m_gid;
-    bool  m_as_user;
-    bool  m_private;
-    int   m_nofile;      /* RLIMIT_NOFILE for the agent, 0: inherited */
-    pid_t m_parent;
-    pid_t m_agent;
-    int   m_to_agent;      /* write end of the agent's stdin */
-    int   m_from_agent;    /* read end of the agent's stdout */
-    int   m_status_fd;     /* parent reports the agent's pid and exit status */
-    int   m_exit;          /* collected exit status, -1 until known */
-    FILE* m_in;
-    FILE* m_out;
-    STDIOChannel* m_channel;
-    ExecProto*    m_proto;
+    uid_t m_uid = 0;
+    gid_t m_gid = 0;
+    bool  m_as_user = false;
+    bool  m_private = true;
+    int   m_nofile = 0;         /* RLIMIT_NOFILE for the agent, 0: inherited */
+    pid_t m_parent = -1;
+    pid_t m_agent = -1;
+    int   m_to_agent = -1;      /* write end of the agent's stdin */
+    int   m_from_agent = -1;    /* read end of the agent's stdout */
+    int   m_status_fd = -1;     /* parent reports the agent's pid and exit status */
+    int   m_exit = -1;          /* collected exit status, -1 until known */
+    FILE* m_in = nullptr;
+    FILE* m_out = nullptr;
+    STDIOChannel* m_channel = nullptr;
+    ExecProto*    m_proto = nullptr;
 };
 
 #endif /* AGENT_HARNESS_H */
