@@ -30,15 +30,6 @@ static inline int log_count(const std::string& log, const char* src, int lineno,
     return n;
 }
 
-static inline std::vector<std::string> read_lines(const std::string& path)
-{
-    std::vector<std::string> lines;
-    std::istringstream in(AgentHarness::read_file(path));
-    for (std::string line; std::getline(in, line);)
-        lines.push_back(line);
-    return lines;
-}
-
 // True once done() holds, polled every 20 ms for ms at most.
 template <class F> static inline bool wait_until(F done, int ms = 10000)
 {
@@ -131,7 +122,7 @@ static inline void expect_cleaned(const std::string& root, std::vector<std::stri
         rm += w + f;
     calls.insert(calls.end(), {"driverinstall -u", "killall kvxagent",
                                rm + " " + root + "/boot///checkmachine " + root + "/boot//kvx_ea"});
-    EXPECT_EQ(read_lines(root + "/journal"), calls);
+    EXPECT_EQ(AgentHarness::read_lines(root + "/journal"), calls);
 }
 
 #endif // TEST_RUNTIME_SUPPORT_H

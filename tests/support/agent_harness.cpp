@@ -161,10 +161,14 @@ void AgentHarness::add_stub(const std::string& name, int exit_code, const std::s
 
 std::vector<std::string> AgentHarness::stub_calls(const std::string& name) const
 {
+    return read_lines(client_dir + "/" + name + ".calls");
+}
+
+std::vector<std::string> AgentHarness::read_lines(const std::string& path)
+{
     std::vector<std::string> lines;
-    std::ifstream in(client_dir + "/" + name + ".calls");
-    std::string line;
-    while (std::getline(in, line))
+    std::ifstream in(path);
+    for (std::string line; std::getline(in, line);)
         lines.push_back(line);
     return lines;
 }

@@ -91,6 +91,7 @@ public:
     std::string agent_stderr() const;   /* the agent's standard error */
     static bool exists(const std::string& path);
     static std::string read_file(const std::string& path);
+    static std::vector<std::string> read_lines(const std::string& path);   /* without their "\n" */
     static void write_file(const std::string& path, const std::string& text);
 
 private:
