@@ -28,7 +28,7 @@
 #include <filesystem>
 #include <fstream>
 #include <future>
-#include <sstream>
+#include <iterator>
 #include <thread>
 
 namespace {
@@ -148,15 +148,10 @@ AgentHarness::~AgentHarness()
 
 void AgentHarness::add_stub(const std::string& name, int exit_code, const std::string& extra_sh)
 {
-    std::ostringstream s;
-    s << "d=$(cd \"$(dirname \"$0\")\" && pwd)\n"
-      << "n=$(basename \"$0\")\n"
-      << "line=\"$n\"\n"
-      << "for a in \"$@\"; do line=\"$line $a\"; done\n"
-      << "printf '%s\\n' \"$line\" >> \"$d/$n.calls\"\n"
-      << extra_sh << "\n"
-      << "exit " << exit_code << "\n";
-    write_script(client_dir + "/" + name, s.str());
+    write_script(client_dir + "/" + name, "d=$(cd \"$(dirname \"$0\")\" && pwd)\nn=$(basename \"$0\")\nline=\"$n\"\n"
+                                          "for a in \"$@\"; do line=\"$line $a\"; done\n"
+                                          "printf '%s\\n' \"$line\" >> \"$d/$n.calls\"\n" +
+                                          extra_sh + "\nexit " + std::to_string(exit_code) + "\n");
 }
 
 std::vector<std::string> AgentHarness::stub_calls(const std::string& name) const
@@ -507,9 +502,7 @@ bool AgentHarness::exists(const std::string& path)
 std::string AgentHarness::read_file(const std::string& path)
 {
     std::ifstream in(path, std::ios::binary);
-    std::ostringstream s;
-    s << in.rdbuf();
-    return s.str();
+    return std::string(std::istreambuf_iterator<char>(in), {});
 }
 
 void AgentHarness::write_file(const std::string& path, const std::string& text)
