@@ -83,7 +83,7 @@ TEST_P(Portable, IsStaticOfItsArchitectureAndServesInAnEmptyRoot)
     if (geteuid() != 0)
         GTEST_SKIP() << "chroot needs root";
     std::string agent = GetParam().qemu ? "/qemu /kvx_ea" : "/kvx_ea";
-    EXPECT_EQ(0, system(("timeout -s KILL 10 chroot '" + dir + "' " + agent +
+    EXPECT_EQ(0, system(("timeout -s KILL 10 /usr/sbin/chroot '" + dir + "' " + agent +
                          " --targetworkdir /work </dev/null >/dev/null 2>&1").c_str()));
 }
 
