@@ -41,6 +41,16 @@ struct RunCase {
 
 static const std::string kId = "SudoExecuteCmdEx: execute command (id -un)\n", kOut = "tty output is: ";
 
+/* sudo as kvxt_sudopw runs id -un: root after one answer, or exit 1 after three tries, a translated
+ * "Sorry" logged after the first two */
+static RunCase SudoId(const char* name, Pwd pwd, const std::string& logged, const char* lang = NULL,
+                      const char* defaults = "")
+{
+    bool right = pwd == Pwd::Right;
+    return { name, AccountKind::SudoPassword, AccountKind::SudoPassword, pwd, NULL, NULL, false, "id -un", -1,
+             right ? 0 : 1, right ? 1 : 3, right ? "root" : "", logged, 1, lang, defaults, !right && lang ? 2 : 1 };
+}
+
 static const RunCase kRuns[] = {
     { "SuRightPasswordRunsAfterExports", AccountKind::Runner, AccountKind::Plain, Pwd::Right, "/kvxt/lib",
       "/usr/bin:/bin", false, kShowEnv.c_str(), -1, 0, 0, "/kvxt/lib|/usr/bin:/bin:" + kStdPath + "|kvxt_plain",
@@ -55,8 +65,6 @@ static const RunCase kRuns[] = {
       "id -un", -1, -4, 0, "", "SuperExecuteCmdEx: password is too long (130 bytes), nothing run.\n" },
     { "SuSecondRootAccountNullCommandIsId", AccountKind::Runner, AccountKind::RootAlias, Pwd::Right, "/kvxt/lib", NULL,
       false, NULL, -1, 0, 0, "uid=0(root) gid=0(root) groups=0(root)", kSu + kExports + "id)\n" },
-    { "SuLongCommandRunsWhole", AccountKind::Runner, AccountKind::Plain, Pwd::Right, "/kvxt/lib", NULL, false,
-      kLong.c_str(), -1, 0, 0, "65000", kSu + kExports + kLongX.substr(0, 8000) },
     { "SuCommandOutlivingTimeoutIsMinusNine", AccountKind::Runner, AccountKind::Plain, Pwd::Right, NULL, NULL, false,
       "sleep 20", 2, -9, 0, "", kSu + "sleep 20)\n" },
     /* su run by root asks nothing: the first text is the command's own, never answered */
@@ -75,39 +83,25 @@ static const RunCase kRuns[] = {
       Pwd::Right, NULL, NULL, false, kOwnPrompt.c_str(), -1, 0, 0, "got[]", "tty output is: Password: " },
     { "SudoLongCommandRunsWhole", AccountKind::SudoNoPassword, AccountKind::SudoNoPassword, Pwd::Empty, NULL, NULL,
       false, kLong.c_str(), -1, 0, 0, "65000", "SudoExecuteCmdEx: execute command (" + kLongX.substr(0, 8000) },
-    { "SudoWrongPasswordGivesUpAfterItsTries", AccountKind::SudoPassword, AccountKind::SudoPassword, Pwd::Wrong, NULL,
-      NULL, false, "id -un", -1, 1, 3, "", "SudoExecuteCmdEx: execute command (id -un)\n" },
+    SudoId("SudoWrongPasswordGivesUpAfterItsTries", Pwd::Wrong, kId),
     /* prompts in any language, and a wrong password's tries counted without its words */
-    { "SudoGermanPromptAnswered", AccountKind::SudoPassword, AccountKind::SudoPassword, Pwd::Right, NULL, NULL, false,
-      "id -un", -1, 0, 1, "root", kOut + "[sudo] Passwort für kvxt_sudopw: ", 1, "de_DE" },
-    { "SudoGermanWrongPasswordTriedThrice", AccountKind::SudoPassword, AccountKind::SudoPassword, Pwd::Wrong, NULL,
-      NULL, false, "id -un", -1, 1, 3, "", kOut + "Das hat nicht funktioniert", 1, "de_DE", "", 2 },
-    { "SudoJapanesePromptAnswered", AccountKind::SudoPassword, AccountKind::SudoPassword, Pwd::Right, NULL, NULL,
-      false, "id -un", -1, 0, 1, "root", kOut + "[sudo] kvxt_sudopw のパスワード:", 1, "ja_JP" },
-    { "SudoJapaneseWrongPasswordTriedThrice", AccountKind::SudoPassword, AccountKind::SudoPassword, Pwd::Wrong, NULL,
-      NULL, false, "id -un", -1, 1, 3, "", kOut + "残念、また試してください。", 1, "ja_JP", "", 2 },
-    { "SudoChineseFullWidthColonAnswered", AccountKind::SudoPassword, AccountKind::SudoPassword, Pwd::Right, NULL,
-      NULL, false, "id -un", -1, 0, 1, "root", kOut + "[sudo] kvxt_sudopw 的密码：", 1, "zh_CN" },
-    { "SudoChineseWrongPasswordTriedThrice", AccountKind::SudoPassword, AccountKind::SudoPassword, Pwd::Wrong, NULL,
-      NULL, false, "id -un", -1, 1, 3, "", kOut + "对不起，请重试。", 1, "zh_CN", "", 2 },
-    { "SudoFrenchPromptAnswered", AccountKind::SudoPassword, AccountKind::SudoPassword, Pwd::Right, NULL, NULL, false,
-      "id -un", -1, 0, 1, "root", kOut + "[sudo] Mot de passe de kvxt_sudopw\u00a0: ", 1, "fr_FR" },
-    { "SudoFrenchWrongPasswordTriedThrice", AccountKind::SudoPassword, AccountKind::SudoPassword, Pwd::Wrong, NULL,
-      NULL, false, "id -un", -1, 1, 3, "", kOut + "Désolé, essayez de nouveau.", 1, "fr_FR", "", 2 },
+    SudoId("SudoGermanPromptAnswered", Pwd::Right, kOut + "[sudo] Passwort für kvxt_sudopw: ", "de_DE"),
+    SudoId("SudoGermanWrongPasswordTriedThrice", Pwd::Wrong, kOut + "Das hat nicht funktioniert", "de_DE"),
+    SudoId("SudoJapanesePromptAnswered", Pwd::Right, kOut + "[sudo] kvxt_sudopw のパスワード:", "ja_JP"),
+    SudoId("SudoJapaneseWrongPasswordTriedThrice", Pwd::Wrong, kOut + "残念、また試してください。", "ja_JP"),
+    SudoId("SudoChineseFullWidthColonAnswered", Pwd::Right, kOut + "[sudo] kvxt_sudopw 的密码：", "zh_CN"),
+    SudoId("SudoChineseWrongPasswordTriedThrice", Pwd::Wrong, kOut + "对不起，请重试。", "zh_CN"),
+    SudoId("SudoFrenchPromptAnswered", Pwd::Right, kOut + "[sudo] Mot de passe de kvxt_sudopw\u00a0: ", "fr_FR"),
+    SudoId("SudoFrenchWrongPasswordTriedThrice", Pwd::Wrong, kOut + "Désolé, essayez de nouveau.", "fr_FR"),
     { "SuChinesePromptAnswered", AccountKind::Runner, AccountKind::Plain, Pwd::Right, NULL, NULL, false, "id -un", -1,
       0, 0, "kvxt_plain", kOut + "密码： ", 1, "zh_CN" },
     /* site set-ups: pwfeedback reads in cbreak mode and echoes stars, a prompt of the site's own, a lecture, insults */
-    { "SudoPwfeedbackPromptAnswered", AccountKind::SudoPassword, AccountKind::SudoPassword, Pwd::Right, NULL, NULL,
-      false, "id -un", -1, 0, 1, "root", kId, 1, NULL, "pwfeedback" },
-    { "SudoPwfeedbackWrongPasswordTriedThrice", AccountKind::SudoPassword, AccountKind::SudoPassword, Pwd::Wrong, NULL,
-      NULL, false, "id -un", -1, 1, 3, "", kId, 1, NULL, "pwfeedback" },
-    { "SudoSitePromptAnswered", AccountKind::SudoPassword, AccountKind::SudoPassword, Pwd::Right, NULL, NULL, false,
-      "id -un", -1, 0, 1, "root", kOut + "Enter the secret of kvxt_sudopw: ", 1, NULL,
-      "passprompt=\"Enter the secret of %p: \"" },
-    { "SudoLectureAlwaysAnswered", AccountKind::SudoPassword, AccountKind::SudoPassword, Pwd::Right, NULL, NULL, false,
-      "id -un", -1, 0, 1, "root", kId, 1, NULL, "lecture=always" },
-    { "SudoInsultsWrongPasswordTriedThrice", AccountKind::SudoPassword, AccountKind::SudoPassword, Pwd::Wrong, NULL,
-      NULL, false, "id -un", -1, 1, 3, "", kId, 1, NULL, "insults" },
+    SudoId("SudoPwfeedbackPromptAnswered", Pwd::Right, kId, NULL, "pwfeedback"),
+    SudoId("SudoPwfeedbackWrongPasswordTriedThrice", Pwd::Wrong, kId, NULL, "pwfeedback"),
+    SudoId("SudoSitePromptAnswered", Pwd::Right, kOut + "Enter the secret of kvxt_sudopw: ", NULL,
+           "passprompt=\"Enter the secret of %p: \""),
+    SudoId("SudoLectureAlwaysAnswered", Pwd::Right, kId, NULL, "lecture=always"),
+    SudoId("SudoInsultsWrongPasswordTriedThrice", Pwd::Wrong, kId, NULL, "insults"),
 };
 
 static void PrintTo(const RunCase& c, std::ostream* os) { *os << c.name; }
@@ -138,8 +132,7 @@ TEST_P(ElevatedRun, ResultOutputAndLog)
         text = out;
         return rc;
     });
-    for (int i = 0; c.block == 0 && i < 100 && fkit::ReadFile(ran).empty(); i++)
-        usleep(100000);   /* a command left running writes within 10 s */
+    wait_until([&] { return c.block != 0 || !fkit::ReadFile(ran).empty(); });   /* a command left running */
     rmdir(lib.c_str());
     ASSERT_TRUE(r.finished) << r.error;
     EXPECT_EQ(c.rc, r.code);
@@ -218,42 +211,31 @@ struct RequestCase {
 /* ignored from the start, the hang-up when su's shell ends never reaches the daemon */
 static const std::string kDaemon = "trap '' HUP; sleep 8 & echo $! >\"$TARGET_WORK_DIR/daemon.pid\"";
 
+/* the handler's three modes, each with a command as long as a request line allows */
+static const std::string kLongWait = kLongX + "; [ ${#x} -eq 65000 ]", kChild = "create child process successfully!",
+                         kLongBg = kLongWait + " && touch \"$TARGET_WORK_DIR/long\"";
+
 static const RequestCase kRequests[] = {
     { "SudoWrongPasswordAnsweredSoon", AccountKind::SudoPassword, Pwd::Wrong, false, false, "true", 1, "no return", 20 },
     { "SudoRightPasswordRuns", AccountKind::SudoPassword, Pwd::Right, true, false, "id -u", 0, "0", 5 },
     { "SuDaemonOnTheTerminalDoesNotHoldTheReply", AccountKind::Runner, Pwd::Right, true, false, kDaemon, 0, "", 5,
       "daemon.pid" },
     { "SuPasswordTooLongRunsNothing", AccountKind::Runner, Pwd::TooLong, false, false, "true", 1, "no return", 5 },
-    { "SuLongWaitRunsWhole", AccountKind::Runner, Pwd::Right, false, false, kLongX + "; [ ${#x} -eq 65000 ]", 0,
-      "no return", 10 },
+    { "SuLongWaitRunsWhole", AccountKind::Runner, Pwd::Right, false, false, kLongWait, 0, "no return", 10 },
     { "SuLongMessageRunsWhole", AccountKind::Runner, Pwd::Right, true, false, kLong, 0, "65000", 10 },
-    { "SuLongBackgroundRunsWhole", AccountKind::Runner, Pwd::Right, false, true, kLongX + "; [ ${#x} -eq 65000 ] && "
-      "touch \"$TARGET_WORK_DIR/su-long\"", 0, "create child process successfully!", 5, "su-long" },
+    { "SuLongBackgroundRunsWhole", AccountKind::Runner, Pwd::Right, false, true, kLongBg, 0, kChild, 5, "long" },
     { "SudoCommandPromptGetsNoPassword", AccountKind::SudoNoPassword, Pwd::Right, true, false, kOwnPrompt, 0, "got[]", 10 },
-    { "SudoLongWaitRunsWhole", AccountKind::SudoNoPassword, Pwd::Empty, false, false,
-      kLongX + "; [ ${#x} -eq 65000 ]", 0, "no return", 10 },
+    { "SudoLongWaitRunsWhole", AccountKind::SudoNoPassword, Pwd::Empty, false, false, kLongWait, 0, "no return", 10 },
     { "SudoLongMessageRunsWhole", AccountKind::SudoNoPassword, Pwd::Empty, true, false, kLong, 0, "65000", 10 },
-    { "SudoLongBackgroundRunsWhole", AccountKind::SudoNoPassword, Pwd::Empty, false, true, kLongX +
-      "; [ ${#x} -eq 65000 ] && touch \"$TARGET_WORK_DIR/sudo-long\"", 0, "create child process successfully!", 5,
-      "sudo-long" },
+    { "SudoLongBackgroundRunsWhole", AccountKind::SudoNoPassword, Pwd::Empty, false, true, kLongBg, 0, kChild, 5, "long" },
 };
-
-/* After its elevated requests the agent still serves, its memory is closed to its own account, no password in its log. */
-static void CheckAgentAfterRequests(AgentHarness& h, const std::string& password)
-{
-    struct stat st;
-    ASSERT_EQ(0, stat(("/proc/" + std::to_string(h.agent_pid()) + "/mem").c_str(), &st));
-    EXPECT_EQ(0u, st.st_uid);
-    EXPECT_EQ("alive\n", text(rpc(h, EA_PROC_EXEC_CMD, exec_args("echo alive", true)), "str"));
-    EXPECT_EQ(std::string::npos, h.log().find(password));
-}
 
 TEST(ElevatedAgent, RequestsAnswerInTimeAndRunWhole)
 {
     KVXT_REQUIRE_SUDO();
     const kvxtest::TestAccount& alias = kvxtest::Account(AccountKind::RootAlias);
     std::unique_ptr<AgentHarness> h;
-    for (size_t i = 0; i < sizeof(kRequests) / sizeof(kRequests[0]); i++) {
+    for (size_t i = 0; i < std::size(kRequests); i++) {
         const RequestCase& c = kRequests[i];
         const kvxtest::TestAccount& agent = kvxtest::Account(c.agent);
         bool su = c.agent == AccountKind::Runner;
@@ -270,14 +252,20 @@ TEST(ElevatedAgent, RequestsAnswerInTimeAndRunWhole)
         EXPECT_EQ(c.ret, num(r, "ret"));
         EXPECT_EQ(c.str, text(r, "str"));
         std::string left = c.leaves != NULL ? h->work_dir + "/" + c.leaves : "";
-        for (int n = 0; c.leaves != NULL && n < 50 && AgentHarness::read_file(left).empty(); n++)
-            usleep(100000);
-        EXPECT_TRUE(c.leaves == NULL || AgentHarness::exists(left));
+        /* a background command's file stays empty, the daemon's holds its pid */
+        EXPECT_TRUE(c.leaves == NULL || wait_until([&] {
+            return c.block ? AgentHarness::exists(left) : !AgentHarness::read_file(left).empty(); }, 5000));
         pid_t daemon = c.leaves != NULL ? atoi(AgentHarness::read_file(left).c_str()) : 0;
         if (daemon > 1)
             kill(daemon, SIGKILL);
-        if (i + 1 == sizeof(kRequests) / sizeof(kRequests[0]) || kRequests[i + 1].agent != c.agent)
-            CheckAgentAfterRequests(*h, su ? alias.password : agent.password);
+        if (i + 1 < std::size(kRequests) && kRequests[i + 1].agent == c.agent)
+            continue;
+        /* after its requests the agent still serves, its memory closed to its own account, no password logged */
+        struct stat st;
+        ASSERT_EQ(0, stat(("/proc/" + std::to_string(h->agent_pid()) + "/mem").c_str(), &st));
+        EXPECT_EQ(0u, st.st_uid);
+        EXPECT_EQ("alive\n", text(rpc(*h, EA_PROC_EXEC_CMD, exec_args("echo alive", true)), "str"));
+        EXPECT_EQ(std::string::npos, h->log().find(su ? alias.password : agent.password));
     }
 }
 

@@ -4,14 +4,9 @@
 #include <sys/stat.h>
 #include <time.h>
 
-#include "test_runtime_support.h"
+#include "test_exec_cmd_client.h"
 
 namespace {
-
-int int_of(json_t* obj, const char* key)
-{
-    return (int)json_integer_value(json_object_get(obj, key));
-}
 
 // One session, lines in order.  A request left unanswered must leave the
 // next reply on the wire to the next answered one.
@@ -43,14 +38,10 @@ TEST(Loop, AnswersWhatDecodesSkipsTheRestThenEndsCleanly)
     ASSERT_TRUE(run_cmd(h, 100, "sleep 0.2", true));
     std::string split = request_line(101, 1, "{\"str\": \"in two pieces\"}");
     h.send_raw(split.substr(0, 30), false);
-    for (int i = 0; i < 500 && log_count(h.log(), "ea_svc", 38, "signal_child: child pid=") == 0; i++)
-        usleep(20000);
+    wait_until([&] { return log_count(h.log(), "ea_svc", 38, "signal_child: child pid=") > 0; });
     h.send_raw(split.substr(30));
-    json_t* r = read_reply(h);
-    ASSERT_NE(r, nullptr) << "the request was lost";
-    EXPECT_EQ(int_of(r, "seq"), 101);
-    EXPECT_STREQ(json_string_value(json_object_get(json_object_get(r, "param"), "str")), "in two pieces");
-    json_decref(r);
+    Reply split_reply(read_reply(h), json_decref);
+    EXPECT_EQ(text(split_reply, "str"), "in two pieces") << "the request was lost";
     // Seven lines that are no envelope: empty, not JSON, an array, a string
     // version, a function and a sequence number beyond 32 bits (not run as
     // procedure 3, not answered as seq 5), an unterminated object.
@@ -62,19 +53,18 @@ TEST(Loop, AnswersWhatDecodesSkipsTheRestThenEndsCleanly)
         SCOPED_TRACE(s.seq);
         time_t before = time(NULL);
         h.send_raw(request_line(s.seq, s.fn, s.param));
-        json_t* r = s.answered ? read_reply(h) : NULL;
         if (!s.answered)
             continue;   // the next reply must be the next step's
-        ASSERT_NE(r, nullptr) << "no reply; stderr: " << h.agent_stderr();
-        EXPECT_EQ(std::vector<int>({int_of(r, "ver"), int_of(r, "type"), int_of(r, "seq"),
-                                    int_of(r, "fn"), int_of(r, "status")}),
-                  std::vector<int>({1, 2, s.seq, s.fn, 0}));
-        json_t* param = json_object_get(r, "param");
+        Reply r(read_reply(h), json_decref);
+        ASSERT_TRUE(r) << "no reply; stderr: " << h.agent_stderr();
+        std::vector<long long> head;
+        for (const char* key : {"ver", "type", "seq", "fn", "status"})
+            head.push_back(json_integer_value(json_object_get(r.get(), key)));
+        EXPECT_EQ(head, std::vector<long long>({1, 2, s.seq, s.fn, 0}));
         if (s.fn == 1) {
-            EXPECT_STREQ(json_string_value(json_object_get(param, "str")), s.echo.c_str());
-            EXPECT_TRUE(int_of(param, "sp") >= before && int_of(param, "sp") <= time(NULL));
+            EXPECT_EQ(text(r, "str"), s.echo);
+            EXPECT_TRUE(num(r, "sp") >= before && num(r, "sp") <= time(NULL));
         }
-        json_decref(r);
     }
     std::string log = h.log();
     EXPECT_EQ(log_count(log, "svc_main", 378, "failed to receive data, rc=-5. try again."), 7);
@@ -124,12 +114,9 @@ TEST(Cleanup, StopSignalRemovesFilesKillsParentExitsOne)
         ASSERT_TRUE(h.start());
         std::string busy = h.root + "/busy", go = h.root + "/go";
         if (c.busy) {
-            h.send_raw(request_line(1, 3, "{\"str\": \"touch " + busy + "; until [ -e " + go +
-                                              " ]; do sleep 0.02; done\", \"msg_mode\": false, "
-                                              "\"block_mode\": false, \"jobid\": 0, \"user\": \"\", "
-                                              "\"passwd\": \"\", \"sudoflag\": 0}"));
-            for (int i = 0; i < 500 && !AgentHarness::exists(busy); i++)
-                usleep(20000);
+            h.send_raw(request_line(1, 3, exec_args("touch " + busy + "; until [ -e " + go + " ]; do sleep 0.02; done",
+                                                    false)));
+            wait_until([&] { return AgentHarness::exists(busy); });
         } else {
             ASSERT_TRUE(run_cmd(h, 1, ":"));
         }

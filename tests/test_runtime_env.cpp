@@ -59,14 +59,14 @@ TEST(StartUp, OneShotModesOptionFormsAndChildEnvironment)
         ASSERT_TRUE(h.start(args, false));
         if (f.exit_status >= 0) {
             EXPECT_EQ(h.wait_exit(60), f.exit_status);
-            EXPECT_FALSE(h.reply_pending(100));
+            EXPECT_EQ(read_reply(h, 100), nullptr);
             EXPECT_FALSE(AgentHarness::exists(env_work + "/logs"));
             continue;
         }
         // The agent appends its own redirection to the last command of the line.
         run_cmd(h, 1, "env > " + out + "; echo UMASK=$(umask) >> " + out + "; :");
         std::map<std::string, std::string> env;
-        for (const std::string& line : read_lines(out))
+        for (const std::string& line : AgentHarness::read_lines(out))
             env[line.substr(0, line.find('='))] = line.substr(line.find('=') + 1);
         std::string work = f.work_from_option ? h.work_dir : env_work, client = work + "//linux-kvx-client";
         std::map<std::string, std::string> want = {
@@ -119,7 +119,7 @@ TEST(ProductLock, OnlyTheHolderCleansUpAfterEndOfInput)
     EXPECT_EQ(log_count(log, "zelfunc", 0, "is locked(write) by pid: [" +
                                                  std::to_string(holder.agent_pid()) + "]"), 1);
     EXPECT_EQ(log_count(log, "svc_main", 454, "process still running flag: 1"), 1);
-    EXPECT_EQ(read_lines(other.root + "/journal"), std::vector<std::string>{"kvxbackupvol -j 1"});
+    EXPECT_EQ(AgentHarness::read_lines(other.root + "/journal"), std::vector<std::string>{"kvxbackupvol -j 1"});
 
     // The holder cancels its program and cleans the node.
     ASSERT_GT(start_program(holder, 2, "kvxbackupvol -j 1"), 0) << holder.log();

@@ -30,13 +30,13 @@ static inline int log_count(const std::string& log, const char* src, int lineno,
     return n;
 }
 
-static inline std::vector<std::string> read_lines(const std::string& path)
+// True once done() holds, polled every 20 ms for ms at most.
+template <class F> static inline bool wait_until(F done, int ms = 10000)
 {
-    std::vector<std::string> lines;
-    std::istringstream in(AgentHarness::read_file(path));
-    for (std::string line; std::getline(in, line);)
-        lines.push_back(line);
-    return lines;
+    for (int i = 0; i < ms / 20; i++, usleep(20000))
+        if (done())
+            return true;
+    return done();
 }
 
 // One request line; param_json "" leaves "param" out.
@@ -72,13 +72,12 @@ static inline bool run_cmd(AgentHarness& h, int seq, const std::string& cmd, boo
 // <root>/prog.pid, -1 when none came within 10 s.
 static inline pid_t start_program(AgentHarness& h, int seq, const std::string& cmd)
 {
-    bool started = run_cmd(h, seq, cmd, true);
-    for (int i = 0; started && i < 500; i++, usleep(20000)) {
-        std::string pid = AgentHarness::read_file(h.root + "/prog.pid");
-        if (!pid.empty() && pid.back() == '\n')
-            return atoi(pid.c_str());
-    }
-    return -1;
+    std::string pid;
+    bool started = run_cmd(h, seq, cmd, true) && wait_until([&] {
+        pid = AgentHarness::read_file(h.root + "/prog.pid");
+        return !pid.empty() && pid.back() == '\n';
+    });
+    return started ? atoi(pid.c_str()) : -1;
 }
 
 // Waits (10 s at most) until process pid runs with argv[0] name: a fork
@@ -86,10 +85,7 @@ static inline pid_t start_program(AgentHarness& h, int seq, const std::string& c
 static inline bool wait_exec(pid_t pid, const std::string& name)
 {
     std::string cmdline = "/proc/" + std::to_string(pid) + "/cmdline";
-    for (int i = 0; i < 500; i++, usleep(20000))
-        if (AgentHarness::read_file(cmdline).compare(0, name.size() + 1, name + '\0') == 0)
-            return true;
-    return false;
+    return wait_until([&] { return AgentHarness::read_file(cmdline).compare(0, name.size() + 1, name + '\0') == 0; });
 }
 
 // Stub that also appends its call line to <root>/journal, which outlives
@@ -126,7 +122,7 @@ static inline void expect_cleaned(const std::string& root, std::vector<std::stri
         rm += w + f;
     calls.insert(calls.end(), {"driverinstall -u", "killall kvxagent",
                                rm + " " + root + "/boot///checkmachine " + root + "/boot//kvx_ea"});
-    EXPECT_EQ(read_lines(root + "/journal"), calls);
+    EXPECT_EQ(AgentHarness::read_lines(root + "/journal"), calls);
 }
 
 #endif // TEST_RUNTIME_SUPPORT_H

@@ -6,6 +6,7 @@
 #include <time.h>
 
 #include <chrono>
+#include <fstream>
 #include <thread>
 
 #include "test_exec_cmd_client.h"
@@ -21,11 +22,9 @@ long call_number(pid_t pid, Call c)
 {
     static const long native[] = { SYS_writev, SYS_read, SYS_poll, SYS_ppoll };
     static const long i386[] = { 146, 3, 168, 309 };
-    unsigned char elf[5] = {};
-    int fd = open(("/proc/" + std::to_string(pid) + "/exe").c_str(), O_RDONLY | O_CLOEXEC);
-    bool compat = fd >= 0 && read(fd, elf, sizeof(elf)) == (ssize_t)sizeof(elf) && elf[4] == 1;   // ELFCLASS32
-    if (fd >= 0)
-        close(fd);
+    char elf[5] = {};
+    std::ifstream exe("/proc/" + std::to_string(pid) + "/exe", std::ios::binary);
+    bool compat = exe.read(elf, sizeof(elf)) && elf[4] == 1;   // ELFCLASS32
     return compat && sizeof(void*) == 8 ? i386[c] : native[c];
 }
 
@@ -34,15 +33,6 @@ bool in_call(pid_t pid, Call c)
 {
     std::string call = AgentHarness::read_file("/proc/" + std::to_string(pid) + "/syscall");
     return !call.empty() && call.compare(0, 7, "running") != 0 && atol(call.c_str()) == call_number(pid, c);
-}
-
-// True once the agent sits in writev (the server has stopped reading).
-bool blocked_in_write(pid_t pid)
-{
-    for (int i = 0; i < 1500; i++, usleep(20000))
-        if (in_call(pid, WRITEV))
-            return true;
-    return false;
 }
 
 long long bytes_read(pid_t pid)
@@ -55,28 +45,9 @@ long long bytes_read(pid_t pid)
 // True once the agent has read up to total bytes and waits for more.
 bool waits_after_reading(pid_t pid, long long total)
 {
-    for (int i = 0; i < 500; i++, usleep(20000)) {
-        if (bytes_read(pid) >= total && (in_call(pid, READ) || in_call(pid, POLL) || in_call(pid, PPOLL)))
-            return true;
-    }
-    return false;
-}
-
-// A background job that ends when the test writes to <root>/go.
-void start_job(AgentHarness& h)
-{
-    std::string go = h.root + "/go";
-    ASSERT_EQ(0, mkfifo(go.c_str(), 0600));
-    ASSERT_TRUE(run_cmd(h, 1, "cat " + go, true));
-}
-
-void end_job(AgentHarness& h)
-{
-    int fd = -1;
-    for (int i = 0; i < 500 && fd < 0; i++, fd < 0 && usleep(20000))   // once the job has it open
-        fd = open((h.root + "/go").c_str(), O_WRONLY | O_NONBLOCK);
-    EXPECT_GE(fd, 0) << "the job never opened its pipe\n" << h.log();
-    close(fd);
+    return wait_until([&] {
+        return bytes_read(pid) >= total && (in_call(pid, READ) || in_call(pid, POLL) || in_call(pid, PPOLL));
+    });
 }
 
 // A background job ends while the server does not read: every reply comes,
@@ -95,7 +66,9 @@ TEST(Stream, NoReplyLostWhileTheServerStopsReading)
     done.protected_data = 12345;
     ASSERT_EQ(0, create_job_result((logs + "linuxkvxjobres").c_str(), &done));
     ASSERT_TRUE(h.start());
-    start_job(h);
+    const std::string go = h.root + "/go";   // a background job that ends when the test writes to it
+    ASSERT_EQ(0, mkfifo(go.c_str(), 0600));
+    ASSERT_TRUE(run_cmd(h, 1, "cat " + go, true));
 
     const int kPings = 3000;
     std::string flood;
@@ -105,8 +78,10 @@ TEST(Stream, NoReplyLostWhileTheServerStopsReading)
             flood += request_line(5, 5, "") + "\n" + request_line(6, 6, "") + "\n";
     }
     std::thread sender([&] { h.send_raw(flood, false); });
-    EXPECT_TRUE(blocked_in_write(h.agent_pid()));
-    end_job(h);
+    EXPECT_TRUE(wait_until([&] { return in_call(h.agent_pid(), WRITEV); }, 30000)) << "the server stopped reading";
+    int fd = -1;   // opens once the job has it open
+    EXPECT_TRUE(wait_until([&] { return (fd = open(go.c_str(), O_WRONLY | O_NONBLOCK)) >= 0; })) << h.log();
+    close(fd);
     int next = 10;
     std::string got_log;
     long long got_result = 0;

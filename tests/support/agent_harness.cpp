@@ -9,8 +9,8 @@
 
 #include <errno.h>
 #include <fcntl.h>
-#include <ftw.h>
 #include <grp.h>
+#include <mntent.h>
 #include <poll.h>
 #include <signal.h>
 #include <stdlib.h>
@@ -25,39 +25,21 @@
 
 #include <algorithm>
 #include <chrono>
-#include <condition_variable>
+#include <filesystem>
 #include <fstream>
-#include <mutex>
-#include <sstream>
+#include <future>
+#include <iterator>
 #include <thread>
 
 namespace {
 
-uid_t g_chown_uid;
-gid_t g_chown_gid;
+namespace fs = std::filesystem;
 
-int chown_entry(const char* path, const struct stat*, int, struct FTW*)
+void copy_program(const std::string& from, const std::string& to)
 {
-    if (lchown(path, g_chown_uid, g_chown_gid) != 0)
-        return -1;
-    return 0;
-}
-
-int remove_entry(const char* path, const struct stat*, int, struct FTW*)
-{
-    remove(path);
-    return 0;
-}
-
-bool copy_file(const std::string& from, const std::string& to, mode_t mode)
-{
-    std::ifstream in(from, std::ios::binary);
-    if (!in)
-        return false;
-    std::ofstream out(to, std::ios::binary | std::ios::trunc);
-    out << in.rdbuf();
-    out.close();
-    return chmod(to.c_str(), mode) == 0;
+    std::error_code ec;
+    fs::copy_file(from, to, fs::copy_options::overwrite_existing, ec);
+    chmod(to.c_str(), 0755);
 }
 
 /* Reads exactly n bytes within timeout_ms; false on time-out or end of file. */
@@ -84,19 +66,14 @@ bool read_exact(int fd, void* buf, size_t n, int timeout_ms)
 
 int decode_status(int st)
 {
-    if (WIFEXITED(st))
-        return WEXITSTATUS(st);
-    if (WIFSIGNALED(st))
-        return 128 + WTERMSIG(st);
-    return st;
+    return WIFEXITED(st) ? WEXITSTATUS(st) : WIFSIGNALED(st) ? 128 + WTERMSIG(st) : st;
 }
 
-std::string agent_binary()
+/* $name when set and not empty, else fallback. */
+std::string env_or(const char* name, const std::string& fallback)
 {
-    const char* env = getenv("KVX_EA_BINARY");
-    if (env && *env)
-        return env;
-    return std::string(KVX_BIN_DIR) + "/kvx_ea";
+    const char* v = getenv(name);
+    return v && *v ? v : fallback;
 }
 
 /* The user-mode emulator that runs an agent of another CPU (and its
@@ -104,30 +81,19 @@ std::string agent_binary()
  * they run natively. */
 std::string emulator()
 {
-    const char* env = getenv("KVX_EA_EMULATOR");
-    return env ? env : "";
+    return env_or("KVX_EA_EMULATOR", "");
 }
 
-/* Mount points at or below dir, deepest first. */
+/* Mount points at or below dir, deepest first (a mount is listed after the one it lies on). */
 std::vector<std::string> mounts_below(const std::string& dir)
 {
     std::vector<std::string> found;
-    std::ifstream in("/proc/self/mountinfo");
-    std::string line;
-    while (std::getline(in, line)) {
-        std::istringstream fields(line);
-        std::string id, parent, devno, rootp, point;
-        fields >> id >> parent >> devno >> rootp >> point;
-        /* blanks, tabs, newlines and backslashes are written as \ooo */
-        for (size_t at = 0; (at = point.find('\\', at)) != std::string::npos; at++)
-            if (point.size() - at >= 4)
-                point.replace(at, 4, 1, (char)std::stoi(point.substr(at + 1, 3), nullptr, 8));
-        if (point.compare(0, dir.size(), dir) == 0 &&
-            (point.size() == dir.size() || point[dir.size()] == '/'))
-            found.push_back(point);
-    }
-    std::sort(found.begin(), found.end(),
-              [](const std::string& a, const std::string& b) { return a.size() > b.size(); });
+    FILE* table = setmntent("/proc/self/mounts", "r");
+    for (struct mntent* m; table && (m = getmntent(table)) != nullptr;)
+        if ((m->mnt_dir + std::string("/")).compare(0, dir.size() + 1, dir + "/") == 0)
+            found.insert(found.begin(), m->mnt_dir);
+    if (table)
+        endmntent(table);
     return found;
 }
 
@@ -146,9 +112,6 @@ void enter_private_node(const std::string& layer_dir)
 } /* namespace */
 
 AgentHarness::AgentHarness(const std::string& tree)
-    : m_uid(0), m_gid(0), m_as_user(false), m_private(true), m_nofile(0), m_parent(-1), m_agent(-1),
-      m_to_agent(-1), m_from_agent(-1), m_status_fd(-1), m_exit(-1),
-      m_in(nullptr), m_out(nullptr), m_channel(nullptr), m_proto(nullptr)
 {
     signal(SIGPIPE, SIG_IGN);
     prctl(PR_SET_CHILD_SUBREAPER, 1);
@@ -164,20 +127,14 @@ AgentHarness::AgentHarness(const std::string& tree)
     boot_dir = root + "/boot";
     work_dir = root + "/work";
     client_dir = work_dir + "/linux-kvx-client";
-    mkdir(boot_dir.c_str(), 0755);
-    mkdir(work_dir.c_str(), 0755);
-    mkdir(client_dir.c_str(), 0755);
-    copy_file(agent_binary(), boot_dir + "/kvx_ea", 0755);
+    for (const std::string& dir : {boot_dir, work_dir, client_dir})
+        mkdir(dir.c_str(), 0755);
+    copy_program(env_or("KVX_EA_BINARY", KVX_BIN_DIR "/kvx_ea"), boot_dir + "/kvx_ea");
 
-    m_env.push_back("PATH=/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin");
-    m_env.push_back("HOME=/root");
-    m_env.push_back("LANG=C");
-    const char* keep[] = {"ASAN_OPTIONS", "UBSAN_OPTIONS", "LSAN_OPTIONS"};
-    for (const char* name : keep) {
-        const char* v = getenv(name);
-        if (v)
-            m_env.push_back(std::string(name) + "=" + v);
-    }
+    m_env = {"PATH=/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin", "HOME=/root", "LANG=C"};
+    for (const char* name : {"ASAN_OPTIONS", "UBSAN_OPTIONS", "LSAN_OPTIONS"})
+        if (getenv(name))
+            m_env.push_back(std::string(name) + "=" + getenv(name));
 }
 
 AgentHarness::~AgentHarness()
@@ -185,28 +142,28 @@ AgentHarness::~AgentHarness()
     stop();
     for (const std::string& point : mounts_below(base))
         umount2(point.c_str(), MNT_DETACH);
-    nftw(base.c_str(), remove_entry, 16, FTW_DEPTH | FTW_PHYS);
+    std::error_code ec;
+    fs::remove_all(base, ec);
 }
 
 void AgentHarness::add_stub(const std::string& name, int exit_code, const std::string& extra_sh)
 {
-    std::ostringstream s;
-    s << "d=$(cd \"$(dirname \"$0\")\" && pwd)\n"
-      << "n=$(basename \"$0\")\n"
-      << "line=\"$n\"\n"
-      << "for a in \"$@\"; do line=\"$line $a\"; done\n"
-      << "printf '%s\\n' \"$line\" >> \"$d/$n.calls\"\n"
-      << extra_sh << "\n"
-      << "exit " << exit_code << "\n";
-    write_script(client_dir + "/" + name, s.str());
+    write_script(client_dir + "/" + name, "d=$(cd \"$(dirname \"$0\")\" && pwd)\nn=$(basename \"$0\")\nline=\"$n\"\n"
+                                          "for a in \"$@\"; do line=\"$line $a\"; done\n"
+                                          "printf '%s\\n' \"$line\" >> \"$d/$n.calls\"\n" +
+                                          extra_sh + "\nexit " + std::to_string(exit_code) + "\n");
 }
 
 std::vector<std::string> AgentHarness::stub_calls(const std::string& name) const
 {
+    return read_lines(client_dir + "/" + name + ".calls");
+}
+
+std::vector<std::string> AgentHarness::read_lines(const std::string& path)
+{
     std::vector<std::string> lines;
-    std::ifstream in(client_dir + "/" + name + ".calls");
-    std::string line;
-    while (std::getline(in, line))
+    std::ifstream in(path);
+    for (std::string line; std::getline(in, line);)
         lines.push_back(line);
     return lines;
 }
@@ -219,14 +176,13 @@ void AgentHarness::write_script(const std::string& path, const std::string& body
 
 void AgentHarness::install_simulator()
 {
-    const char* env = getenv("KVX_SIM_BINARY");
-    std::string sim = env && *env ? env : std::string(KVX_BIN_DIR) + "/kvxbackupvol-sim";
+    std::string sim = env_or("KVX_SIM_BINARY", KVX_BIN_DIR "/kvxbackupvol-sim");
     if (emulator().empty()) {
-        copy_file(sim, client_dir + "/kvxbackupvol", 0755);
+        copy_program(sim, client_dir + "/kvxbackupvol");
         return;
     }
     /* another CPU's program runs through the emulator, under the same pid */
-    copy_file(sim, base + "/kvxbackupvol-sim", 0755);
+    copy_program(sim, base + "/kvxbackupvol-sim");
     write_script(client_dir + "/kvxbackupvol",
                  "exec '" + emulator() + "' '" + base + "/kvxbackupvol-sim' \"$@\"\n");
 }
@@ -251,30 +207,29 @@ bool AgentHarness::start(const std::vector<std::string>& args, bool default_args
 {
     if (!exists(boot_dir + "/kvx_ea"))
         return false;
-    if (m_as_user) {
-        g_chown_uid = m_uid;
-        g_chown_gid = m_gid;
-        nftw(root.c_str(), chown_entry, 16, FTW_PHYS);
+    if (m_as_user) {   /* links are not followed */
+        std::error_code ec;
+        lchown(root.c_str(), m_uid, m_gid);
+        for (const auto& e : fs::recursive_directory_iterator(root, ec))
+            lchown(e.path().c_str(), m_uid, m_gid);
     }
 
     std::vector<std::string> argv_s;
     if (!emulator().empty())
         argv_s.push_back(emulator());
     argv_s.push_back(boot_dir + "/kvx_ea");
-    if (default_args && args.empty()) {
-        argv_s.push_back("--targetworkdir");
-        argv_s.push_back(work_dir);
-    } else {
+    if (default_args && args.empty())
+        argv_s.insert(argv_s.end(), {"--targetworkdir", work_dir});
+    else
         argv_s.insert(argv_s.end(), args.begin(), args.end());
-    }
-    std::vector<char*> argv;
-    for (std::string& a : argv_s)
-        argv.push_back(&a[0]);
-    argv.push_back(nullptr);
-    std::vector<char*> envp;
-    for (std::string& e : m_env)
-        envp.push_back(&e[0]);
-    envp.push_back(nullptr);
+    auto pointers = [](std::vector<std::string>& v) {   /* null-terminated, for execve */
+        std::vector<char*> p;
+        for (std::string& s : v)
+            p.push_back(&s[0]);
+        p.push_back(nullptr);
+        return p;
+    };
+    std::vector<char*> argv = pointers(argv_s), envp = pointers(m_env);
     std::string err_path = root + "/agent.stderr", layer_dir = base + "/.node";
     bool isolate = m_private && geteuid() == 0;
     if (isolate) {   /* made after the chown above: the layer stays root's */
@@ -315,11 +270,7 @@ bool AgentHarness::start(const std::vector<std::string>& args, bool default_args
                 close(fd);
             if (m_nofile > 0 && setrlimit(RLIMIT_NOFILE, &files) != 0)
                 _exit(126);
-            if (m_as_user) {
-                if (setgroups(0, nullptr) || setgid(m_gid) || setuid(m_uid))
-                    _exit(126);
-            }
-            if (chdir(boot_dir.c_str()) != 0)
+            if ((m_as_user && (setgroups(0, nullptr) || setgid(m_gid) || setuid(m_uid))) || chdir(boot_dir.c_str()))
                 _exit(126);
             execve(argv[0], argv.data(), envp.data());
             _exit(127);
@@ -332,8 +283,7 @@ bool AgentHarness::start(const std::vector<std::string>& args, bool default_args
         /* Look at the agent's end without reaping it: if the agent's cleanup
          * kills this parent before the status is passed on, the agent is
          * still a zombie, goes to the test (the subreaper) and is reaped there. */
-        siginfo_t si;
-        memset(&si, 0, sizeof(si));
+        siginfo_t si = {};
         while (a > 0 && waitid(P_PID, (id_t)a, &si, WEXITED | WNOWAIT) < 0 && errno == EINTR)
             ;
         msg[1] = si.si_code == CLD_EXITED ? (si.si_status & 0xff) << 8 : (si.si_status & 0x7f);
@@ -369,21 +319,13 @@ int AgentHarness::call(int fn, jxdrproc_t f_args, char* args, jxdrproc_t f_resp,
 {
     if (!m_proto)
         return -100;
-    std::mutex mu;
-    std::condition_variable cv;
-    bool done = false;
-    pid_t victim = m_agent;
-    std::thread watchdog([&] {
-        std::unique_lock<std::mutex> lock(mu);
-        if (!cv.wait_for(lock, std::chrono::milliseconds(timeout_ms), [&] { return done; }))
-            kill(victim, SIGKILL);
+    std::promise<void> done;
+    std::thread watchdog([this, timeout_ms, ended = done.get_future()] {
+        if (ended.wait_for(std::chrono::milliseconds(timeout_ms)) == std::future_status::timeout)
+            kill(m_agent, SIGKILL);
     });
     int rc = m_proto->call(fn, f_args, args, f_resp, resp);
-    {
-        std::lock_guard<std::mutex> lock(mu);
-        done = true;
-    }
-    cv.notify_all();
+    done.set_value();
     watchdog.join();
     return rc;
 }
@@ -421,26 +363,13 @@ bool AgentHarness::read_raw(std::string& out, int timeout_ms)
     return false;
 }
 
-bool AgentHarness::reply_pending(int timeout_ms)
-{
-    if (m_from_agent < 0)
-        return false;
-    struct pollfd pfd = {m_from_agent, POLLIN, 0};
-    int rc;
-    do {
-        rc = poll(&pfd, 1, timeout_ms);
-    } while (rc < 0 && errno == EINTR);
-    return rc > 0 && (pfd.revents & POLLIN);
-}
-
 bool AgentHarness::in_agent_namespaces(const std::function<bool()>& fn)
 {
     if (m_agent <= 0)
         return false;
     pid_t c = fork();
     if (c == 0) {
-        const char* kinds[] = {"ipc", "mnt"};
-        for (const char* kind : kinds) {
+        for (const char* kind : {"ipc", "mnt"}) {
             std::string path = "/proc/" + std::to_string(m_agent) + "/ns/" + kind;
             int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
             if (fd < 0 || setns(fd, 0) != 0)
@@ -491,19 +420,15 @@ int AgentHarness::wait_exit(int timeout_s)
         if (m_status_fd >= 0) {
             struct pollfd pfd = {m_status_fd, POLLIN, 0};
             if (poll(&pfd, 1, 0) > 0) {
-                if (read_exact(m_status_fd, &st, sizeof(st), 100)) {
-                    m_exit = decode_status(st);
-                    return m_exit;
-                }
+                if (read_exact(m_status_fd, &st, sizeof(st), 100))
+                    return m_exit = decode_status(st);
                 close(m_status_fd);   /* parent gone without a report */
                 m_status_fd = -1;
             }
         }
         /* Parent killed: the agent was re-parented to us. */
-        if (waitpid(m_agent, &st, WNOHANG) == m_agent) {
-            m_exit = decode_status(st);
-            return m_exit;
-        }
+        if (waitpid(m_agent, &st, WNOHANG) == m_agent)
+            return m_exit = decode_status(st);
         if (m_parent > 1 && waitpid(m_parent, &st, WNOHANG) == m_parent)
             m_parent = -m_parent;   /* reaped; keep the number for the record */
         usleep(20000);
@@ -521,12 +446,6 @@ bool AgentHarness::parent_alive()
         return false;
     }
     return kill(m_parent, 0) == 0;
-}
-
-void AgentHarness::kill_parent(int sig)
-{
-    if (m_parent > 0)
-        kill(m_parent, sig);
 }
 
 void AgentHarness::signal_agent(int sig)
@@ -583,9 +502,7 @@ bool AgentHarness::exists(const std::string& path)
 std::string AgentHarness::read_file(const std::string& path)
 {
     std::ifstream in(path, std::ios::binary);
-    std::ostringstream s;
-    s << in.rdbuf();
-    return s.str();
+    return std::string(std::istreambuf_iterator<char>(in), {});
 }
 
 void AgentHarness::write_file(const std::string& path, const std::string& text)

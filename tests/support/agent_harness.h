@@ -65,8 +65,6 @@ public:
     /* ---- the agent process ---- */
     /* Starts the agent; args default to {"--targetworkdir", work_dir}. */
     bool start(const std::vector<std::string>& args = {}, bool default_args = true);
-    /* Client endpoint bound to the agent's standard input and output. */
-    ExecProto* proto() { return m_proto; }
     /* ExecProto::call guarded by a watchdog: after timeout_ms the agent is
      * killed, which makes the call return -2. */
     int call(int fn, jxdrproc_t f_args, char* args, jxdrproc_t f_resp, char* resp,
@@ -77,8 +75,6 @@ public:
     /* Reads one raw record (up to and including "\n") within timeout_ms;
      * false when nothing arrived. */
     bool read_raw(std::string& out, int timeout_ms);
-    /* True when reply bytes arrive within timeout_ms. */
-    bool reply_pending(int timeout_ms);
     void close_input();
     /* Closes the test's end of the agent's standard output (later writes break). */
     void close_output();
@@ -86,7 +82,6 @@ public:
      * it has not ended within timeout_s. */
     int  wait_exit(int timeout_s);
     bool parent_alive();
-    void kill_parent(int sig = SIGKILL);
     void signal_agent(int sig);
     pid_t agent_pid() const { return m_agent; }
     pid_t parent_pid() const { return m_parent; }
@@ -96,26 +91,27 @@ public:
     std::string agent_stderr() const;   /* the agent's standard error */
     static bool exists(const std::string& path);
     static std::string read_file(const std::string& path);
+    static std::vector<std::string> read_lines(const std::string& path);   /* without their "\n" */
     static void write_file(const std::string& path, const std::string& text);
 
 private:
     void stop();
     std::vector<std::string> m_env;
-    uid_t m_uid;
-    gid_t m_gid;
-    bool  m_as_user;
-    bool  m_private;
-    int   m_nofile;      /* RLIMIT_NOFILE for the agent, 0: inherited */
-    pid_t m_parent;
-    pid_t m_agent;
-    int   m_to_agent;      /* write end of the agent's stdin */
-    int   m_from_agent;    /* read end of the agent's stdout */
-    int   m_status_fd;     /* parent reports the agent's pid and exit status */
-    int   m_exit;          /* collected exit status, -1 until known */
-    FILE* m_in;
-    FILE* m_out;
-    STDIOChannel* m_channel;
-    ExecProto*    m_proto;
+    uid_t m_uid = 0;
+    gid_t m_gid = 0;
+    bool  m_as_user = false;
+    bool  m_private = true;
+    int   m_nofile = 0;         /* RLIMIT_NOFILE for the agent, 0: inherited */
+    pid_t m_parent = -1;
+    pid_t m_agent = -1;
+    int   m_to_agent = -1;      /* write end of the agent's stdin */
+    int   m_from_agent = -1;    /* read end of the agent's stdout */
+    int   m_status_fd = -1;     /* parent reports the agent's pid and exit status */
+    int   m_exit = -1;          /* collected exit status, -1 until known */
+    FILE* m_in = nullptr;
+    FILE* m_out = nullptr;
+    STDIOChannel* m_channel = nullptr;
+    ExecProto*    m_proto = nullptr;
 };
 
 #endif /* AGENT_HARNESS_H */

@@ -28,8 +28,6 @@ const char* const kAccounts[][2] = {
 const char* const kSudoers = "/etc/sudoers.d/kvxt_accounts";
 const char* const kCaseSudoers = "/etc/sudoers.d/kvxt_case_";   /* + pid: one per process */
 const char* const kLocaleMark = ".kvxt_made";   /* in a locale directory the tests generated */
-/* sudo skips names with a dot: the rules are checked there before they go live */
-const std::string kSudoersStage = "/etc/sudoers.d/.kvxt_accounts.new";
 const char* const kSudoRules =
     "Defaults:kvxt_run,kvxt_sudopw,kvxt_sudonp,kvxt_plain timestamp_timeout=0, "
     "!mail_badpass, !mail_no_user, !mail_no_perms, passwd_tries=3, lecture=never\n"
@@ -46,6 +44,14 @@ int Shell(const std::string& cmd)
     return r != -1 && WIFEXITED(r) ? WEXITSTATUS(r) : -1;
 }
 
+/* Installs /etc/sudoers.d/<name> once visudo -c passed its staged copy (sudo skips names with a dot); true if so. */
+bool InstallRules(const std::string& name, const std::string& rules)
+{
+    std::string stage = "/etc/sudoers.d/." + name + ".new";
+    return Shell("umask 337 && printf '%s' '" + rules + "' >" + stage + " && visudo -cf " + stage + " && mv " + stage +
+                 " /etc/sudoers.d/" + name) == 0;
+}
+
 /* Adds the users, sets their passwords and installs the sudo rules; "" or why not. */
 std::string MakeAll()
 {
@@ -59,9 +65,7 @@ std::string MakeAll()
         g_accounts.push_back(TestAccount{ name, kAccounts[i][1], pw->pw_uid, pw->pw_gid });
     }
     /* without sudo the sudo accounts simply have no rights; visudo checks the rules first */
-    if (access("/etc/sudoers.d", F_OK) == 0 &&
-        Shell("umask 337 && printf '%s' '" + std::string(kSudoRules) + "' >" + kSudoersStage +
-              " && visudo -cf " + kSudoersStage + " && mv " + kSudoersStage + " " + kSudoers) != 0)
+    if (access("/etc/sudoers.d", F_OK) == 0 && !InstallRules("kvxt_accounts", kSudoRules))
         return "sudo rules did not pass visudo -c";
     return "";
 }
@@ -104,9 +108,8 @@ bool EnsureAccounts(std::string* why)
 void RemoveAccounts()
 {
     unlink(kSudoers);
-    unlink(kSudoersStage.c_str());
-    /* the lock holder's leftovers too: case rules and generated locales of a crashed run */
-    Shell(std::string("rm -f ") + kCaseSudoers + "* /etc/sudoers.d/.kvxt_case_*");
+    /* the lock holder's leftovers too: staged and case rules, generated locales of a crashed run */
+    Shell(std::string("rm -f ") + kCaseSudoers + "* /etc/sudoers.d/.kvxt_*");
     Shell(std::string("for m in /usr/lib/locale/*/") + kLocaleMark + "; do [ -e \"$m\" ] && rm -rf \"${m%/*}\"; done");
     for (const auto& s : kAccounts)   /* a uid-0 account always looks busy: forced */
         if (getpwnam(s[0]) != NULL && Shell(std::string("userdel ") + s[0]) != 0)
@@ -139,10 +142,8 @@ std::string EnsureLocale(const std::string& locale)
 
 SudoDefaults::SudoDefaults(const std::string& defaults)
 {
-    std::string file = kCaseSudoers + std::to_string(getpid()), stage = "/etc/sudoers.d/.kvxt_case_" +
-                       std::to_string(getpid());
-    ok = defaults.empty() || Shell("umask 337 && printf 'Defaults:kvxt_sudopw,kvxt_sudonp %s\\n' '" + defaults +
-                                   "' >" + stage + " && visudo -cf " + stage + " && mv " + stage + " " + file) == 0;
+    ok = defaults.empty() ||
+         InstallRules("kvxt_case_" + std::to_string(getpid()), "Defaults:kvxt_sudopw,kvxt_sudonp " + defaults + "\n");
 }
 
 SudoDefaults::~SudoDefaults()
