@@ -127,7 +127,7 @@ TEST(Stream, StopSignalEndsAReplyNobodyReads)
         for (int i = 0; i < 3000; i++)
             flood += request_line(10 + i, 1, "{\"str\": \"p\"}") + "\n";
         std::thread sender([&] { h.send_raw(flood, false); });
-        EXPECT_TRUE(blocked_in_write(h.agent_pid()));
+        EXPECT_TRUE(wait_until([&] { return in_call(h.agent_pid(), WRITEV); }, 30000));
         h.signal_agent(sig);
         EXPECT_EQ(1, h.wait_exit(30)) << "still blocked in its write";
         h.signal_agent(SIGKILL);   // a sender still writing ends too
