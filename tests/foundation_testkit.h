@@ -59,6 +59,7 @@ public:
         ZELLogFunction(0, "test", __LINE__, "opened now: descriptor counts stay level\n");
     }
     static size_t Size() { return ReadFile(path_).size(); }
+    static std::string Since(size_t mark) { return ReadFile(path_).substr(mark); }
     // How often text was logged after a mark taken with Size().
     static int Count(size_t mark, const std::string& text)
     {

@@ -138,7 +138,8 @@ TEST_P(ElevatedRun, ResultOutputAndLog)
     EXPECT_EQ(c.rc, r.code);
     EXPECT_EQ(c.rc == 0 ? c.out : r.text, c.block == 0 ? fkit::ReadFile(ran) : r.text);
     EXPECT_EQ(c.times, TestLog::Count(mark, c.logged));
-    EXPECT_EQ(c.answers, TestLog::Count(mark, "write password to tty: " + std::to_string(pwd.size()) + "\n"));
+    EXPECT_EQ(c.answers, TestLog::Count(mark, "write password to tty: " + std::to_string(pwd.size()) + "\n"))
+        << TestLog::Since(mark);
     EXPECT_EQ(0, TestLog::Count(mark, who.password));
 }
 

@@ -16,6 +16,11 @@ static const std::string kLongPwd(130, 'L');   /* with its newline, over the 128
 static const ptk::PtyCase kRuns[] = {
     { "AnyCasePromptAnswered", { "bash", "-c", "stty -echo; printf '[sudo] PASSWORD for bob: '; "
       "IFS= read -r -t 5 l; printf '\\n'; [ \"$l\" = pw-1 ]" }, "pw-1", 1, -1, 0, 1 },
+    /* sudo's lecture comes with echo off already, in pieces: only the prompt after it is answered */
+    { "LectureInPiecesThenPromptAnsweredOnce", { "bash", "-c", "stty -echo; printf 'We trust you have received "
+      "the usual lecture.\\n'; sleep 0.3; printf 'Think before you type.\\n\\n'; sleep 0.3; printf '[sudo] password "
+      "for bob: '; IFS= read -r -t 5 l; printf '\\n'; IFS= read -r -t 1 x && exit 91; [ \"$l\" = pw-l ]" }, "pw-l", 1,
+      -1, 0, 1 },
     { "NoPasswordAnswersBareNewline", { "bash", "-c", PROMPT "[ -z \"$l\" ]" }, "", 1, -1, 0, 0 },
     { "PromptAfterTryAgainInOneChunkAnswered", { "bash", "-c", "stty -echo; printf 'Sorry, try again. "
       "[sudo] password for bob: '; IFS= read -r -t 5 l; printf '\\n'; [ \"$l\" = pw-2 ]" }, "pw-2", 1, -1, 0, 1 },

@@ -181,7 +181,7 @@ int STDIOChannel::write_line(char* buffer)
         /* an interrupted or partial write goes on where it stopped (a non-blocking stream waits) */
         if (w < 0 && (errno == EINTR || errno == EAGAIN)) {
             struct pollfd pfd = { fd, POLLOUT, 0 };
-            if (errno == EAGAIN)
+            if (errno == EAGAIN && (m_stop == NULL || *m_stop == 0))   /* stopping: the wait above is bounded */
                 poll(&pfd, 1, -1);
             continue;
         }

@@ -213,8 +213,9 @@ static int is_new_prompt(const PtyRun* run, const char* text, int* answered)
     /* a prompt longer than a chunk (sudo's lecture comes with it) is answered at its end */
     if (ioctl(run->masterFd, FIONREAD, &pending) == 0 && pending > 0)
         return 0;
-    /* only a terminal reading with its echo off asks for a password: other text is output */
-    return text[0] != '\0' && noecho;
+    /* a password goes only to a prompt (the line still being written) of a terminal reading with echo off */
+    const char* last = strrchr(text, '\n');
+    return (last != NULL ? last[1] : text[0]) != '\0' && noecho;
 }
 
 /*
