@@ -64,11 +64,8 @@ int ping(ExecProto* proto, const char* text)
 /* Procedure 3 in message mode (block 0) or background mode (block 1). */
 int exec(ExecProto* proto, const char* cmd, int block)
 {
-    ExecCmdargs a = {(int)strlen(cmd) + 1, const_cast<char*>(cmd), !block, block, 1,
-                     const_cast<char*>(""), const_cast<char*>(""), 0};
-    ExecCmdres r = {0, 0, NULL};
-    int rc = proto->call(EA_PROC_EXEC_CMD, JXDR_PROC(ExecCmdargs, jxdr_ExecCmdargs), (char*)&a,
-                         JXDR_PROC(ExecCmdres, jxdr_ExecCmdres), (char*)&r);
+    ExecCmdres r;
+    int rc = bench_exec(proto, cmd, block, &r);
     return rc != 0 ? rc : r.cmd_ret;
 }
 

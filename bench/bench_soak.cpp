@@ -131,12 +131,8 @@ long pipelined_pings(EactlSession* s, long first, long n)
  * message mode). */
 int exec(ExecProto* proto, const char* cmd, int block)
 {
-    ExecCmdargs a = {(int)strlen(cmd) + 1, const_cast<char*>(cmd), !block, block, 1,
-                     const_cast<char*>(""), const_cast<char*>(""), 0};
-    ExecCmdres r = {0, 0, NULL};
-    int rc = proto->call(EA_PROC_EXEC_CMD, JXDR_PROC(ExecCmdargs, jxdr_ExecCmdargs), (char*)&a,
-                         JXDR_PROC(ExecCmdres, jxdr_ExecCmdres), (char*)&r);
-    if (rc != 0 || r.cmd_ret != 0)
+    ExecCmdres r;
+    if (bench_exec(proto, cmd, block, &r) != 0 || r.cmd_ret != 0)
         return -1;
     return block || (r.cmd && strncmp(r.cmd, "soak", 4) == 0) ? 0 : -1;
 }
