@@ -208,15 +208,13 @@ static int check_collect_report(const char* path, ExecCmdres* res)
 /*
  * The check makes its report world-writable: while it runs, the directory
  * that holds the report is closed to other users when it is the agent's
- * own (root and the agent keep their way in), and a report left from before
- * is removed so that no one holds it open.  Returns the directory, or -1.
+ * own (root and the agent keep their way in).  Returns the directory, or -1.
  */
 static int check_close_report_dir(struct stat* was)
 {
     int dir = open(GetTargetBootstrapDir(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
     if (dir < 0)
         return -1;
-    unlinkat(dir, CHECK_REPORT_NAME, 0);
     if (fstat(dir, was) != 0 || was->st_uid != geteuid() || (was->st_mode & 077) == 0 ||
         fchmod(dir, was->st_mode & 07700) != 0) {
         close(dir);
@@ -279,8 +277,9 @@ int check_machine(ExecCmdargs* args, ExecCmdres* res)
     memset(path, 0, sizeof(path));
     path_join(GetTargetBootstrapDir(), CHECK_REPORT_NAME, path, sizeof(path));
     zel_trusted t;
-    /* a report root may not trust (a link, another account's) goes first: touch and chmod would follow it */
-    if (zel_trust_open_path(path, O_RDONLY, 0, ZT_LOOSE_OK, &t) != 0 && errno == EPERM && t.name[0] != '\0')
+    /* a report from before goes first (touch and chmod would follow a link, and no one may hold it open) */
+    int found = zel_trust_open_path(path, O_RDONLY, 0, ZT_LOOSE_OK, &t);
+    if ((found == 0 || errno == EPERM) && t.name[0] != '\0')
         unlinkat(t.dir, t.name, 0);
     zel_trust_close(&t);
     /* never cut; the report path is one shell word, the server's command stays a command */

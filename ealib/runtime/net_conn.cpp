@@ -11,9 +11,9 @@
 #include <stdlib.h>
 #include <string.h>
 #include <sys/uio.h>
-#include <time.h>
 #include <unistd.h>
 #include "net_conn.h"
+#include "zelcommon.h"
 #include "zellog.h"
 
 #define CH_PENDING 65536   /* one line of the largest size read_line() hands out */
@@ -124,13 +124,6 @@ int STDIOChannel::read_pending_line(char* buffer, int size)
     }
 }
 
-static long long now_ms(void)
-{
-    struct timespec t;
-    clock_gettime(CLOCK_MONOTONIC, &t);
-    return (long long)t.tv_sec * 1000 + t.tv_nsec / 1000000;
-}
-
 /* The first cap bytes of the left iovecs at v, as n iovecs in out. */
 static int cap_iov(const struct iovec* v, int left, struct iovec* out, size_t cap)
 {
@@ -166,7 +159,7 @@ int STDIOChannel::write_line(char* buffer)
         int n = left;
         /* stopping: a reader that takes nothing for 5 s cannot hold the agent in a blocked write */
         if (m_stop != NULL && *m_stop != 0) {
-            long long now = now_ms();
+            long long now = zel_now_ms();
             give_up = give_up ? give_up : now + CH_STOP_GRACE_MS;
             struct pollfd pfd = { fd, POLLOUT, 0 };
             int ready = now < give_up ? poll(&pfd, 1, (int)(give_up - now)) : 0;
